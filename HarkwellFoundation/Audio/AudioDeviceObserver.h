@@ -1,0 +1,65 @@
+// AudioDeviceObserver: the audio member of the observer family. It answers the base's device
+// queries from the audio property reads, and keeps the base informed through the audio listeners:
+// the device list, and per observed device its running state and selected input source. A
+// Bluetooth device's running state is also polled on the base's timer, because Bluetooth devices
+// do not always report it.
+//
+// All listeners run on deviceEventHandlerQueue(). The start and stop hooks are called by the
+// controller (or the client) on one thread at a time, and by the teardown. Listener callbacks refer
+// to the observer without keeping it alive.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "HarkwellFoundation/Audio/AudioDevicePropertyListeners.h"
+#include "HarkwellFoundation/Observer/MediaDeviceObserver.h"
+
+namespace harkwell {
+
+class AudioDeviceObserver : public MediaDeviceObserver {
+ public:
+  static std::shared_ptr<AudioDeviceObserver> create(
+      std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
+
+  MediaType mediaType() const override;
+  std::vector<std::uint32_t> connectedDeviceIDs() const override;
+  std::optional<std::string> deviceNameForDeviceID(std::uint32_t deviceID) const override;
+  std::optional<std::string> deviceInputSourceNameForDeviceID(
+      std::uint32_t deviceID) const override;
+  std::optional<std::string> deviceUIDForDeviceID(std::uint32_t deviceID) const override;
+  std::optional<MediaDeviceChannelCounts> deviceChannelCountsForDeviceID(
+      std::uint32_t deviceID) const override;
+  std::optional<bool> deviceIsRunningForDeviceID(std::uint32_t deviceID) const override;
+  std::optional<std::string> deviceModelUIDForDeviceID(std::uint32_t deviceID) const override;
+  MediaDeviceTransportType deviceTransportTypeForDeviceID(std::uint32_t deviceID) const override;
+
+  void startObservingConnectedDevices() override;
+  void stopObservingConnectedDevices() override;
+  void startObservingPropertiesForDeviceID(std::uint32_t deviceID) override;
+  void stopObservingPropertiesForDeviceID(std::uint32_t deviceID) override;
+  void stopObservingPropertiesForAllDevices() override;
+
+  // Inspection for tests and tools.
+  bool isObservingConnectedDevices() const;
+  std::size_t deviceIsRunningObserverCount() const;
+  std::size_t deviceSelectedInputSourceObserverCount() const;
+
+ protected:
+  explicit AudioDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
+
+ private:
+  // Guards the three members below; never held while the service is called.
+  mutable std::mutex observersMutex_;
+  std::optional<AudioDevicePropertyObserver> _connectedDevicesChangedObserver;
+  std::unordered_map<std::uint32_t, AudioDevicePropertyObserver> _deviceIsRunningObservers;
+  std::unordered_map<std::uint32_t, AudioDevicePropertyObserver>
+      _deviceSelectedInputSourceObservers;
+};
+
+}  // namespace harkwell

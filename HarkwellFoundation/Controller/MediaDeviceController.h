@@ -1,0 +1,94 @@
+// MediaDeviceController: the object a client creates. While `observeDevices` is true it owns one
+// audio and one video observer on its event-handler queue, hands their events and updating
+// brackets to the client's two callbacks, sends the initial discovery of the devices already
+// present, starts a device's property observation before the client hears of it and stops it
+// before the client hears it is gone. It also answers three list queries from the observers'
+// caches.
+//
+// Threads: every client callback runs on deviceEventHandlerQueue(), never overlapping when the
+// queue is serial (the default queue is). Configure the controller from one thread; the list
+// queries may be called from any thread. Switching observation off from a thread other than the
+// main thread may wait for the main thread (it can invalidate the polling timer there).
+//
+// Lifetime: an observing controller keeps itself alive through its observers (their updating
+// forwarder owns it), so it goes on observing and calling its callbacks after the client drops
+// its last reference. Writing false to observeDevices breaks that cycle.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "HarkwellFoundation/Audio/AudioDeviceObserver.h"
+#include "HarkwellFoundation/Model/MediaDevice.h"
+#include "HarkwellFoundation/Platform/DispatchQueue.h"
+#include "HarkwellFoundation/Video/VideoDeviceObserver.h"
+
+namespace harkwell {
+
+class MediaDeviceController : public std::enable_shared_from_this<MediaDeviceController> {
+ public:
+  using UpdatingDevicesHandler = std::function<void(bool finished)>;
+  using DeviceEventHandler = std::function<void(MediaDeviceEvent, const MediaDevice&)>;
+
+  // The process-wide serial queue used when a controller is made without one; its label ends in
+  // ".HarkwellFoundation.DefaultDeviceEventHandlerQueue". Made once, on first use.
+  static std::shared_ptr<DispatchQueue> defaultDeviceEventHandlerQueue();
+
+  // A new, idle controller; it starts nothing. Without a queue it uses the default one.
+  static std::shared_ptr<MediaDeviceController> create(
+      std::shared_ptr<DispatchQueue> deviceEventHandlerQueue = nullptr);
+
+  MediaDeviceController(const MediaDeviceController&) = delete;
+  MediaDeviceController& operator=(const MediaDeviceController&) = delete;
+  virtual ~MediaDeviceController();
+
+  const std::shared_ptr<DispatchQueue>& deviceEventHandlerQueue() const {
+    return deviceEventHandlerQueue_;
+  }
+
+  virtual bool observeDevices() const;
+  // true starts observation (fresh observers, one initial discovery); false stops it. Writing the
+  // stored value again does nothing.
+  virtual void setObserveDevices(bool observeDevices);
+
+  // Audio devices, then video devices; empty while not observing.
+  virtual std::vector<MediaDevice> connectedDevices() const;
+  virtual std::vector<MediaDevice> connectedInputDevices() const;
+  virtual std::vector<MediaDevice> connectedSupportedDevices() const;
+
+  virtual UpdatingDevicesHandler updatingDevicesHandler() const;
+  virtual void setUpdatingDevicesHandler(UpdatingDevicesHandler handler);
+  virtual DeviceEventHandler deviceEventHandler() const;
+  virtual void setDeviceEventHandler(DeviceEventHandler handler);
+
+  // The current observers (null while not observing), for tests and tools.
+  std::shared_ptr<AudioDeviceObserver> audioDeviceObserver() const;
+  std::shared_ptr<VideoDeviceObserver> videoDeviceObserver() const;
+
+ protected:
+  explicit MediaDeviceController(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
+
+ private:
+  void _startObservingDevices();
+  void _stopObservingDevices();
+  void _handleDeviceEvent(MediaDeviceObserver& observer, MediaDeviceEvent event,
+                          const MediaDevice& device);
+  template <class Observer>
+  std::shared_ptr<Observer> _makeObserver();
+
+  const std::shared_ptr<DispatchQueue> deviceEventHandlerQueue_;
+  std::atomic<bool> observeDevices_{false};
+
+  mutable std::mutex handlersMutex_;
+  UpdatingDevicesHandler updatingDevicesHandler_;
+  DeviceEventHandler deviceEventHandler_;
+
+  mutable std::mutex observersMutex_;
+  std::shared_ptr<AudioDeviceObserver> _audioDeviceObserver;
+  std::shared_ptr<VideoDeviceObserver> _videoDeviceObserver;
+};
+
+}  // namespace harkwell

@@ -1,0 +1,41 @@
+#include "HarkwellFoundation/Model/MediaDevice.h"
+
+namespace harkwell {
+
+std::optional<MediaDeviceUnsupportedReason> MediaDeviceUnsupportedReasonForChannelCounts(
+    std::uint64_t inputChannelCount, std::uint64_t outputChannelCount) {
+  if (inputChannelCount == 0) return MediaDeviceUnsupportedReason::NoInputChannels;
+  if (outputChannelCount == 0) return std::nullopt;
+  return MediaDeviceUnsupportedReason::InputAndOutputChannels;
+}
+
+namespace {
+void printOptional(std::ostream& out, const std::optional<std::string>& text) {
+  if (text) {
+    out << '"' << *text << '"';
+  } else {
+    out << "nil";
+  }
+}
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const MediaDevice& device) {
+  out << "MediaDevice(deviceID: " << device.deviceID << ", mediaType: " << device.mediaType
+      << ", deviceUID: \"" << device.deviceUID << "\", modelUID: ";
+  printOptional(out, device.modelUID);
+  out << ", transportType: " << device.transportType << ", name: \"" << device.name
+      << "\", inputSourceName: ";
+  printOptional(out, device.inputSourceName);
+  out << ", inputChannelCount: " << device.inputChannelCount
+      << ", outputChannelCount: " << device.outputChannelCount
+      << ", isConnected: " << (device.isConnected ? "true" : "false")
+      << ", isRunning: " << (device.isRunning ? "true" : "false") << ", unsupportedReason: ";
+  if (device.unsupportedReason) {
+    out << *device.unsupportedReason;
+  } else {
+    out << "nil";
+  }
+  return out << ')';
+}
+
+}  // namespace harkwell

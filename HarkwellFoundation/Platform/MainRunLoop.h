@@ -1,0 +1,62 @@
+// The main thread's event loop. It runs the main queue's work and the repeating timers that
+// observers schedule (their polling timer). Programs run it in one of three ways:
+//   - run(): blocks the main thread until stop() (like dispatch_main);
+//   - runUntil(): for a bounded time, for tests and short-lived tools;
+//   - fileDescriptor() + performDueWork(): for programs that have their own loop (GLib, Qt,
+//     epoll): add the descriptor to that loop and call performDueWork() when it is readable.
+// All of these, and RunLoopTimer::invalidate(), must be called on the main thread. Timers may be
+// scheduled from any thread.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace harkwell {
+
+class MainRunLoop;
+
+// A repeating timer on the main run loop. It keeps its action (and what the action holds) alive
+// until it is invalidated.
+class RunLoopTimer {
+ public:
+  virtual ~RunLoopTimer() = default;
+  virtual double interval() const = 0;   // seconds
+  virtual double tolerance() const = 0;  // seconds
+  virtual bool isValid() const = 0;
+  // Stops the timer and releases its action. Main thread only.
+  virtual void invalidate() = 0;
+};
+
+class MainRunLoop {
+ public:
+  static MainRunLoop& shared();
+
+  virtual ~MainRunLoop() = default;
+
+  // A repeating timer whose first firing comes one interval from now; its action runs on the main
+  // thread at every firing until the timer is invalidated.
+  virtual std::shared_ptr<RunLoopTimer> scheduleRepeatingTimer(double interval, double tolerance,
+                                                               std::function<void()> action) = 0;
+
+  virtual void run() = 0;
+  // Makes run() return; any thread may call it.
+  virtual void stop() = 0;
+  // Runs the loop until `done` returns true (checked after each pass) or `timeout` has passed in
+  // real time; returns the last value of `done`.
+  virtual bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) = 0;
+  // Readable whenever work is due.
+  virtual int fileDescriptor() const = 0;
+  // Runs the main queue's waiting work and fires the timers that are due; never blocks.
+  virtual void performDueWork() = 0;
+
+  // Tests drive the loop's clock: after useManualClock() time stands still until
+  // advanceManualClock() moves it, and timers fire by that clock. useSystemClock() goes back.
+  virtual void useManualClock() = 0;
+  virtual void advanceManualClock(std::chrono::nanoseconds delta) = 0;
+  virtual void useSystemClock() = 0;
+  // How many valid timers are scheduled.
+  virtual std::size_t scheduledTimerCount() const = 0;
+};
+
+}  // namespace harkwell

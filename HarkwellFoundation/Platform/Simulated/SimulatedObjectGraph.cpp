@@ -1,0 +1,462 @@
+#include "HarkwellFoundation/Platform/Simulated/SimulatedObjectGraph.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/PlatformString.h"
+
+namespace harkwell {
+
+// --- SimulatedPropertyValue ----------------------------------------------------------------------
+
+namespace {
+std::vector<std::uint8_t> bytesOf(const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  return std::vector<std::uint8_t>(bytes, bytes + size);
+}
+}  // namespace
+
+SimulatedPropertyValue SimulatedPropertyValue::UInt32(std::uint32_t value) {
+  return SimulatedPropertyValue(bytesOf(&value, sizeof value));
+}
+
+SimulatedPropertyValue SimulatedPropertyValue::Int32(std::int32_t value) {
+  return SimulatedPropertyValue(bytesOf(&value, sizeof value));
+}
+
+SimulatedPropertyValue SimulatedPropertyValue::String(std::optional<std::string> text) {
+  return SimulatedPropertyValue(Storage(std::in_place_index<1>, std::move(text)));
+}
+
+SimulatedPropertyValue SimulatedPropertyValue::IDList(std::vector<std::uint32_t> ids) {
+  return SimulatedPropertyValue(Storage(std::in_place_index<2>, std::move(ids)));
+}
+
+SimulatedPropertyValue SimulatedPropertyValue::Bytes(std::vector<std::uint8_t> bytes) {
+  return SimulatedPropertyValue(Storage(std::in_place_index<0>, std::move(bytes)));
+}
+
+SimulatedPropertyValue SimulatedPropertyValue::TranslationTable(Translation table) {
+  return SimulatedPropertyValue(Storage(std::in_place_index<3>, std::move(table)));
+}
+
+SimulatedPropertyValue SimulatedPropertyValue::withReportedSize(std::uint32_t size) const {
+  SimulatedPropertyValue copy = *this;
+  copy.reportedSize_ = size;
+  return copy;
+}
+
+std::uint32_t SimulatedPropertyValue::reportedSize() const {
+  if (reportedSize_) return *reportedSize_;
+  switch (storage_.index()) {
+    case 0:
+      return static_cast<std::uint32_t>(std::get<0>(storage_).size());
+    case 1:
+      return sizeof(PlatformStringRef);
+    case 2:
+      return static_cast<std::uint32_t>(std::get<2>(storage_).size() * sizeof(std::uint32_t));
+    default:
+      return kAudioValueTranslationDataSize;
+  }
+}
+
+std::optional<std::uint32_t> SimulatedPropertyValue::asUInt32() const {
+  const auto* bytes = std::get_if<0>(&storage_);
+  if (!bytes || bytes->size() != 4) return std::nullopt;
+  std::uint32_t value;
+  std::memcpy(&value, bytes->data(), 4);
+  return value;
+}
+
+std::optional<std::int32_t> SimulatedPropertyValue::asInt32() const {
+  auto value = asUInt32();
+  if (!value) return std::nullopt;
+  return static_cast<std::int32_t>(*value);
+}
+
+std::optional<std::optional<std::string>> SimulatedPropertyValue::asString() const {
+  if (const auto* text = std::get_if<1>(&storage_)) return *text;
+  return std::nullopt;
+}
+
+std::optional<std::vector<std::uint32_t>> SimulatedPropertyValue::asIDList() const {
+  if (const auto* ids = std::get_if<2>(&storage_)) return *ids;
+  return std::nullopt;
+}
+
+// --- SimulatedObjectGraph ------------------------------------------------------------------------
+
+SimulatedObjectGraph::SimulatedObjectGraph() {
+  objects_[kAudioObjectSystemObject];
+}
+
+void SimulatedObjectGraph::setProperty(ObjectID object, const PropertyAddress& address,
+                                       SimulatedPropertyValue value, bool notify) {
+  {
+    std::lock_guard lock(mutex_);
+    objects_[object].insert_or_assign(keyFor(object, address), std::move(value));
+  }
+  if (notify) notifyPropertyChanged(object, address);
+}
+
+void SimulatedObjectGraph::removeProperty(ObjectID object, const PropertyAddress& address) {
+  std::lock_guard lock(mutex_);
+  auto found = objects_.find(object);
+  if (found != objects_.end()) found->second.erase(keyFor(object, address));
+}
+
+std::optional<SimulatedPropertyValue> SimulatedObjectGraph::property(
+    ObjectID object, const PropertyAddress& address) const {
+  std::lock_guard lock(mutex_);
+  auto found = objects_.find(object);
+  if (found == objects_.end()) return std::nullopt;
+  auto value = found->second.find(keyFor(object, address));
+  if (value == found->second.end()) return std::nullopt;
+  return value->second;
+}
+
+void SimulatedObjectGraph::addObject(ObjectID object) {
+  std::lock_guard lock(mutex_);
+  objects_[object];
+}
+
+void SimulatedObjectGraph::removeObject(ObjectID object) {
+  std::lock_guard lock(mutex_);
+  objects_.erase(object);
+}
+
+bool SimulatedObjectGraph::hasObject(ObjectID object) const {
+  std::lock_guard lock(mutex_);
+  return objects_.count(object) != 0;
+}
+
+void SimulatedObjectGraph::notifyPropertyChanged(ObjectID object, const PropertyAddress& address) {
+  std::vector<Listener> listeners;
+  {
+    std::lock_guard lock(mutex_);
+    listeners = listenersForLocked(keyFor(object, address));
+  }
+  notifyListeners(listeners, address);
+}
+
+std::vector<SimulatedObjectGraph::Listener> SimulatedObjectGraph::listenersForLocked(
+    const AddressKey& key) const {
+  std::vector<Listener> matching;
+  for (const auto& listener : listeners_) {
+    if (listener.key == key) matching.push_back(listener);
+  }
+  return matching;
+}
+
+void SimulatedObjectGraph::notifyListeners(const std::vector<Listener>& listeners,
+                                           const PropertyAddress& address) {
+  for (const auto& listener : listeners) {
+    listener.queue->async([block = listener.block, address] { (*block)(1, &address); });
+  }
+}
+
+void SimulatedObjectGraph::addFailure(SimulatedFailure failure) {
+  std::lock_guard lock(mutex_);
+  failures_.push_back(failure);
+}
+
+void SimulatedObjectGraph::clearFailures() {
+  std::lock_guard lock(mutex_);
+  failures_.clear();
+}
+
+void SimulatedObjectGraph::setCallHook(std::function<void(const SimulatedCall&)> hook) {
+  std::lock_guard lock(mutex_);
+  hook_ = hook ? std::make_shared<const std::function<void(const SimulatedCall&)>>(std::move(hook))
+               : nullptr;
+}
+
+void SimulatedObjectGraph::setListenerMatching(ListenerMatching matching) {
+  std::lock_guard lock(mutex_);
+  matching_ = matching;
+}
+
+std::size_t SimulatedObjectGraph::listenerCount() const {
+  std::lock_guard lock(mutex_);
+  return listeners_.size();
+}
+
+std::size_t SimulatedObjectGraph::listenerCount(ObjectID object,
+                                                const PropertyAddress& address) const {
+  std::lock_guard lock(mutex_);
+  return listenersForLocked(keyFor(object, address)).size();
+}
+
+std::vector<SimulatedCall> SimulatedObjectGraph::calls() const {
+  std::lock_guard lock(mutex_);
+  return calls_;
+}
+
+void SimulatedObjectGraph::clearCalls() {
+  std::lock_guard lock(mutex_);
+  calls_.clear();
+}
+
+void SimulatedObjectGraph::setRecordingCalls(bool recording) {
+  std::lock_guard lock(mutex_);
+  recordingCalls_ = recording;
+  if (!recording) calls_.clear();
+}
+
+std::optional<OSStatus> SimulatedObjectGraph::injectedFailure(const SimulatedCall& call) {
+  std::shared_ptr<const std::function<void(const SimulatedCall&)>> hook;
+  {
+    std::lock_guard lock(mutex_);
+    hook = hook_;
+  }
+  if (hook) (*hook)(call);
+
+  std::lock_guard lock(mutex_);
+  for (auto rule = failures_.begin(); rule != failures_.end(); ++rule) {
+    if (rule->kind && *rule->kind != call.kind) continue;
+    if (rule->object && *rule->object != call.object) continue;
+    if (rule->selector && *rule->selector != call.address.mSelector) continue;
+    if (rule->scope && *rule->scope != call.address.mScope) continue;
+    const OSStatus status = rule->status;
+    if (rule->count > 0 && --rule->count == 0) failures_.erase(rule);
+    return status;
+  }
+  return std::nullopt;
+}
+
+OSStatus SimulatedObjectGraph::record(SimulatedCall call, OSStatus status) {
+  call.status = status;
+  std::lock_guard lock(mutex_);
+  if (recordingCalls_) calls_.push_back(std::move(call));
+  return status;
+}
+
+std::optional<OSStatus> SimulatedObjectGraph::checkObjectAndPropertyLocked(
+    ObjectID object, const PropertyAddress& address) const {
+  auto found = objects_.find(object);
+  if (found == objects_.end()) return badObjectStatus();
+  if (found->second.count(keyFor(object, address)) == 0) return unknownPropertyStatus();
+  return std::nullopt;
+}
+
+OSStatus SimulatedObjectGraph::handleGetPropertyDataSize(ObjectID object,
+                                                         const PropertyAddress& address,
+                                                         std::uint32_t qualifierDataSize,
+                                                         std::uint32_t* outDataSize) {
+  SimulatedCall call{.kind = SimulatedCallKind::GetPropertyDataSize,
+                     .object = object,
+                     .address = address,
+                     .qualifierDataSize = qualifierDataSize};
+  if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
+  OSStatus status = kNoErr;
+  {
+    std::lock_guard lock(mutex_);
+    if (auto problem = checkObjectAndPropertyLocked(object, address)) {
+      status = *problem;
+    } else {
+      *outDataSize = objects_.at(object).at(keyFor(object, address)).reportedSize();
+    }
+  }
+  return record(std::move(call), status);
+}
+
+OSStatus SimulatedObjectGraph::handleGetPropertyData(ObjectID object,
+                                                     const PropertyAddress& address,
+                                                     std::uint32_t qualifierDataSize,
+                                                     std::uint32_t* ioDataSize, void* outData) {
+  SimulatedCall call{.kind = SimulatedCallKind::GetPropertyData,
+                     .object = object,
+                     .address = address,
+                     .qualifierDataSize = qualifierDataSize,
+                     .dataSize = *ioDataSize};
+  if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
+  OSStatus status = kNoErr;
+  {
+    std::lock_guard lock(mutex_);
+    if (auto problem = checkObjectAndPropertyLocked(object, address)) {
+      status = *problem;
+    } else {
+      const auto& value = objects_.at(object).at(keyFor(object, address));
+      const std::uint32_t capacity = *ioDataSize;
+      switch (value.storage_.index()) {
+        case 0: {
+          const auto& bytes = std::get<0>(value.storage_);
+          if (capacity < bytes.size()) {
+            status = badPropertySizeStatus();
+            break;
+          }
+          std::memcpy(outData, bytes.data(), bytes.size());
+          *ioDataSize = static_cast<std::uint32_t>(bytes.size());
+          break;
+        }
+        case 1: {
+          if (capacity < sizeof(PlatformStringRef)) {
+            status = badPropertySizeStatus();
+            break;
+          }
+          const auto& text = std::get<1>(value.storage_);
+          PlatformStringRef string = text ? PlatformStringCreate(*text) : nullptr;
+          std::memcpy(outData, &string, sizeof string);
+          *ioDataSize = sizeof(PlatformStringRef);
+          break;
+        }
+        case 2: {
+          // Writes the whole IDs that fit both the caller's size and the list, never more.
+          const auto& ids = std::get<2>(value.storage_);
+          const std::size_t count = std::min<std::size_t>(capacity / 4, ids.size());
+          if (count > 0) std::memcpy(outData, ids.data(), count * 4);
+          *ioDataSize = static_cast<std::uint32_t>(count * 4);
+          break;
+        }
+        default: {
+          if (capacity < kAudioValueTranslationDataSize) {
+            status = badPropertySizeStatus();
+            break;
+          }
+          AudioValueTranslation translation;
+          std::memcpy(&translation, outData, kAudioValueTranslationDataSize);
+          if (translation.mInputDataSize != 4 || translation.mOutputDataSize != 8 ||
+              !translation.mInputData || !translation.mOutputData) {
+            status = badPropertySizeStatus();
+            break;
+          }
+          std::uint32_t key;
+          std::memcpy(&key, translation.mInputData, 4);
+          const auto& table = std::get<3>(value.storage_);
+          auto entry = table.find(key);
+          PlatformStringRef string = nullptr;
+          if (entry != table.end() && entry->second) string = PlatformStringCreate(*entry->second);
+          std::memcpy(translation.mOutputData, &string, sizeof string);
+          break;
+        }
+      }
+    }
+  }
+  return record(std::move(call), status);
+}
+
+OSStatus SimulatedObjectGraph::handleSetPropertyData(ObjectID object,
+                                                     const PropertyAddress& address,
+                                                     std::uint32_t qualifierDataSize,
+                                                     std::uint32_t dataSize, void* data) {
+  SimulatedCall call{.kind = SimulatedCallKind::SetPropertyData,
+                     .object = object,
+                     .address = address,
+                     .qualifierDataSize = qualifierDataSize,
+                     .dataSize = dataSize,
+                     .data = data ? bytesOf(data, dataSize) : std::vector<std::uint8_t>()};
+  if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
+  OSStatus status = kNoErr;
+  std::vector<Listener> toNotify;
+  {
+    std::lock_guard lock(mutex_);
+    if (auto problem = checkObjectAndPropertyLocked(object, address)) {
+      status = *problem;
+    } else if (!data) {
+      status = badPropertySizeStatus();
+    } else {
+      auto& value = objects_.at(object).at(keyFor(object, address));
+      if (isHogModeAddress(address)) {
+        // The platform's toggle: take a free device, release one this process holds, leave one
+        // another process holds; the owner afterwards is written back to the caller.
+        auto owner = value.asInt32();
+        if (!owner || dataSize != 4) {
+          status = badPropertySizeStatus();
+        } else {
+          const std::int32_t self = getpid();
+          std::int32_t next = *owner;
+          if (*owner == -1) {
+            next = self;
+          } else if (*owner == self) {
+            next = -1;
+          }
+          value = SimulatedPropertyValue::Int32(next);
+          std::memcpy(data, &next, 4);
+          if (next != *owner) toNotify = listenersForLocked(keyFor(object, address));
+        }
+      } else if (value.storage_.index() == 0) {
+        value = SimulatedPropertyValue::Bytes(bytesOf(data, dataSize));
+        toNotify = listenersForLocked(keyFor(object, address));
+      } else {
+        status = unknownPropertyStatus();
+      }
+    }
+  }
+  notifyListeners(toNotify, address);
+  return record(std::move(call), status);
+}
+
+bool SimulatedObjectGraph::handleHasProperty(ObjectID object, const PropertyAddress& address) {
+  SimulatedCall call{.kind = SimulatedCallKind::HasProperty, .object = object, .address = address};
+  if (auto failure = injectedFailure(call)) {
+    record(std::move(call), *failure);
+    return false;
+  }
+  bool has;
+  {
+    std::lock_guard lock(mutex_);
+    has = !checkObjectAndPropertyLocked(object, address).has_value();
+  }
+  record(std::move(call), kNoErr);
+  return has;
+}
+
+OSStatus SimulatedObjectGraph::handleAddListener(ObjectID object, const PropertyAddress& address,
+                                                 std::shared_ptr<DispatchQueue> queue,
+                                                 PlatformListenerBlockRef block) {
+  SimulatedCall call{.kind = SimulatedCallKind::AddPropertyListener,
+                     .object = object,
+                     .address = address,
+                     .queue = queue,
+                     .block = block.get(),
+                     .closure = block ? block->closure().get() : nullptr};
+  if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
+  OSStatus status = kNoErr;
+  {
+    std::lock_guard lock(mutex_);
+    if (objects_.count(object) == 0) {
+      status = badObjectStatus();
+    } else if (!queue || !block) {
+      status = unknownPropertyStatus();
+    } else {
+      listeners_.push_back(Listener{keyFor(object, address), std::move(queue), std::move(block)});
+    }
+  }
+  return record(std::move(call), status);
+}
+
+OSStatus SimulatedObjectGraph::handleRemoveListener(ObjectID object, const PropertyAddress& address,
+                                                    std::shared_ptr<DispatchQueue> queue,
+                                                    PlatformListenerBlockRef block) {
+  SimulatedCall call{.kind = SimulatedCallKind::RemovePropertyListener,
+                     .object = object,
+                     .address = address,
+                     .queue = queue,
+                     .block = block.get(),
+                     .closure = block ? block->closure().get() : nullptr};
+  if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
+  OSStatus status = kNoErr;
+  {
+    std::lock_guard lock(mutex_);
+    const auto key = keyFor(object, address);
+    auto match = std::find_if(listeners_.begin(), listeners_.end(), [&](const Listener& l) {
+      if (!(l.key == key) || l.queue != queue || !block) return false;
+      return matching_ == ListenerMatching::ByBlockIdentity
+                 ? l.block == block
+                 : l.block->closure() == block->closure();
+    });
+    if (objects_.count(object) == 0) {
+      status = badObjectStatus();
+    } else if (match == listeners_.end()) {
+      status = unknownPropertyStatus();
+    }
+    // A listener of an object that went away is dropped all the same.
+    if (match != listeners_.end()) listeners_.erase(match);
+  }
+  return record(std::move(call), status);
+}
+
+}  // namespace harkwell

@@ -1,0 +1,12 @@
+# The project's warning set, applied to every target it builds.
+function(harkwell_set_warnings target)
+  if(MSVC)
+    target_compile_options(${target} PRIVATE /W4 $<$<BOOL:${HARKWELL_WARNINGS_AS_ERRORS}>:/WX>)
+  else()
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow
+      -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
+      # Designated initialisers leave defaulted members out on purpose.
+      -Wno-missing-field-initializers
+      $<$<BOOL:${HARKWELL_WARNINGS_AS_ERRORS}>:-Werror>)
+  endif()
+endfunction()
