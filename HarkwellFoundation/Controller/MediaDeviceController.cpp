@@ -1,0 +1,181 @@
+#include "HarkwellFoundation/Controller/MediaDeviceController.h"
+
+namespace harkwell {
+
+std::shared_ptr<DispatchQueue> MediaDeviceController::defaultDeviceEventHandlerQueue() {
+  static const std::shared_ptr<DispatchQueue> queue =
+      DispatchQueue::createSerial("com.harkwell.HarkwellFoundation.DefaultDeviceEventHandlerQueue");
+  return queue;
+}
+
+std::shared_ptr<MediaDeviceController> MediaDeviceController::create(
+    std::shared_ptr<DispatchQueue> deviceEventHandlerQueue) {
+  if (!deviceEventHandlerQueue) deviceEventHandlerQueue = defaultDeviceEventHandlerQueue();
+  // Without a queue there is nowhere to deliver anything.
+  if (!deviceEventHandlerQueue) __builtin_trap();
+  return std::shared_ptr<MediaDeviceController>(
+      new MediaDeviceController(std::move(deviceEventHandlerQueue)));
+}
+
+MediaDeviceController::MediaDeviceController(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue)
+    : deviceEventHandlerQueue_(std::move(deviceEventHandlerQueue)) {}
+
+MediaDeviceController::~MediaDeviceController() {
+  _stopObservingDevices();
+}
+
+// --- The switch ----------------------------------------------------------------------------------
+
+bool MediaDeviceController::observeDevices() const {
+  return observeDevices_.load();
+}
+
+void MediaDeviceController::setObserveDevices(bool observeDevices) {
+  // Stopping may release the observers, whose forwarders own this controller.
+  const auto keepAlive = shared_from_this();
+  const bool wasObserving = observeDevices_.load();
+  if (wasObserving && !observeDevices) _stopObservingDevices();
+  observeDevices_.store(observeDevices);
+  if (!wasObserving && observeDevices) _startObservingDevices();
+}
+
+// --- Callbacks -----------------------------------------------------------------------------------
+
+MediaDeviceController::UpdatingDevicesHandler MediaDeviceController::updatingDevicesHandler()
+    const {
+  std::lock_guard lock(handlersMutex_);
+  return updatingDevicesHandler_;
+}
+
+void MediaDeviceController::setUpdatingDevicesHandler(UpdatingDevicesHandler handler) {
+  std::lock_guard lock(handlersMutex_);
+  std::swap(updatingDevicesHandler_, handler);
+}
+
+MediaDeviceController::DeviceEventHandler MediaDeviceController::deviceEventHandler() const {
+  std::lock_guard lock(handlersMutex_);
+  return deviceEventHandler_;
+}
+
+void MediaDeviceController::setDeviceEventHandler(DeviceEventHandler handler) {
+  std::lock_guard lock(handlersMutex_);
+  std::swap(deviceEventHandler_, handler);
+}
+
+// --- Starting and stopping ----------------------------------------------------------------------
+
+template <class Observer>
+std::shared_ptr<Observer> MediaDeviceController::_makeObserver() {
+  auto observer = Observer::create(deviceEventHandlerQueue_);
+  // The updating forwarder owns the controller: an observing controller keeps itself alive.
+  observer->setUpdatingDevicesHandler(
+      [self = shared_from_this()](MediaDeviceObserver&, bool finished) {
+        if (auto handler = self->updatingDevicesHandler()) handler(finished);
+      });
+  // The event forwarder does not; the stop sequence clears it before the controller can go.
+  observer->setDeviceEventHandler([weakSelf = weak_from_this()](MediaDeviceObserver& source,
+                                                                MediaDeviceEvent event,
+                                                                const MediaDevice& device) {
+    if (auto self = weakSelf.lock()) self->_handleDeviceEvent(source, event, device);
+  });
+  observer->startObservingConnectedDevices();
+  return observer;
+}
+
+void MediaDeviceController::_startObservingDevices() {
+  auto audio = _makeObserver<AudioDeviceObserver>();
+  {
+    std::lock_guard lock(observersMutex_);
+    _audioDeviceObserver = audio;
+  }
+  auto video = _makeObserver<VideoDeviceObserver>();
+  {
+    std::lock_guard lock(observersMutex_);
+    _videoDeviceObserver = video;
+  }
+  // Both observers queued their cache fill first, so on a serial queue this runs after both.
+  deviceEventHandlerQueue_->async([self = shared_from_this(), audio, video] {
+    if (auto handler = self->updatingDevicesHandler()) handler(false);
+    for (const auto& device : audio->connectedDevices()) {
+      self->_handleDeviceEvent(*audio, MediaDeviceEvent::InitialDiscovery, device);
+    }
+    for (const auto& device : video->connectedDevices()) {
+      self->_handleDeviceEvent(*video, MediaDeviceEvent::InitialDiscovery, device);
+    }
+    if (auto handler = self->updatingDevicesHandler()) handler(true);
+  });
+}
+
+void MediaDeviceController::_stopObservingDevices() {
+  auto stop = [this](auto& field) {
+    std::shared_ptr<MediaDeviceObserver> observer;
+    {
+      std::lock_guard lock(observersMutex_);
+      observer = field;
+    }
+    if (!observer) return;
+    // Only the event callback is cleared; the updating forwarder stays installed.
+    observer->setDeviceEventHandler(nullptr);
+    observer->stopObservingConnectedDevices();
+    observer->stopObservingPropertiesForAllDevices();
+    {
+      std::lock_guard lock(observersMutex_);
+      field = nullptr;
+    }
+  };
+  stop(_audioDeviceObserver);
+  stop(_videoDeviceObserver);
+}
+
+void MediaDeviceController::_handleDeviceEvent(MediaDeviceObserver& observer,
+                                               MediaDeviceEvent event, const MediaDevice& device) {
+  switch (event) {
+    case MediaDeviceEvent::InitialDiscovery:
+    case MediaDeviceEvent::Connected:
+      observer.startObservingPropertiesForDeviceID(device.deviceID);
+      break;
+    case MediaDeviceEvent::Disconnected:
+      observer.stopObservingPropertiesForDeviceID(device.deviceID);
+      break;
+    case MediaDeviceEvent::ChangedRunning:
+    case MediaDeviceEvent::ChangedInputSource:
+      break;
+  }
+  if (auto handler = deviceEventHandler()) handler(event, device);
+}
+
+// --- Lists ---------------------------------------------------------------------------------------
+
+std::shared_ptr<AudioDeviceObserver> MediaDeviceController::audioDeviceObserver() const {
+  std::lock_guard lock(observersMutex_);
+  return _audioDeviceObserver;
+}
+
+std::shared_ptr<VideoDeviceObserver> MediaDeviceController::videoDeviceObserver() const {
+  std::lock_guard lock(observersMutex_);
+  return _videoDeviceObserver;
+}
+
+std::vector<MediaDevice> MediaDeviceController::connectedDevices() const {
+  std::vector<MediaDevice> devices;
+  if (auto audio = audioDeviceObserver()) devices = audio->connectedDevices();
+  if (auto video = videoDeviceObserver()) {
+    auto videoDevices = video->connectedDevices();
+    devices.insert(devices.end(), videoDevices.begin(), videoDevices.end());
+  }
+  return devices;
+}
+
+std::vector<MediaDevice> MediaDeviceController::connectedInputDevices() const {
+  auto devices = connectedDevices();
+  std::erase_if(devices, [](const MediaDevice& device) { return !device.hasInputChannels(); });
+  return devices;
+}
+
+std::vector<MediaDevice> MediaDeviceController::connectedSupportedDevices() const {
+  auto devices = connectedDevices();
+  std::erase_if(devices, [](const MediaDevice& device) { return !device.isSupported(); });
+  return devices;
+}
+
+}  // namespace harkwell

@@ -1,0 +1,12 @@
+#include <sys/sysctl.h>
+
+#include "HarkwellFoundation/Host/ComputerModelIdentifier.h"
+#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
+
+namespace harkwell {
+
+std::optional<std::string> ComputerModelIdentifier() {
+  return ComputerModelIdentifierFromSysctl(&::sysctl);
+}
+
+}  // namespace harkwell
