@@ -7,6 +7,9 @@ function(harkwell_set_warnings target)
       -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
       # Designated initialisers leave defaulted members out on purpose.
       -Wno-missing-field-initializers
+      # GCC 12 reports std::variant and std::optional members as maybe-uninitialized in optimised
+      # builds where they are not (a known false positive of that release).
+      $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
       $<$<BOOL:${HARKWELL_WARNINGS_AS_ERRORS}>:-Werror>)
   endif()
 endfunction()
