@@ -20,10 +20,9 @@ template <class Entry>
 class Recorder {
  public:
   void append(Entry entry) {
-    {
-      std::lock_guard lock(mutex_);
-      entries_.push_back(std::move(entry));
-    }
+    // Notified under the lock: a waiter may destroy the recorder as soon as it sees the entry.
+    std::lock_guard lock(mutex_);
+    entries_.push_back(std::move(entry));
     changed_.notify_all();
   }
 
