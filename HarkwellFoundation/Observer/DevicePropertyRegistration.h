@@ -1,0 +1,34 @@
+// Adding and removing a DevicePropertyObserver with a hardware service, done the same way by the
+// audio and video listener functions. The record's listener closure calls the record's callback
+// and ignores which addresses changed. Each add and each remove hands the service a platform block
+// made anew around that closure, so a service that matches removals by block identity refuses
+// every removal (it is logged and reported as false) while one that matches by the wrapped closure
+// accepts it. Failures are written through the back end's log function; "!obj" stays silent.
+// Any thread may call; nothing is kept here.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "HarkwellFoundation/Observer/DevicePropertyObserver.h"
+#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
+#include "HarkwellFoundation/Platform/HardwareService.h"
+
+namespace harkwell {
+
+// Registers a listener on `object` at `address` that runs `callback` on `queue` once per
+// notification. Empty when the service refuses ("Unable to register for property changes of device
+// with ID <object>").
+std::optional<DevicePropertyObserver> AddDevicePropertyObserver(
+    HardwareService& service, HardwareFailureLog log, ObjectID object,
+    const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
+    std::function<void()> callback);
+
+// Asks the service to remove the record's listener at `address`; false when it refuses ("Unable to
+// unregister for property changes of device with ID <object>").
+bool RemoveDevicePropertyObserver(HardwareService& service, HardwareFailureLog log,
+                                  const DevicePropertyObserver& observer,
+                                  const PropertyAddress& address);
+
+}  // namespace harkwell

@@ -1,0 +1,138 @@
+#include "HarkwellFoundation/Video/VideoDeviceObserver.h"
+
+#include <utility>
+
+#include "HarkwellFoundation/Video/VideoDeviceProperties.h"
+
+namespace harkwell {
+
+std::shared_ptr<VideoDeviceObserver> VideoDeviceObserver::create(
+    std::shared_ptr<DispatchQueue> deviceEventHandlerQueue) {
+  return adopt(new VideoDeviceObserver(std::move(deviceEventHandlerQueue)));
+}
+
+VideoDeviceObserver::VideoDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue)
+    : MediaDeviceObserver(std::move(deviceEventHandlerQueue)) {}
+
+// --- Device-source queries -----------------------------------------------------------------------
+
+MediaType VideoDeviceObserver::mediaType() const {
+  return MediaType::Video;
+}
+
+std::vector<std::uint32_t> VideoDeviceObserver::connectedDeviceIDs() const {
+  // Screen-capture devices are cameras too.
+  return VideoDeviceConnectedDeviceIDs(true);
+}
+
+std::optional<std::string> VideoDeviceObserver::deviceNameForDeviceID(
+    std::uint32_t deviceID) const {
+  return VideoDeviceNameForDeviceID(deviceID);
+}
+
+std::optional<std::string> VideoDeviceObserver::deviceInputSourceNameForDeviceID(
+    std::uint32_t) const {
+  // A camera has no selectable input source; the service is not asked.
+  return std::nullopt;
+}
+
+std::optional<std::string> VideoDeviceObserver::deviceUIDForDeviceID(std::uint32_t deviceID) const {
+  return VideoDeviceUIDForDeviceID(deviceID);
+}
+
+std::optional<MediaDeviceChannelCounts> VideoDeviceObserver::deviceChannelCountsForDeviceID(
+    std::uint32_t deviceID) const {
+  auto inputCount = VideoDeviceInputChannelCountForDeviceID(deviceID);
+  if (!inputCount) return std::nullopt;
+  auto outputCount = VideoDeviceOutputChannelCountForDeviceID(deviceID);
+  if (!outputCount) return std::nullopt;
+  return MediaDeviceChannelCounts{.inputCount = *inputCount, .outputCount = *outputCount};
+}
+
+std::optional<bool> VideoDeviceObserver::deviceIsRunningForDeviceID(std::uint32_t deviceID) const {
+  return VideoDeviceIsRunningForDeviceID(deviceID);
+}
+
+std::optional<std::string> VideoDeviceObserver::deviceModelUIDForDeviceID(
+    std::uint32_t deviceID) const {
+  return VideoDeviceModelUIDForDeviceID(deviceID);
+}
+
+MediaDeviceTransportType VideoDeviceObserver::deviceTransportTypeForDeviceID(
+    std::uint32_t deviceID) const {
+  return VideoDeviceTransportTypeForDeviceID(deviceID).value_or(MediaDeviceTransportType::Unknown);
+}
+
+// --- Observation hooks ---------------------------------------------------------------------------
+//
+// Listener callbacks hold the observer weakly, so a notification queued after the observer went
+// away does nothing. The mutex guards the two members only and is never held across a service call.
+
+void VideoDeviceObserver::startObservingConnectedDevices() {
+  auto record = VideoDeviceAddObserverForConnectedDevices(deviceEventHandlerQueue(),
+                                                          [weakSelf = weak_from_this()] {
+                                                            if (auto self = weakSelf.lock())
+                                                              self->noteConnectedDevicesDidChange();
+                                                          });
+  // A record replaced here is dropped; its listener stays registered.
+  std::optional<VideoDevicePropertyObserver> replaced;
+  std::lock_guard lock(observersMutex_);
+  replaced = std::exchange(_connectedDevicesChangedObserver, std::move(record));
+}
+
+void VideoDeviceObserver::stopObservingConnectedDevices() {
+  std::optional<VideoDevicePropertyObserver> record;
+  {
+    std::lock_guard lock(observersMutex_);
+    record = std::exchange(_connectedDevicesChangedObserver, std::nullopt);
+  }
+  if (record) VideoDeviceRemoveObserverForConnectedDevices(*record);
+}
+
+void VideoDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t deviceID) {
+  auto record = VideoDeviceAddObserverForDeviceIsRunning(
+      deviceID, deviceEventHandlerQueue(), [weakSelf = weak_from_this(), deviceID] {
+        if (auto self = weakSelf.lock()) self->noteIsRunningChangedForDeviceID(deviceID);
+      });
+  if (!record) return;
+  // An earlier record for the device is overwritten without removing its listener.
+  std::optional<VideoDevicePropertyObserver> replaced;
+  std::lock_guard lock(observersMutex_);
+  auto [slot, inserted] = _deviceIsRunningObservers.try_emplace(deviceID, *record);
+  if (!inserted) replaced = std::exchange(slot->second, std::move(*record));
+}
+
+void VideoDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
+  // The entry stays in the map: a later start overwrites it and stopping all devices clears it.
+  std::optional<VideoDevicePropertyObserver> record;
+  {
+    std::lock_guard lock(observersMutex_);
+    auto found = _deviceIsRunningObservers.find(deviceID);
+    if (found != _deviceIsRunningObservers.end()) record = found->second;
+  }
+  if (record) VideoDeviceRemoveObserverForDeviceIsRunning(*record);
+}
+
+void VideoDeviceObserver::stopObservingPropertiesForAllDevices() {
+  std::unordered_map<std::uint32_t, VideoDevicePropertyObserver> records;
+  {
+    std::lock_guard lock(observersMutex_);
+    records.swap(_deviceIsRunningObservers);
+  }
+  for (const auto& [deviceID, record] : records)
+    VideoDeviceRemoveObserverForDeviceIsRunning(record);
+}
+
+// --- Inspection ----------------------------------------------------------------------------------
+
+bool VideoDeviceObserver::isObservingConnectedDevices() const {
+  std::lock_guard lock(observersMutex_);
+  return _connectedDevicesChangedObserver.has_value();
+}
+
+std::size_t VideoDeviceObserver::deviceIsRunningObserverCount() const {
+  std::lock_guard lock(observersMutex_);
+  return _deviceIsRunningObservers.size();
+}
+
+}  // namespace harkwell
