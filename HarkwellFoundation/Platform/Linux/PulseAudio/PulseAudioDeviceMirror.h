@@ -1,0 +1,79 @@
+// The devices a PulseAudio service shows, as objects of the audio seam: it gives each mapped device
+// an object ID, answers property reads about them, and tells which properties a new server state
+// changed. IDs are kept for the life of the mirror: a device that comes back (after its module is
+// reloaded or the server restarts) gets its old ID again, and an ID never names another device.
+//
+// Not thread-safe: the owning service serialises every call with its own lock. Nothing here blocks
+// or calls out.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
+#include "HarkwellFoundation/Platform/PropertyAddress.h"
+
+namespace harkwell {
+
+class PulseAudioDeviceMirror {
+ public:
+  // A property whose value an update changed.
+  struct Change {
+    ObjectID object = 0;
+    PropertyAddress address;
+    friend bool operator==(const Change&, const Change&) = default;
+  };
+
+  // Device IDs are handed out from here in steps of two: a device's one stream takes the ID after
+  // it (streams are named in "stm#" but are not objects of the service).
+  static constexpr ObjectID kFirstDeviceID = 100;
+
+  // Replaces the devices with `devices` and returns what changed, device list first.
+  std::vector<Change> update(const std::vector<PulseMappedDevice>& devices);
+
+  // The present devices' IDs, in the order they were first seen.
+  std::vector<ObjectID> deviceIDs() const;
+  // The system object, or a present device.
+  bool hasObject(ObjectID object) const;
+  // The present device with this ID, or null.
+  const PulseMappedDevice* device(ObjectID object) const;
+
+  // The seam's reads, with its statuses and size rules.
+  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
+                               std::uint32_t* outDataSize) const;
+  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t* ioDataSize, void* outData) const;
+  bool hasProperty(ObjectID object, const PropertyAddress& address) const;
+  // Nothing is writable: the status a write gets.
+  OSStatus setPropertyDataStatus(ObjectID object, const PropertyAddress& address) const;
+
+ private:
+  using DeviceKey = std::pair<PulseEndpointKind, std::string>;
+
+  // What the mirror remembers of every device it has ever shown.
+  struct Identity {
+    ObjectID deviceID = 0;
+    std::map<std::string, std::uint32_t> portIDs;  // input source IDs by port name
+  };
+
+  struct Entry {
+    PulseMappedDevice device;
+    std::vector<std::pair<std::uint32_t, std::string>> inputSources;  // (ID, description)
+    std::optional<std::uint32_t> selectedInputSource;
+    friend bool operator==(const Entry&, const Entry&) = default;
+  };
+
+  struct Answer;
+  Answer answer(ObjectID object, const PropertyAddress& address) const;
+  Entry entryFor(const PulseMappedDevice& device);
+
+  std::map<DeviceKey, Identity> identities_;
+  ObjectID nextDeviceID_ = kFirstDeviceID;
+  std::map<ObjectID, Entry> entries_;
+};
+
+}  // namespace harkwell

@@ -1,0 +1,91 @@
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
+
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/SystemLog.h"
+
+namespace harkwell {
+
+std::shared_ptr<PulseAudioHardwareService> PulseAudioHardwareService::create(Options options) {
+  std::shared_ptr<PulseAudioHardwareService> service(new PulseAudioHardwareService);
+  PulseAudioServerConnection::Options connectionOptions;
+  connectionOptions.server = options.server;
+  // The connection is destroyed before the rest of the service, so the raw pointer outlives it.
+  service->connection_ = PulseAudioServerConnection::start(
+      std::move(connectionOptions),
+      [raw = service.get()](const PulseServerState& state) { raw->serverStateChanged(state); });
+  if (!service->connection_) {
+    SystemLog("PulseAudio: cannot start libpulse's main loop; no audio devices will be reported");
+    return nullptr;
+  }
+  // Bounded: a server that does not answer in time is picked up later, like a server that starts.
+  service->connection_->waitForFirstOutcome(options.startupTimeout);
+  return service;
+}
+
+PulseAudioHardwareService::~PulseAudioHardwareService() {
+  connection_.reset();
+}
+
+void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state) {
+  const std::vector<PulseMappedDevice> devices = MapPulseServerState(state);
+  std::vector<PulseAudioDeviceMirror::Change> changes;
+  {
+    std::lock_guard lock(mutex_);
+    changes = mirror_.update(devices);
+  }
+  for (const auto& change : changes) listeners_.notify(change.object, change.address);
+}
+
+OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
+                                                        const PropertyAddress& address,
+                                                        std::uint32_t, const void*,
+                                                        std::uint32_t* outDataSize) {
+  std::lock_guard lock(mutex_);
+  return mirror_.getPropertyDataSize(object, address, outDataSize);
+}
+
+OSStatus PulseAudioHardwareService::getPropertyData(ObjectID object, const PropertyAddress& address,
+                                                    std::uint32_t, const void*,
+                                                    std::uint32_t* ioDataSize, void* outData) {
+  std::lock_guard lock(mutex_);
+  return mirror_.getPropertyData(object, address, ioDataSize, outData);
+}
+
+OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const PropertyAddress& address,
+                                                    std::uint32_t, const void*, std::uint32_t,
+                                                    void*) {
+  std::lock_guard lock(mutex_);
+  return mirror_.setPropertyDataStatus(object, address);
+}
+
+bool PulseAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
+  std::lock_guard lock(mutex_);
+  return mirror_.hasProperty(object, address);
+}
+
+OSStatus PulseAudioHardwareService::addPropertyListenerBlock(ObjectID object,
+                                                             const PropertyAddress& address,
+                                                             std::shared_ptr<DispatchQueue> queue,
+                                                             PlatformListenerBlockRef block) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!mirror_.hasObject(object)) return kAudioHardwareBadObjectError;
+  }
+  // A device that leaves right here keeps a listener that never fires; removing it still works.
+  if (!listeners_.add(object, address, std::move(queue), std::move(block))) {
+    return kAudioHardwareIllegalOperationError;
+  }
+  return kNoErr;
+}
+
+OSStatus PulseAudioHardwareService::removePropertyListenerBlock(
+    ObjectID object, const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
+    PlatformListenerBlockRef block) {
+  // A listener of a device that has left is removed all the same.
+  if (listeners_.remove(object, address, queue, block)) return kNoErr;
+  std::lock_guard lock(mutex_);
+  return mirror_.hasObject(object) ? kAudioHardwareIllegalOperationError
+                                   : kAudioHardwareBadObjectError;
+}
+
+}  // namespace harkwell

@@ -1,0 +1,128 @@
+// The audio hardware service on Linux: a PulseAudio server (or PipeWire through pipewire-pulse),
+// reached through libpulse, shown as the audio seam's objects and properties.
+//
+// The service keeps a mirror of the server's sources, sinks, cards and recording streams, kept
+// current on libpulse's loop thread by a subscription. Reads answer from the mirror under a short
+// lock and never wait on the server. A change updates the mirror first and then queues each
+// listener block of a property whose value changed on the listener's own queue.
+//
+// How the server appears through the seam:
+//
+//   seam                          PulseAudio
+//   ----------------------------  ----------------------------------------------------------------
+//   device                        one per source and one per sink; monitor sources are left out
+//   device ID                     100, 102, 104, ... in the order devices are first seen; kept for
+//                                 the life of the service, so a device that comes back (module
+//                                 reloaded, server restarted) has its old ID and an ID never names
+//                                 another device
+//   "dev#" (system object 1)      the present devices' IDs, ascending
+//   "lnam"                        the source's or sink's description
+//   "uid "                        the source's or sink's name
+//   "muid"                        "vendor:product" from "device.vendor.id" and "device.product.id"
+//                                 of the device, else of its card; a null string when not known
+//   "tran"                        from "device.bus", "device.api", "device.form_factor" and
+//                                 "device.class" of the device, else of its card, first match wins:
+//                                 bus bluetooth or api bluez -> "blue"; bus usb -> "usb ";
+//                                 bus firewire/ieee1394 -> "1394"; form factor internal -> "bltn";
+//                                 bus pci -> "pci "; class abstract or filter, or neither bus nor
+//                                 card -> "virt"; otherwise 0 (unknown)
+//   "stm#"                        a source has one input stream, a sink one output stream (4 bytes
+//                                 each; the stream's ID is the device's ID + 1 and is not an
+//                                 object)
+//   "gone" (running somewhere)    a sink: its state is RUNNING. A source: its state is RUNNING and
+//                                 at least one recording stream on it is neither corked nor a level
+//                                 meter (a stream the server feeds peaks, resample method "peaks",
+//                                 as volume controls open). So a volume meter does not make a
+//                                 microphone "in use"; a corked stream does not either. A change
+//                                 between IDLE and SUSPENDED changes nothing here.
+//   "ssrc" (input scope)          sources with ports only: the active port's input source ID (IDs
+//                                 count from 1 per device in the order ports are first seen)
+//   "lscn" (input scope)          sources with ports only: a port's description, by input source ID
+//                                 (a null string for an unknown ID)
+//   "oink" (hog mode)             not supported: kAudioHardwareUnknownPropertyError
+//   any other property            kAudioHardwareUnknownPropertyError; a write to any property is
+//                                 refused (kAudioHardwareIllegalOperationError when it exists)
+//   an absent object              kAudioHardwareBadObjectError
+//
+// Global properties answer in any of the three scopes. A change runs the listeners registered for
+// exactly the changed property's address: the global scope for global properties and for "dev#"
+// on the system object, the input scope for "ssrc" and "lscn".
+//
+// Server faults: when the server goes away every device leaves the list (the "dev#" listeners
+// fire), and the service reconnects with growing delays up to 2 s; the devices come back when it
+// answers again. The service never starts a server itself.
+//
+// Thread-safety: every member may be called from any thread at the same time. Listener blocks run
+// on their queues, never on the caller's or libpulse's thread.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioListenerRegistry.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
+
+namespace harkwell {
+
+class PulseAudioHardwareService final : public AudioHardwareService {
+ public:
+  struct Options {
+    // A libpulse server string ("unix:/path/native", "tcp:host"); absent: libpulse's usual search
+    // (PULSE_SERVER, client.conf, the user's own server).
+    std::optional<std::string> server;
+    // How long create() waits for the server's whole state.
+    std::chrono::milliseconds startupTimeout{2000};
+  };
+
+  // Connects and waits, at most `startupTimeout`, until the mirror holds the server's whole state,
+  // so the first read already sees every device present. Without a server it returns at once with
+  // no devices, after one log line, and the devices appear when a server starts. Null only when
+  // libpulse cannot start its loop thread.
+  static std::shared_ptr<PulseAudioHardwareService> create(Options options);
+  static std::shared_ptr<PulseAudioHardwareService> create() { return create(Options()); }
+
+  // Disconnects. No listener block is queued after this returns; blocks already queued are
+  // dropped. Must not be the last reference released on libpulse's loop thread (it never is:
+  // nothing there holds one).
+  ~PulseAudioHardwareService() override;
+
+  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
+                               std::uint32_t qualifierDataSize, const void* qualifierData,
+                               std::uint32_t* outDataSize) override;
+  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void* qualifierData,
+                           std::uint32_t* ioDataSize, void* outData) override;
+  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void* qualifierData,
+                           std::uint32_t dataSize, void* data) override;
+  bool hasProperty(ObjectID object, const PropertyAddress& address) override;
+  // Any property of a present object may be listened to.
+  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                    std::shared_ptr<DispatchQueue> queue,
+                                    PlatformListenerBlockRef block) override;
+  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                       std::shared_ptr<DispatchQueue> queue,
+                                       PlatformListenerBlockRef block) override;
+
+  // How many listeners are registered (for tests and tools).
+  std::size_t listenerCount() const { return listeners_.count(); }
+
+ private:
+  PulseAudioHardwareService() = default;
+  // On libpulse's loop thread: maps the state, updates the mirror, then notifies.
+  void serverStateChanged(const PulseServerState& state);
+
+  mutable std::mutex mutex_;
+  PulseAudioDeviceMirror mirror_;  // guarded by mutex_
+  PulseAudioListenerRegistry listeners_;
+  // Last, so it is destroyed first: no state arrives while the members above are torn down.
+  std::unique_ptr<PulseAudioServerConnection> connection_;
+};
+
+}  // namespace harkwell

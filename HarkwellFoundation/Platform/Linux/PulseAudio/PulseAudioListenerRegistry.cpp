@@ -1,0 +1,61 @@
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioListenerRegistry.h"
+
+#include <algorithm>
+
+namespace harkwell {
+
+PulseAudioListenerRegistry::~PulseAudioListenerRegistry() {
+  std::lock_guard lock(mutex_);
+  for (Registration& registration : registrations_) *registration.live = false;
+}
+
+bool PulseAudioListenerRegistry::add(ObjectID object, const PropertyAddress& address,
+                                     std::shared_ptr<DispatchQueue> queue,
+                                     PlatformListenerBlockRef block) {
+  if (!queue || !block) return false;
+  std::lock_guard lock(mutex_);
+  registrations_.push_back({object, address, std::move(queue), std::move(block),
+                            std::make_shared<std::atomic<bool>>(true)});
+  return true;
+}
+
+bool PulseAudioListenerRegistry::remove(ObjectID object, const PropertyAddress& address,
+                                        const std::shared_ptr<DispatchQueue>& queue,
+                                        const PlatformListenerBlockRef& block) {
+  if (!block) return false;
+  std::lock_guard lock(mutex_);
+  auto match = std::find_if(
+      registrations_.begin(), registrations_.end(), [&](const Registration& registration) {
+        return registration.object == object && registration.address == address &&
+               registration.queue == queue && registration.block->closure() == block->closure();
+      });
+  if (match == registrations_.end()) return false;
+  *match->live = false;
+  registrations_.erase(match);
+  return true;
+}
+
+void PulseAudioListenerRegistry::notify(ObjectID object, const PropertyAddress& address) const {
+  std::vector<Registration> matching;
+  {
+    std::lock_guard lock(mutex_);
+    for (const Registration& registration : registrations_) {
+      if (registration.object == object && registration.address == address) {
+        matching.push_back(registration);
+      }
+    }
+  }
+  for (Registration& registration : matching) {
+    registration.queue->async(
+        [block = std::move(registration.block), live = std::move(registration.live), address] {
+          if (*live) (*block)(1, &address);
+        });
+  }
+}
+
+std::size_t PulseAudioListenerRegistry::count() const {
+  std::lock_guard lock(mutex_);
+  return registrations_.size();
+}
+
+}  // namespace harkwell

@@ -1,0 +1,317 @@
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
+
+#include <pulse/pulseaudio.h>
+
+#include <algorithm>
+
+#include "HarkwellFoundation/Platform/SystemLog.h"
+
+namespace harkwell {
+namespace {
+
+constexpr const char* kClientName = "HarkwellFoundation";
+
+void Release(pa_operation* operation) {
+  if (operation) pa_operation_unref(operation);
+}
+
+// Replaces or inserts `value` under `index`; whether anything changed.
+template <class Value>
+bool Store(std::map<std::uint32_t, Value>& map, std::uint32_t index, Value value) {
+  auto found = map.find(index);
+  if (found != map.end() && found->second == value) return false;
+  map.insert_or_assign(index, std::move(value));
+  return true;
+}
+
+// Where each kind of record is kept, and how it is copied from libpulse's.
+constexpr auto kSources = &PulseServerState::sources;
+constexpr auto kSinks = &PulseServerState::sinks;
+constexpr auto kCards = &PulseServerState::cards;
+constexpr auto kRecordings = &PulseServerState::recordingStreams;
+constexpr auto kSource = &PulseEndpointFromSourceInfo;
+constexpr auto kSink = &PulseEndpointFromSinkInfo;
+constexpr auto kCard = &PulseCardFromCardInfo;
+constexpr auto kRecording = &PulseRecordingStreamFromSourceOutputInfo;
+
+}  // namespace
+
+std::unique_ptr<PulseAudioServerConnection> PulseAudioServerConnection::start(
+    Options options, StateHandler handler) {
+  std::unique_ptr<PulseAudioServerConnection> connection(
+      new PulseAudioServerConnection(std::move(options), std::move(handler)));
+  if (!connection->loop_) return nullptr;
+  pa_threaded_mainloop_set_name(connection->loop_, "harkwell-pulse");
+  if (pa_threaded_mainloop_start(connection->loop_) < 0) {
+    pa_threaded_mainloop_free(connection->loop_);
+    connection->loop_ = nullptr;
+    return nullptr;
+  }
+  pa_threaded_mainloop_lock(connection->loop_);
+  connection->connect();
+  pa_threaded_mainloop_unlock(connection->loop_);
+  return connection;
+}
+
+PulseAudioServerConnection::PulseAudioServerConnection(Options options, StateHandler handler)
+    : options_(std::move(options)),
+      handler_(std::move(handler)),
+      loop_(pa_threaded_mainloop_new()),
+      retryDelay_(options_.firstRetryDelay) {}
+
+PulseAudioServerConnection::~PulseAudioServerConnection() {
+  if (!loop_) return;
+  pa_threaded_mainloop_lock(loop_);
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop_);
+  if (retryTimer_) api->time_free(retryTimer_);
+  retryTimer_ = nullptr;
+  if (context_) {
+    pa_context* context = context_;
+    context_ = nullptr;
+    pa_context_set_state_callback(context, nullptr, nullptr);
+    pa_context_set_subscribe_callback(context, nullptr, nullptr);
+    pa_context_disconnect(context);
+    pa_context_unref(context);
+  }
+  releaseRetiredContexts();
+  pa_threaded_mainloop_unlock(loop_);
+  pa_threaded_mainloop_stop(loop_);
+  pa_threaded_mainloop_free(loop_);
+}
+
+PulseAudioServerConnection::FirstOutcome PulseAudioServerConnection::waitForFirstOutcome(
+    std::chrono::milliseconds timeout) {
+  {
+    std::unique_lock lock(outcomeMutex_);
+    if (outcomeChanged_.wait_for(lock, timeout, [&] { return firstOutcome_.has_value(); })) {
+      return *firstOutcome_;
+    }
+  }
+  // The loop thread may settle the outcome meanwhile; under its lock the answer is final.
+  pa_threaded_mainloop_lock(loop_);
+  FirstOutcome outcome = FirstOutcome::StillWaiting;
+  if (synchronised_) {
+    outcome = FirstOutcome::Synchronised;
+  } else if (inOutage_) {
+    outcome = FirstOutcome::NoServer;
+  } else {
+    inOutage_ = true;
+    SystemLog("PulseAudio: the server did not answer within " + std::to_string(timeout.count()) +
+              " ms; devices will appear when it does");
+  }
+  pa_threaded_mainloop_unlock(loop_);
+  return outcome;
+}
+
+void PulseAudioServerConnection::settleFirstOutcome(FirstOutcome outcome) {
+  {
+    std::lock_guard lock(outcomeMutex_);
+    if (firstOutcome_) return;
+    firstOutcome_ = outcome;
+  }
+  outcomeChanged_.notify_all();
+}
+
+void PulseAudioServerConnection::releaseRetiredContexts() {
+  for (pa_context* context : retired_) pa_context_unref(context);
+  retired_.clear();
+}
+
+void PulseAudioServerConnection::connect() {
+  releaseRetiredContexts();
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop_);
+  pa_proplist* properties = pa_proplist_new();
+  pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, kClientName);
+  pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, "org.harkwell.HarkwellFoundation");
+  context_ = pa_context_new_with_proplist(api, kClientName, properties);
+  pa_proplist_free(properties);
+  if (!context_) {
+    // Only when libpulse is out of memory; try again later like any failed attempt.
+    scheduleReconnect();
+    return;
+  }
+  pa_context_set_state_callback(
+      context_,
+      [](pa_context* context, void* userdata) {
+        auto* self = static_cast<PulseAudioServerConnection*>(userdata);
+        if (context != self->context_) return;
+        switch (pa_context_get_state(context)) {
+          case PA_CONTEXT_READY:
+            self->onReady();
+            break;
+          case PA_CONTEXT_FAILED:
+          case PA_CONTEXT_TERMINATED:
+            self->onFailed(context);
+            break;
+          default:
+            break;
+        }
+      },
+      this);
+  // A monitoring library must not start a sound server as a side effect: no autospawn.
+  const char* server = options_.server ? options_.server->c_str() : nullptr;
+  pa_context* attempt = context_;
+  if (pa_context_connect(attempt, server, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0 &&
+      context_ == attempt) {
+    // libpulse usually reports the failure through the state callback already; if it did not,
+    // the attempt ends here.
+    onFailed(attempt);
+  }
+}
+
+void PulseAudioServerConnection::onReady() {
+  pa_context* context = context_;
+  pa_context_set_subscribe_callback(
+      context,
+      [](pa_context* c, pa_subscription_event_type_t event, std::uint32_t index, void* userdata) {
+        auto* self = static_cast<PulseAudioServerConnection*>(userdata);
+        if (c != self->context_) return;
+        self->onServerEvent(event & PA_SUBSCRIPTION_EVENT_FACILITY_MASK,
+                            event & PA_SUBSCRIPTION_EVENT_TYPE_MASK, index);
+      },
+      this);
+  // Subscribing before listing: a change made while the lists are read is fetched again after.
+  const auto mask = static_cast<pa_subscription_mask_t>(
+      PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_CARD |
+      PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT);
+  Release(pa_context_subscribe(context, mask, nullptr, nullptr));
+
+  state_ = PulseServerState();
+  listsPending_ = 4;
+  Release(
+      pa_context_get_card_info_list(context, &received<pa_card_info, kCards, kCard, true>, this));
+  Release(
+      pa_context_get_sink_info_list(context, &received<pa_sink_info, kSinks, kSink, true>, this));
+  Release(pa_context_get_source_info_list(
+      context, &received<pa_source_info, kSources, kSource, true>, this));
+  Release(pa_context_get_source_output_info_list(
+      context, &received<pa_source_output_info, kRecordings, kRecording, true>, this));
+}
+
+void PulseAudioServerConnection::onListDone() {
+  if (--listsPending_ > 0) return;
+  synchronised_ = true;
+  retryDelay_ = options_.firstRetryDelay;
+  if (inOutage_) {
+    inOutage_ = false;
+    const char* server = context_ ? pa_context_get_server(context_) : nullptr;
+    SystemLog(std::string("PulseAudio: connected to the server at ") +
+              (server ? server : "(unknown address)"));
+  }
+  publish();
+  settleFirstOutcome(FirstOutcome::Synchronised);
+}
+
+void PulseAudioServerConnection::onFailed(pa_context* context) {
+  const std::string reason = pa_strerror(pa_context_errno(context));
+  pa_context_set_state_callback(context, nullptr, nullptr);
+  pa_context_set_subscribe_callback(context, nullptr, nullptr);
+  pa_context_disconnect(context);
+  retired_.push_back(context);
+  context_ = nullptr;
+  listsPending_ = 0;
+
+  const bool hadState = synchronised_;
+  synchronised_ = false;
+  state_ = PulseServerState();
+  if (!inOutage_) {
+    inOutage_ = true;
+    if (hadState) {
+      SystemLog("PulseAudio: lost the server (" + reason + "); reconnecting");
+    } else {
+      SystemLog("PulseAudio: no server answered (" + reason +
+                "); devices will appear when one starts");
+    }
+  }
+  // Every device leaves with the server.
+  if (hadState) handler_(state_);
+  settleFirstOutcome(FirstOutcome::NoServer);
+  scheduleReconnect();
+}
+
+void PulseAudioServerConnection::scheduleReconnect() {
+  pa_mainloop_api* api = pa_threaded_mainloop_get_api(loop_);
+  timeval when;
+  pa_gettimeofday(&when);
+  pa_timeval_add(&when, static_cast<pa_usec_t>(retryDelay_.count()) * PA_USEC_PER_MSEC);
+  retryDelay_ = std::min(retryDelay_ * 2, options_.longestRetryDelay);
+  retryTimer_ = api->time_new(
+      api, &when,
+      [](pa_mainloop_api* timerApi, pa_time_event* timer, const timeval*, void* userdata) {
+        auto* self = static_cast<PulseAudioServerConnection*>(userdata);
+        timerApi->time_free(timer);
+        self->retryTimer_ = nullptr;
+        self->connect();
+      },
+      this);
+}
+
+void PulseAudioServerConnection::onServerEvent(unsigned facility, unsigned type,
+                                               std::uint32_t index) {
+  if (type != PA_SUBSCRIPTION_EVENT_REMOVE) {
+    fetch(facility, index);
+    return;
+  }
+  bool changed = false;
+  switch (facility) {
+    case PA_SUBSCRIPTION_EVENT_SOURCE:
+      changed = state_.sources.erase(index) != 0;
+      break;
+    case PA_SUBSCRIPTION_EVENT_SINK:
+      changed = state_.sinks.erase(index) != 0;
+      break;
+    case PA_SUBSCRIPTION_EVENT_CARD:
+      changed = state_.cards.erase(index) != 0;
+      break;
+    case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
+      changed = state_.recordingStreams.erase(index) != 0;
+      break;
+    default:
+      break;
+  }
+  if (changed) publish();
+}
+
+void PulseAudioServerConnection::fetch(unsigned facility, std::uint32_t index) {
+  // A fetch that finds nothing (the object went away meanwhile) is followed by its removal event.
+  switch (facility) {
+    case PA_SUBSCRIPTION_EVENT_SOURCE:
+      Release(pa_context_get_source_info_by_index(
+          context_, index, &received<pa_source_info, kSources, kSource, false>, this));
+      break;
+    case PA_SUBSCRIPTION_EVENT_SINK:
+      Release(pa_context_get_sink_info_by_index(
+          context_, index, &received<pa_sink_info, kSinks, kSink, false>, this));
+      break;
+    case PA_SUBSCRIPTION_EVENT_CARD:
+      Release(pa_context_get_card_info_by_index(
+          context_, index, &received<pa_card_info, kCards, kCard, false>, this));
+      break;
+    case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
+      Release(pa_context_get_source_output_info(
+          context_, index, &received<pa_source_output_info, kRecordings, kRecording, false>, this));
+      break;
+    default:
+      break;
+  }
+}
+
+template <class Info, auto Member, auto Convert, bool kList>
+void PulseAudioServerConnection::received(pa_context* context, const Info* info, int eol,
+                                          void* userdata) {
+  auto* self = static_cast<PulseAudioServerConnection*>(userdata);
+  if (context != self->context_) return;  // about a context that has failed since
+  const bool changed = info && Store(self->state_.*Member, info->index, Convert(*info));
+  if constexpr (kList) {
+    // A list ends with one call that has `eol` set (negative on error).
+    if (eol != 0) self->onListDone();
+  } else {
+    if (changed) self->publish();
+  }
+}
+
+void PulseAudioServerConnection::publish() {
+  if (synchronised_) handler_(state_);
+}
+
+}  // namespace harkwell

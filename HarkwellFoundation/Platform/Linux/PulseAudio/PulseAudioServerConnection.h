@@ -1,0 +1,102 @@
+// A live copy of a PulseAudio server's state. The connection runs libpulse's threaded main loop on
+// a thread of its own: it connects (libpulse finds the server as every client does: PULSE_SERVER,
+// client.conf, the user's socket; it never starts a server), subscribes to changes, fetches each
+// source, sink, card or recording stream that changed, and hands the whole state to its handler.
+// When the server goes away it hands over an empty state and reconnects with growing delays.
+//
+// It writes one log line when no server answers at start-up (or not in the time the owner waits),
+// one when the server goes away, and one when it connects after either; retries are silent.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
+
+struct pa_threaded_mainloop;
+struct pa_context;
+struct pa_time_event;
+
+namespace harkwell {
+
+class PulseAudioServerConnection {
+ public:
+  // Runs on the loop thread, with the server's whole state: after every change once the state is
+  // complete, and with an empty state when the server goes away. It must not block and must not
+  // call back into the connection.
+  using StateHandler = std::function<void(const PulseServerState& state)>;
+
+  struct Options {
+    // A libpulse server string ("unix:/run/user/1000/pulse/native"); absent: libpulse's choice.
+    std::optional<std::string> server;
+    // Delays between reconnection attempts: the first, doubled after each failure up to the last.
+    std::chrono::milliseconds firstRetryDelay{100};
+    std::chrono::milliseconds longestRetryDelay{2000};
+  };
+
+  // How the first connection attempt ended.
+  enum class FirstOutcome { Synchronised, NoServer, StillWaiting };
+
+  // Starts the loop thread and the first attempt, and returns at once. Null only if libpulse could
+  // not start its loop.
+  static std::unique_ptr<PulseAudioServerConnection> start(Options options, StateHandler handler);
+
+  // Disconnects and stops the loop thread; the handler is not running and never runs again once
+  // this returns. Must not be called on the loop thread.
+  ~PulseAudioServerConnection();
+
+  PulseAudioServerConnection(const PulseAudioServerConnection&) = delete;
+  PulseAudioServerConnection& operator=(const PulseAudioServerConnection&) = delete;
+
+  // Waits at most `timeout` for the first attempt to end: the whole state was handed over, or no
+  // server answered. StillWaiting when the timeout passed first; that is logged, and so is the
+  // connection when it comes.
+  FirstOutcome waitForFirstOutcome(std::chrono::milliseconds timeout);
+
+ private:
+  PulseAudioServerConnection(Options options, StateHandler handler);
+
+  // Everything below runs on the loop thread, with libpulse's loop lock held.
+  void connect();
+  void onReady();
+  void onFailed(pa_context* context);
+  void onListDone();
+  void scheduleReconnect();
+  void publish();
+  void settleFirstOutcome(FirstOutcome outcome);
+  void releaseRetiredContexts();
+
+  void onServerEvent(unsigned facility, unsigned type, std::uint32_t index);
+  void fetch(unsigned facility, std::uint32_t index);
+
+  // libpulse's callback for one kind of record (Info): keeps a copy made by Convert in the state's
+  // Member map; a list's final call completes that list, a single fetch publishes a change.
+  template <class Info, auto Member, auto Convert, bool kList>
+  static void received(pa_context* context, const Info* info, int eol, void* userdata);
+
+  Options options_;
+  StateHandler handler_;
+  pa_threaded_mainloop* loop_ = nullptr;
+  pa_context* context_ = nullptr;
+  // Failed contexts, released outside libpulse's callbacks about them.
+  std::vector<pa_context*> retired_;
+  pa_time_event* retryTimer_ = nullptr;
+  std::chrono::milliseconds retryDelay_;
+  PulseServerState state_;
+  int listsPending_ = 0;
+  bool synchronised_ = false;
+  // Between a failed first attempt or a lost server and the next synchronisation.
+  bool inOutage_ = false;
+
+  std::mutex outcomeMutex_;
+  std::condition_variable outcomeChanged_;
+  std::optional<FirstOutcome> firstOutcome_;
+};
+
+}  // namespace harkwell

@@ -1,0 +1,88 @@
+// What the library keeps of a PulseAudio server's state: plain copies of the sources, sinks, cards
+// and recording streams that libpulse reports, keyed by the server's own indexes. The connection
+// fills one on libpulse's loop thread; everything else receives copies. Values only: no libpulse
+// object is referenced after a conversion returns.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+// libpulse's records, as its introspection callbacks hand them over.
+struct pa_source_info;
+struct pa_sink_info;
+struct pa_card_info;
+struct pa_source_output_info;
+
+namespace harkwell {
+
+// A proplist's string entries ("device.bus" -> "usb").
+using PulseProperties = std::map<std::string, std::string>;
+
+enum class PulseEndpointKind { Source, Sink };
+
+// The server's device states, which sources and sinks share.
+enum class PulseEndpointState { Running, Idle, Suspended, Invalid };
+
+// A port of a source or sink: a jack, a built-in microphone, a line input.
+struct PulsePort {
+  std::string name;
+  std::string description;
+
+  friend bool operator==(const PulsePort&, const PulsePort&) = default;
+};
+
+// A source or a sink.
+struct PulseEndpoint {
+  PulseEndpointKind kind = PulseEndpointKind::Source;
+  std::uint32_t index = 0;
+  std::string name;
+  std::string description;
+  std::optional<std::uint32_t> cardIndex;  // absent for devices no card owns (null sinks)
+  bool isMonitor = false;                  // a source that records what a sink plays
+  PulseEndpointState state = PulseEndpointState::Invalid;
+  std::vector<PulsePort> ports;
+  std::optional<std::string> activePortName;  // absent when the device has no ports
+  PulseProperties properties;
+
+  friend bool operator==(const PulseEndpoint&, const PulseEndpoint&) = default;
+};
+
+struct PulseCard {
+  std::uint32_t index = 0;
+  std::string name;
+  PulseProperties properties;
+
+  friend bool operator==(const PulseCard&, const PulseCard&) = default;
+};
+
+// A source output: a stream that records from a source.
+struct PulseRecordingStream {
+  std::uint32_t index = 0;
+  std::uint32_t sourceIndex = 0;
+  bool corked = false;
+  // A level meter: the server feeds it peaks instead of samples (resample method "peaks"), as
+  // volume-control programs ask for.
+  bool levelMeter = false;
+
+  friend bool operator==(const PulseRecordingStream&, const PulseRecordingStream&) = default;
+};
+
+struct PulseServerState {
+  std::map<std::uint32_t, PulseEndpoint> sources;
+  std::map<std::uint32_t, PulseEndpoint> sinks;
+  std::map<std::uint32_t, PulseCard> cards;
+  std::map<std::uint32_t, PulseRecordingStream> recordingStreams;
+
+  friend bool operator==(const PulseServerState&, const PulseServerState&) = default;
+};
+
+// Copies of libpulse's records. Null strings become empty ones; a record's proplist may be null.
+PulseEndpoint PulseEndpointFromSourceInfo(const pa_source_info& info);
+PulseEndpoint PulseEndpointFromSinkInfo(const pa_sink_info& info);
+PulseCard PulseCardFromCardInfo(const pa_card_info& info);
+PulseRecordingStream PulseRecordingStreamFromSourceOutputInfo(const pa_source_output_info& info);
+
+}  // namespace harkwell

@@ -1,0 +1,483 @@
+// The PulseAudio service against a real pulseaudio daemon that each test starts on a private
+// socket: start-up, devices coming and going, running state, server faults, and listeners.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <future>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
+#include "HarkwellFoundation/Platform/PlatformString.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/PrivatePulseServer.h"
+#include "tests/support/PulseTestClient.h"
+#include "tests/support/Waiting.h"
+
+namespace harkwell {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ChildProcess;
+using testing::DrainQueue;
+using testing::LogCapture;
+using testing::PrivatePulseServer;
+using testing::PulseTestClient;
+using testing::Recorder;
+
+PropertyAddress Global(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
+}
+PropertyAddress Input(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeInput, kAudioObjectPropertyElementMaster};
+}
+PropertyAddress Output(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeOutput, kAudioObjectPropertyElementMaster};
+}
+
+const PropertyAddress kDevices = Global(kAudioHardwarePropertyDevices);
+const PropertyAddress kRunning = Global(kAudioDevicePropertyDeviceIsRunningSomewhere);
+
+std::vector<ObjectID> DeviceIDs(AudioHardwareService& service) {
+  std::uint32_t size = 0;
+  if (service.getPropertyDataSize(kAudioObjectSystemObject, kDevices, 0, nullptr, &size) !=
+      kNoErr) {
+    return {};
+  }
+  std::vector<ObjectID> ids(size / 4);
+  if (service.getPropertyData(kAudioObjectSystemObject, kDevices, 0, nullptr, &size, ids.data()) !=
+      kNoErr) {
+    return {};
+  }
+  ids.resize(size / 4);
+  return ids;
+}
+
+std::optional<std::string> StringProperty(AudioHardwareService& service, ObjectID device,
+                                          std::uint32_t selector) {
+  OwnedPlatformString string;
+  std::uint32_t size = sizeof(PlatformStringRef);
+  if (service.getPropertyData(device, Global(selector), 0, nullptr, &size, string.slot()) !=
+          kNoErr ||
+      !string.get()) {
+    return std::nullopt;
+  }
+  return PlatformStringText(string.get());
+}
+
+std::optional<std::uint32_t> UInt32Property(AudioHardwareService& service, ObjectID device,
+                                            const PropertyAddress& address) {
+  std::uint32_t value = 0;
+  std::uint32_t size = sizeof value;
+  if (service.getPropertyData(device, address, 0, nullptr, &size, &value) != kNoErr) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::optional<std::uint32_t> SizeOf(AudioHardwareService& service, ObjectID device,
+                                    const PropertyAddress& address) {
+  std::uint32_t size = 0;
+  if (service.getPropertyDataSize(device, address, 0, nullptr, &size) != kNoErr) {
+    return std::nullopt;
+  }
+  return size;
+}
+
+std::optional<ObjectID> DeviceWithUID(AudioHardwareService& service, const std::string& uid) {
+  for (ObjectID id : DeviceIDs(service)) {
+    if (StringProperty(service, id, kAudioDevicePropertyDeviceUID) == uid) return id;
+  }
+  return std::nullopt;
+}
+
+// A listener on one property: each call records the property's value as the block reads it, so a
+// test sees both that it fired and what the service answered by then.
+class PropertyProbe {
+ public:
+  PropertyProbe(AudioHardwareService& service, ObjectID object, PropertyAddress address,
+                std::shared_ptr<DispatchQueue> queue)
+      : service_(service), object_(object), address_(address), queue_(std::move(queue)) {
+    closure_ = std::make_shared<const PropertyListener>([this](std::uint32_t,
+                                                               const PropertyAddress*) {
+      std::uint32_t size = 0;
+      service_.getPropertyDataSize(object_, address_, 0, nullptr, &size);
+      std::vector<std::uint32_t> value(size / 4);
+      if (service_.getPropertyData(object_, address_, 0, nullptr, &size, value.data()) != kNoErr) {
+        value.clear();
+      }
+      calls_.append(value);
+    });
+  }
+  ~PropertyProbe() { remove(); }
+
+  OSStatus add() {
+    const OSStatus status = service_.addPropertyListenerBlock(
+        object_, address_, queue_, PlatformListenerBlock::copy(closure_));
+    added_ = status == kNoErr;
+    return status;
+  }
+  OSStatus remove() {
+    if (!added_) return kNoErr;
+    added_ = false;
+    const OSStatus status = service_.removePropertyListenerBlock(
+        object_, address_, queue_, PlatformListenerBlock::copy(closure_));
+    DrainQueue(queue_);
+    return status;
+  }
+  // The values read in the calls so far (an ID list, or one running flag).
+  Recorder<std::vector<std::uint32_t>>& calls() { return calls_; }
+  bool waitForValue(const std::vector<std::uint32_t>& value) {
+    return calls_.waitUntil(
+        [&](const auto& values) { return !values.empty() && values.back() == value; });
+  }
+
+ private:
+  AudioHardwareService& service_;
+  ObjectID object_;
+  PropertyAddress address_;
+  std::shared_ptr<DispatchQueue> queue_;
+  SharedPropertyListener closure_;
+  Recorder<std::vector<std::uint32_t>> calls_;
+  bool added_ = false;
+};
+
+class PulseAudioServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!PrivatePulseServer::isInstalled()) {
+      GTEST_SKIP() << "the pulseaudio program is not installed (Debian package pulseaudio)";
+    }
+  }
+
+  void startServer() {
+    const std::string error = server_.start();
+    ASSERT_EQ(error, "");
+  }
+
+  std::shared_ptr<PulseAudioHardwareService> makeService(
+      std::chrono::milliseconds startupTimeout = 2000ms) {
+    PulseAudioHardwareService::Options options;
+    options.server = server_.address();
+    options.startupTimeout = startupTimeout;
+    return PulseAudioHardwareService::create(options);
+  }
+
+  PulseTestClient& client() {
+    if (!client_) client_ = std::make_unique<PulseTestClient>(server_.address());
+    return *client_;
+  }
+
+  // Loads a null source, and waits until the service lists it, its notifications queued on
+  // `queue` before the call returns. Everything the server did before is then visible too: the
+  // server reports changes in order, and the service applies them in order.
+  void loadBarrierSource(AudioHardwareService& service, const std::shared_ptr<DispatchQueue>& queue,
+                         const std::string& name) {
+    PropertyProbe list(service, kAudioObjectSystemObject, kDevices, queue);
+    ASSERT_EQ(list.add(), kNoErr);
+    ASSERT_TRUE(client().loadModule("module-null-source", "source_name=" + name));
+    ASSERT_TRUE(list.calls().waitUntil(
+        [&](const auto&) { return DeviceWithUID(service, name).has_value(); }));
+    DrainQueue(queue);
+  }
+
+  PrivatePulseServer server_;
+  std::unique_ptr<PulseTestClient> client_;
+  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("test.pulseaudio");
+};
+
+TEST_F(PulseAudioServiceTest, DevicesPresentAtStartAreListedByTheFirstRead) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+
+  // Read at once: creating the service waited for the server's whole state.
+  const std::vector<ObjectID> ids = DeviceIDs(*service);
+  ASSERT_EQ(ids.size(), 2u) << "the null sink's monitor is not a device";
+  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
+  const auto sink = DeviceWithUID(*service, PrivatePulseServer::kNullSinkName);
+  ASSERT_TRUE(source && sink);
+
+  EXPECT_EQ(StringProperty(*service, *source, kAudioObjectPropertyName),
+            PrivatePulseServer::kNullSourceDescription);
+  EXPECT_EQ(StringProperty(*service, *sink, kAudioObjectPropertyName),
+            PrivatePulseServer::kNullSinkDescription);
+  EXPECT_EQ(StringProperty(*service, *source, kAudioDevicePropertyModelUID), std::nullopt);
+  EXPECT_EQ(UInt32Property(*service, *source, Global(kAudioDevicePropertyTransportType)),
+            kAudioDeviceTransportTypeVirtual);
+  EXPECT_EQ(UInt32Property(*service, *sink, Global(kAudioDevicePropertyTransportType)),
+            kAudioDeviceTransportTypeVirtual);
+  EXPECT_EQ(SizeOf(*service, *source, Input(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(SizeOf(*service, *source, Output(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(SizeOf(*service, *sink, Input(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(SizeOf(*service, *sink, Output(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 0u);
+  EXPECT_FALSE(service->hasProperty(*source, Input(kAudioDevicePropertyDataSource)));
+  EXPECT_EQ(UInt32Property(*service, *source, Global(kAudioDevicePropertyHogMode)), std::nullopt);
+  std::uint32_t size = 4;
+  std::int32_t owner = 0;
+  EXPECT_EQ(service->getPropertyData(*source, Global(kAudioDevicePropertyHogMode), 0, nullptr,
+                                     &size, &owner),
+            kAudioHardwareUnknownPropertyError);
+}
+
+TEST_F(PulseAudioServiceTest, NoServerAtStartLogsOneLineAndConnectsWhenOneStarts) {
+  LogCapture log;
+  const auto started = std::chrono::steady_clock::now();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2000ms) << "no server: no waiting";
+  EXPECT_TRUE(DeviceIDs(*service).empty());
+  EXPECT_EQ(log.lines(), std::vector<std::string>{
+                             "PulseAudio: no server answered (Connection refused); devices will "
+                             "appear when one starts"});
+
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+  startServer();
+  ASSERT_TRUE(list.calls().waitUntil(
+      [](const auto& values) { return !values.empty() && values.back().size() == 2; }));
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                             "PulseAudio: no server answered (Connection refused); "
+                             "devices will appear when one starts",
+                             "PulseAudio: connected to the server at " + server_.address()}));
+}
+
+TEST_F(PulseAudioServiceTest, StartupWaitIsBoundedWhenTheServerDoesNotAnswer) {
+  startServer();
+  server_.pause();
+  LogCapture log;
+  const auto started = std::chrono::steady_clock::now();
+  auto service = makeService(300ms);
+  const auto waited = std::chrono::steady_clock::now() - started;
+  ASSERT_TRUE(service);
+  EXPECT_GE(waited, 300ms);
+  EXPECT_LT(waited, 2000ms);
+  EXPECT_TRUE(DeviceIDs(*service).empty());
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{
+                "PulseAudio: the server did not answer within 300 ms; devices will appear when "
+                "it does"});
+
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+  server_.resume();
+  ASSERT_TRUE(list.calls().waitUntil(
+      [](const auto& values) { return !values.empty() && values.back().size() == 2; }));
+  EXPECT_EQ(log.lines().size(), 2u);
+  EXPECT_EQ(log.lines().back(), "PulseAudio: connected to the server at " + server_.address());
+}
+
+TEST_F(PulseAudioServiceTest, ReadsAnswerFromTheMirrorWhileTheServerHangs) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  server_.pause();
+  auto reads = std::async(std::launch::async, [&] {
+    const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
+    return source && UInt32Property(*service, *source, kRunning) == 0u;
+  });
+  ASSERT_EQ(reads.wait_for(5s), std::future_status::ready) << "a read waited for the server";
+  EXPECT_TRUE(reads.get());
+  server_.resume();
+}
+
+TEST_F(PulseAudioServiceTest, LoadingANullSourceAddsADeviceBeforeTheListenerRuns) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const std::vector<ObjectID> before = DeviceIDs(*service);
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+
+  ASSERT_TRUE(
+      client().loadModule("module-null-source", "source_name=extra_source description=Extra"));
+
+  ASSERT_TRUE(list.calls().waitForCount(1));
+  const std::vector<std::uint32_t> seenByListener = list.calls().entries()[0];
+  ASSERT_EQ(seenByListener.size(), before.size() + 1);
+  const auto added = DeviceWithUID(*service, "extra_source");
+  ASSERT_TRUE(added);
+  EXPECT_EQ(seenByListener.back(), *added);
+  EXPECT_EQ(StringProperty(*service, *added, kAudioObjectPropertyName), "Extra");
+}
+
+TEST_F(PulseAudioServiceTest, UnloadingTheModuleRemovesTheDevice) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const auto module = client().loadModule("module-null-source", "source_name=extra_source");
+  ASSERT_TRUE(module);
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+  ASSERT_TRUE(list.calls().waitUntil(
+      [&](const auto&) { return DeviceWithUID(*service, "extra_source").has_value(); }));
+  const ObjectID extra = *DeviceWithUID(*service, "extra_source");
+  list.calls().clear();
+
+  ASSERT_TRUE(client().unloadModule(*module));
+
+  ASSERT_TRUE(list.calls().waitUntil(
+      [&](const auto& values) { return !values.empty() && values.back().size() == 2; }));
+  EXPECT_FALSE(DeviceWithUID(*service, "extra_source"));
+  std::uint32_t size = 0;
+  EXPECT_EQ(
+      service->getPropertyDataSize(extra, Global(kAudioObjectPropertyName), 0, nullptr, &size),
+      kAudioHardwareBadObjectError);
+  EXPECT_FALSE(service->hasProperty(extra, Global(kAudioObjectPropertyName)));
+}
+
+TEST_F(PulseAudioServiceTest, RecordingStreamMakesTheSourceRunningUntilItCloses) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(source);
+  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
+
+  auto recording = client().record(PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(recording);
+  ASSERT_TRUE(running.waitForValue({1}));
+  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 1u);
+
+  recording.reset();
+  ASSERT_TRUE(running.waitForValue({0}));
+  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 0u);
+}
+
+TEST_F(PulseAudioServiceTest, ParecordMakesTheSourceRunningUntilItExits) {
+  if (!ChildProcess::findProgram("parecord")) {
+    GTEST_SKIP() << "parecord is not installed (Debian package pulseaudio-utils)";
+  }
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(source);
+  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
+
+  ChildProcess parecord;
+  std::string error;
+  ASSERT_TRUE(
+      parecord.start({"parecord", "--raw",
+                      std::string("--device=") + PrivatePulseServer::kNullSourceName, "/dev/null"},
+                     {{"PULSE_SERVER", server_.address()}, {"HOME", server_.folder() + "/home"}},
+                     server_.folder() + "/parecord.log", &error))
+      << error;
+  ASSERT_TRUE(running.waitForValue({1}));
+
+  parecord.stop(SIGTERM, 5s);
+  ASSERT_TRUE(running.waitForValue({0}));
+}
+
+TEST_F(PulseAudioServiceTest, LevelMetersAndCorkedStreamsDoNotMakeTheSourceRunning) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(source);
+  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
+
+  auto meter = client().record(PrivatePulseServer::kNullSourceName, {.levelMeter = true});
+  auto corked = client().record(PrivatePulseServer::kNullSourceName, {.startCorked = true});
+  ASSERT_TRUE(meter && corked);
+  // The server itself calls the source running: the meter's stream is live.
+  EXPECT_EQ(client().sourceState(PrivatePulseServer::kNullSourceName), "RUNNING");
+  loadBarrierSource(*service, queue_, "barrier_source");
+
+  EXPECT_EQ(running.calls().size(), 0u);
+  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 0u);
+
+  // Uncorking the other stream is a real recording.
+  ASSERT_TRUE(corked->setCorked(false));
+  ASSERT_TRUE(running.waitForValue({1}));
+}
+
+TEST_F(PulseAudioServiceTest, SuspendingAnIdleSourceIsNoRunningChange) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(source);
+  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
+  ASSERT_EQ(client().sourceState(PrivatePulseServer::kNullSourceName), "IDLE");
+
+  ASSERT_TRUE(client().suspendSource(PrivatePulseServer::kNullSourceName, true));
+  ASSERT_EQ(client().sourceState(PrivatePulseServer::kNullSourceName), "SUSPENDED");
+  loadBarrierSource(*service, queue_, "barrier_source");
+
+  EXPECT_EQ(running.calls().size(), 0u);
+}
+
+TEST_F(PulseAudioServiceTest, KilledServerTakesEveryDeviceAndARestartBringsThemBack) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  const std::vector<ObjectID> before = DeviceIDs(*service);
+  ASSERT_EQ(before.size(), 2u);
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+  LogCapture log;
+
+  server_.kill();
+  ASSERT_TRUE(list.waitForValue({}));
+  EXPECT_TRUE(DeviceIDs(*service).empty());
+
+  startServer();
+  ASSERT_TRUE(list.waitForValue(before));
+  EXPECT_EQ(DeviceIDs(*service), before) << "devices that come back keep their IDs";
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                             "PulseAudio: lost the server (Connection terminated); reconnecting",
+                             "PulseAudio: connected to the server at " + server_.address()}));
+}
+
+TEST_F(PulseAudioServiceTest, RemovedListenerIsNotCalled) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+  ASSERT_EQ(service->listenerCount(), 1u);
+  EXPECT_EQ(list.remove(), kNoErr) << "a new block around the same closure finds it";
+  EXPECT_EQ(service->listenerCount(), 0u);
+
+  loadBarrierSource(*service, queue_, "barrier_source");
+  EXPECT_EQ(list.calls().size(), 0u);
+}
+
+TEST_F(PulseAudioServiceTest, ListenersNeedAPresentObject) {
+  startServer();
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  PropertyProbe absent(*service, 99999, kRunning, queue_);
+  EXPECT_EQ(absent.add(), kAudioHardwareBadObjectError);
+  auto closure =
+      std::make_shared<const PropertyListener>([](std::uint32_t, const PropertyAddress*) {});
+  EXPECT_EQ(service->removePropertyListenerBlock(99999, kRunning, queue_,
+                                                 PlatformListenerBlock::copy(closure)),
+            kAudioHardwareBadObjectError);
+  EXPECT_EQ(service->removePropertyListenerBlock(kAudioObjectSystemObject, kDevices, queue_,
+                                                 PlatformListenerBlock::copy(closure)),
+            kAudioHardwareIllegalOperationError);
+}
+
+TEST_F(PulseAudioServiceTest, DefaultServiceFindsTheServerThroughPulseServer) {
+  startServer();
+  setenv("PULSE_SERVER", server_.address().c_str(), 1);
+  auto service = MakeDefaultAudioHardwareService();
+  unsetenv("PULSE_SERVER");
+  ASSERT_TRUE(std::dynamic_pointer_cast<PulseAudioHardwareService>(service));
+  EXPECT_EQ(DeviceIDs(*service).size(), 2u);
+  EXPECT_TRUE(DeviceWithUID(*service, PrivatePulseServer::kNullSourceName));
+}
+
+}  // namespace
+}  // namespace harkwell

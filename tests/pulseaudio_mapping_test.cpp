@@ -1,0 +1,449 @@
+// How a PulseAudio server's records become devices: libpulse's source, sink, card and source
+// output records as the server hands them over, copied and mapped without a server.
+#include <gtest/gtest.h>
+#include <pulse/pulseaudio.h>
+
+#include <memory>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
+
+namespace harkwell {
+namespace {
+
+// A proplist built from pairs, freed with the test.
+struct Proplist {
+  Proplist(std::initializer_list<std::pair<const char*, const char*>> entries)
+      : list(pa_proplist_new()) {
+    for (const auto& [key, value] : entries) pa_proplist_sets(list, key, value);
+  }
+  ~Proplist() { pa_proplist_free(list); }
+  Proplist(const Proplist&) = delete;
+  Proplist& operator=(const Proplist&) = delete;
+  pa_proplist* list;
+};
+
+// A source record shaped as libpulse delivers it, ports and all.
+struct SourceRecord {
+  std::vector<pa_source_port_info> ports;
+  std::vector<pa_source_port_info*> portPointers;
+  pa_source_info info{};
+
+  SourceRecord(std::uint32_t index, const char* name, const char* description) {
+    info.index = index;
+    info.name = name;
+    info.description = description;
+    info.card = PA_INVALID_INDEX;
+    info.monitor_of_sink = PA_INVALID_INDEX;
+    info.state = PA_SOURCE_IDLE;
+  }
+  void addPort(const char* name, const char* description) {
+    pa_source_port_info port{};
+    port.name = name;
+    port.description = description;
+    port.priority = 100;
+    port.available = PA_PORT_AVAILABLE_UNKNOWN;
+    ports.push_back(port);
+  }
+  // Points the record at its ports (a null-terminated array, as libpulse gives it).
+  const pa_source_info& withActivePort(std::size_t active) {
+    portPointers.clear();
+    for (auto& port : ports) portPointers.push_back(&port);
+    portPointers.push_back(nullptr);
+    info.n_ports = static_cast<std::uint32_t>(ports.size());
+    info.ports = portPointers.data();
+    info.active_port = active < ports.size() ? &ports[active] : nullptr;
+    return info;
+  }
+};
+
+pa_sink_info SinkRecord(std::uint32_t index, const char* name, const char* description) {
+  pa_sink_info info{};
+  info.index = index;
+  info.name = name;
+  info.description = description;
+  info.card = PA_INVALID_INDEX;
+  info.state = PA_SINK_IDLE;
+  return info;
+}
+
+PulseEndpoint Source(std::uint32_t index, const char* name, PulseEndpointState state) {
+  PulseEndpoint endpoint;
+  endpoint.kind = PulseEndpointKind::Source;
+  endpoint.index = index;
+  endpoint.name = name;
+  endpoint.description = name;
+  endpoint.state = state;
+  return endpoint;
+}
+
+// --- Copies of libpulse's records
+// -----------------------------------------------------------------
+
+TEST(PulseServerStateTest, SourceRecordKeepsPortsAndTheActivePort) {
+  SourceRecord record(7, "alsa_input.usb-mic", "USB Microphone");
+  record.addPort("analog-input-mic", "Microphone");
+  record.addPort("analog-input-linein", "Line In");
+  Proplist properties{{"device.bus", "usb"}, {"device.vendor.id", "046d"}};
+  record.info.proplist = properties.list;
+  record.info.card = 3;
+  record.info.state = PA_SOURCE_RUNNING;
+
+  const PulseEndpoint endpoint = PulseEndpointFromSourceInfo(record.withActivePort(1));
+
+  EXPECT_EQ(endpoint.kind, PulseEndpointKind::Source);
+  EXPECT_EQ(endpoint.index, 7u);
+  EXPECT_EQ(endpoint.name, "alsa_input.usb-mic");
+  EXPECT_EQ(endpoint.description, "USB Microphone");
+  EXPECT_EQ(endpoint.cardIndex, std::optional<std::uint32_t>(3));
+  EXPECT_FALSE(endpoint.isMonitor);
+  EXPECT_EQ(endpoint.state, PulseEndpointState::Running);
+  EXPECT_EQ(endpoint.ports, (std::vector<PulsePort>{{"analog-input-mic", "Microphone"},
+                                                    {"analog-input-linein", "Line In"}}));
+  EXPECT_EQ(endpoint.activePortName, std::optional<std::string>("analog-input-linein"));
+  EXPECT_EQ(endpoint.properties.at("device.bus"), "usb");
+  EXPECT_EQ(endpoint.properties.at("device.vendor.id"), "046d");
+}
+
+TEST(PulseServerStateTest, SourceWithoutCardPortsOrPropertiesHasNoneOfThem) {
+  SourceRecord record(1, "null", nullptr);
+  const PulseEndpoint endpoint = PulseEndpointFromSourceInfo(record.info);
+  EXPECT_EQ(endpoint.description, "");
+  EXPECT_EQ(endpoint.cardIndex, std::nullopt);
+  EXPECT_TRUE(endpoint.ports.empty());
+  EXPECT_EQ(endpoint.activePortName, std::nullopt);
+  EXPECT_TRUE(endpoint.properties.empty());
+  EXPECT_EQ(endpoint.state, PulseEndpointState::Idle);
+}
+
+TEST(PulseServerStateTest, MonitorSourceIsMarked) {
+  SourceRecord record(2, "speakers.monitor", "Monitor of Speakers");
+  record.info.monitor_of_sink = 5;
+  EXPECT_TRUE(PulseEndpointFromSourceInfo(record.info).isMonitor);
+}
+
+TEST(PulseServerStateTest, SuspendedAndInvalidStatesAreTold) {
+  SourceRecord record(2, "mic", "Mic");
+  record.info.state = PA_SOURCE_SUSPENDED;
+  EXPECT_EQ(PulseEndpointFromSourceInfo(record.info).state, PulseEndpointState::Suspended);
+  record.info.state = PA_SOURCE_INVALID_STATE;
+  EXPECT_EQ(PulseEndpointFromSourceInfo(record.info).state, PulseEndpointState::Invalid);
+}
+
+TEST(PulseServerStateTest, SinkRecordKeepsItsCardAndState) {
+  pa_sink_info info = SinkRecord(4, "alsa_output.pci", "Built-in Audio");
+  info.card = 0;
+  info.state = PA_SINK_RUNNING;
+  const PulseEndpoint endpoint = PulseEndpointFromSinkInfo(info);
+  EXPECT_EQ(endpoint.kind, PulseEndpointKind::Sink);
+  EXPECT_EQ(endpoint.cardIndex, std::optional<std::uint32_t>(0));
+  EXPECT_EQ(endpoint.state, PulseEndpointState::Running);
+  EXPECT_FALSE(endpoint.isMonitor);
+}
+
+TEST(PulseServerStateTest, CardRecordKeepsItsProperties) {
+  Proplist properties{{"device.vendor.id", "0d8c"}, {"device.product.id", "0014"}};
+  pa_card_info info{};
+  info.index = 9;
+  info.name = "alsa_card.usb-C-Media";
+  info.proplist = properties.list;
+  const PulseCard card = PulseCardFromCardInfo(info);
+  EXPECT_EQ(card.index, 9u);
+  EXPECT_EQ(card.name, "alsa_card.usb-C-Media");
+  EXPECT_EQ(card.properties,
+            (PulseProperties{{"device.product.id", "0014"}, {"device.vendor.id", "0d8c"}}));
+}
+
+TEST(PulseServerStateTest, SourceOutputFedPeaksIsALevelMeter) {
+  pa_source_output_info info{};
+  info.index = 12;
+  info.source = 7;
+  info.resample_method = "peaks";
+  EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(info),
+            (PulseRecordingStream{12, 7, false, true}));
+  info.resample_method = "copy";
+  info.corked = 1;
+  EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(info),
+            (PulseRecordingStream{12, 7, true, false}));
+  info.resample_method = nullptr;
+  EXPECT_FALSE(PulseRecordingStreamFromSourceOutputInfo(info).levelMeter);
+}
+
+// --- Devices -----------------------------------------------------------------------------------
+
+TEST(PulseDeviceMappingTest, MonitorSourcesAreLeftOutAndSourcesComeBeforeSinks) {
+  PulseServerState state;
+  PulseEndpoint monitor = Source(0, "sink.monitor", PulseEndpointState::Idle);
+  monitor.isMonitor = true;
+  state.sources.emplace(0, monitor);
+  state.sources.emplace(3, Source(3, "mic-b", PulseEndpointState::Idle));
+  state.sources.emplace(1, Source(1, "mic-a", PulseEndpointState::Idle));
+  PulseEndpoint sink = Source(0, "speakers", PulseEndpointState::Idle);
+  sink.kind = PulseEndpointKind::Sink;
+  state.sinks.emplace(0, sink);
+
+  const auto devices = MapPulseServerState(state);
+
+  ASSERT_EQ(devices.size(), 3u);
+  EXPECT_EQ(devices[0].uid, "mic-a");
+  EXPECT_EQ(devices[1].uid, "mic-b");
+  EXPECT_EQ(devices[2].uid, "speakers");
+  EXPECT_EQ(devices[2].kind, PulseEndpointKind::Sink);
+}
+
+TEST(PulseDeviceMappingTest, UIDIsTheNameAndNameIsTheDescription) {
+  SourceRecord record(1, "alsa_input.pci-0000_00_1f.3.analog-stereo", "Built-in Audio Analog");
+  PulseServerState state;
+  state.sources.emplace(1, PulseEndpointFromSourceInfo(record.info));
+  const auto devices = MapPulseServerState(state);
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].uid, "alsa_input.pci-0000_00_1f.3.analog-stereo");
+  EXPECT_EQ(devices[0].name, "Built-in Audio Analog");
+}
+
+TEST(PulseDeviceMappingTest, SourceHasOneInputStreamAndSinkOneOutputStream) {
+  PulseServerState state;
+  SourceRecord source(1, "mic", "Mic");
+  pa_sink_info sink = SinkRecord(1, "speakers", "Speakers");
+  state.sources.emplace(1, PulseEndpointFromSourceInfo(source.info));
+  state.sinks.emplace(1, PulseEndpointFromSinkInfo(sink));
+  const auto devices = MapPulseServerState(state);
+  ASSERT_EQ(devices.size(), 2u);
+  EXPECT_EQ(devices[0].inputStreamCount, 1u);
+  EXPECT_EQ(devices[0].outputStreamCount, 0u);
+  EXPECT_EQ(devices[1].inputStreamCount, 0u);
+  EXPECT_EQ(devices[1].outputStreamCount, 1u);
+}
+
+TEST(PulseDeviceMappingTest, ActivePortIsTheSelectedInputSource) {
+  SourceRecord record(1, "alsa_input.analog", "Analog Input");
+  record.addPort("analog-input-internal-mic", "Internal Microphone");
+  record.addPort("analog-input-headset-mic", "Headset Microphone");
+  PulseServerState state;
+  state.sources.emplace(1, PulseEndpointFromSourceInfo(record.withActivePort(0)));
+
+  const auto devices = MapPulseServerState(state);
+
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].inputSources,
+            (std::vector<PulsePort>{{"analog-input-internal-mic", "Internal Microphone"},
+                                    {"analog-input-headset-mic", "Headset Microphone"}}));
+  EXPECT_EQ(devices[0].selectedInputSource,
+            std::optional<std::string>("analog-input-internal-mic"));
+}
+
+TEST(PulseDeviceMappingTest, SourceWithoutPortsHasNoInputSources) {
+  SourceRecord record(1, "null_source", "Null Input");
+  PulseServerState state;
+  state.sources.emplace(1, PulseEndpointFromSourceInfo(record.info));
+  const auto devices = MapPulseServerState(state);
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_TRUE(devices[0].inputSources.empty());
+  EXPECT_EQ(devices[0].selectedInputSource, std::nullopt);
+}
+
+TEST(PulseDeviceMappingTest, SinkPortsAreNotInputSources) {
+  pa_sink_port_info speaker{};
+  speaker.name = "analog-output-speaker";
+  speaker.description = "Speakers";
+  pa_sink_port_info* ports[] = {&speaker, nullptr};
+  pa_sink_info info = SinkRecord(1, "speakers", "Speakers");
+  info.n_ports = 1;
+  info.ports = ports;
+  info.active_port = &speaker;
+  PulseServerState state;
+  state.sinks.emplace(1, PulseEndpointFromSinkInfo(info));
+
+  const auto devices = MapPulseServerState(state);
+
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_TRUE(devices[0].inputSources.empty());
+  EXPECT_EQ(devices[0].selectedInputSource, std::nullopt);
+}
+
+TEST(PulseDeviceMappingTest, ModelUIDComesFromTheCardsVendorAndProductIDs) {
+  Proplist cardProperties{{"device.vendor.id", "046d"}, {"device.product.id", "0825"}};
+  pa_card_info cardInfo{};
+  cardInfo.index = 2;
+  cardInfo.name = "alsa_card.usb-webcam";
+  cardInfo.proplist = cardProperties.list;
+  SourceRecord record(5, "alsa_input.usb-webcam", "Webcam Microphone");
+  record.info.card = 2;
+  PulseServerState state;
+  state.cards.emplace(2, PulseCardFromCardInfo(cardInfo));
+  state.sources.emplace(5, PulseEndpointFromSourceInfo(record.info));
+
+  const auto devices = MapPulseServerState(state);
+
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].modelUID, std::optional<std::string>("046d:0825"));
+}
+
+TEST(PulseDeviceMappingTest, DevicesOwnVendorAndProductComeBeforeTheCards) {
+  PulseEndpoint endpoint = Source(1, "mic", PulseEndpointState::Idle);
+  endpoint.properties = {{"device.vendor.id", "1111"}, {"device.product.id", "2222"}};
+  PulseCard card{0, "card", {{"device.vendor.id", "aaaa"}, {"device.product.id", "bbbb"}}};
+  EXPECT_EQ(PulseModelUIDFor(endpoint, &card), std::optional<std::string>("1111:2222"));
+}
+
+TEST(PulseDeviceMappingTest, ModelUIDIsAbsentUnlessVendorAndProductAreKnown) {
+  PulseEndpoint endpoint = Source(1, "mic", PulseEndpointState::Idle);
+  EXPECT_EQ(PulseModelUIDFor(endpoint, nullptr), std::nullopt);
+  PulseCard card{0, "card", {{"device.vendor.id", "046d"}}};
+  EXPECT_EQ(PulseModelUIDFor(endpoint, &card), std::nullopt);
+  card.properties["device.product.id"] = "";
+  EXPECT_EQ(PulseModelUIDFor(endpoint, &card), std::nullopt);
+}
+
+// --- Transport
+// -------------------------------------------------------------------------------------
+
+struct TransportCase {
+  const char* label;
+  PulseProperties device;
+  std::optional<PulseProperties> card;  // absent: the device has no card
+  std::uint32_t expected;
+};
+
+class PulseTransportMappingTest : public ::testing::TestWithParam<TransportCase> {};
+
+TEST_P(PulseTransportMappingTest, MapsBusApiFormFactorAndClass) {
+  const TransportCase& example = GetParam();
+  PulseEndpoint endpoint = Source(1, "device", PulseEndpointState::Idle);
+  endpoint.properties = example.device;
+  std::optional<PulseCard> card;
+  if (example.card) {
+    card = PulseCard{0, "card", *example.card};
+    endpoint.cardIndex = 0;
+  }
+  EXPECT_EQ(PulseTransportTypeFor(endpoint, card ? &*card : nullptr), example.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rules, PulseTransportMappingTest,
+    ::testing::Values(
+        TransportCase{
+            "UsbCard", {}, PulseProperties{{"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
+        TransportCase{
+            "UsbDevice", {{"device.bus", "usb"}}, std::nullopt, kAudioDeviceTransportTypeUSB},
+        TransportCase{"BluetoothBus",
+                      {{"device.bus", "bluetooth"}},
+                      PulseProperties{},
+                      kAudioDeviceTransportTypeBluetooth},
+        TransportCase{"BluezApi",
+                      {{"device.api", "bluez"}},
+                      PulseProperties{},
+                      kAudioDeviceTransportTypeBluetooth},
+        TransportCase{"FireWire",
+                      {},
+                      PulseProperties{{"device.bus", "firewire"}},
+                      kAudioDeviceTransportTypeFireWire},
+        TransportCase{"Ieee1394",
+                      {},
+                      PulseProperties{{"device.bus", "ieee1394"}},
+                      kAudioDeviceTransportTypeFireWire},
+        TransportCase{"InternalOnPci",
+                      {{"device.form_factor", "internal"}},
+                      PulseProperties{{"device.bus", "pci"}},
+                      kAudioDeviceTransportTypeBuiltIn},
+        TransportCase{"InternalUsbIsStillUsb",
+                      {{"device.form_factor", "internal"}},
+                      PulseProperties{{"device.bus", "usb"}},
+                      kAudioDeviceTransportTypeUSB},
+        TransportCase{
+            "Pci", {}, PulseProperties{{"device.bus", "pci"}}, kAudioDeviceTransportTypePCI},
+        TransportCase{"AbstractClass",
+                      {{"device.class", "abstract"}},
+                      std::nullopt,
+                      kAudioDeviceTransportTypeVirtual},
+        TransportCase{"FilterClassWithCard",
+                      {{"device.class", "filter"}},
+                      PulseProperties{},
+                      kAudioDeviceTransportTypeVirtual},
+        TransportCase{"NoBusNoCard", {}, std::nullopt, kAudioDeviceTransportTypeVirtual},
+        TransportCase{"CardWithUnknownBus",
+                      {},
+                      PulseProperties{{"device.bus", "isa"}},
+                      kAudioDeviceTransportTypeUnknown},
+        TransportCase{"CardWithoutBus",
+                      {{"device.class", "sound"}},
+                      PulseProperties{},
+                      kAudioDeviceTransportTypeUnknown},
+        TransportCase{"DeviceBusBeforeCardBus",
+                      {{"device.bus", "usb"}},
+                      PulseProperties{{"device.bus", "pci"}},
+                      kAudioDeviceTransportTypeUSB}),
+    [](const ::testing::TestParamInfo<TransportCase>& example) { return example.param.label; });
+
+TEST(PulseDeviceMappingTest, TransportComesFromTheCardRecordAsTheServerSendsIt) {
+  Proplist cardProperties{{"device.bus", "usb"}, {"device.form_factor", "headset"}};
+  pa_card_info cardInfo{};
+  cardInfo.index = 4;
+  cardInfo.name = "alsa_card.usb-headset";
+  cardInfo.proplist = cardProperties.list;
+  SourceRecord record(8, "alsa_input.usb-headset", "Headset");
+  record.info.card = 4;
+  PulseServerState state;
+  state.cards.emplace(4, PulseCardFromCardInfo(cardInfo));
+  state.sources.emplace(8, PulseEndpointFromSourceInfo(record.info));
+  const auto devices = MapPulseServerState(state);
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0].transportType, kAudioDeviceTransportTypeUSB);
+}
+
+// --- Running -------------------------------------------------------------------------------------
+
+TEST(PulseRunningMappingTest, RunningSinkIsRunning) {
+  PulseServerState state;
+  PulseEndpoint sink = Source(0, "speakers", PulseEndpointState::Running);
+  sink.kind = PulseEndpointKind::Sink;
+  EXPECT_TRUE(PulseEndpointIsRunning(sink, state));
+  sink.state = PulseEndpointState::Idle;
+  EXPECT_FALSE(PulseEndpointIsRunning(sink, state));
+}
+
+TEST(PulseRunningMappingTest, RunningSourceWithARecordingIsRunning) {
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, false});
+  EXPECT_TRUE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
+}
+
+TEST(PulseRunningMappingTest, LevelMeterAloneDoesNotMakeASourceRunning) {
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, true});
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
+  state.recordingStreams.emplace(21, PulseRecordingStream{21, 1, false, false});
+  EXPECT_TRUE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
+}
+
+TEST(PulseRunningMappingTest, CorkedRecordingDoesNotMakeASourceRunning) {
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, true, false});
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
+}
+
+TEST(PulseRunningMappingTest, RecordingOnAnotherSourceDoesNotCount) {
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 2, false, false});
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
+}
+
+TEST(PulseRunningMappingTest, IdleOrSuspendedSourceIsNotRunningWhateverItsStreams) {
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, false});
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Idle), state));
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Suspended), state));
+}
+
+TEST(PulseRunningMappingTest, IdleToSuspendedMapsToTheSameDevice) {
+  PulseServerState idle;
+  idle.sources.emplace(1, Source(1, "mic", PulseEndpointState::Idle));
+  PulseServerState suspended;
+  suspended.sources.emplace(1, Source(1, "mic", PulseEndpointState::Suspended));
+  EXPECT_EQ(MapPulseServerState(idle), MapPulseServerState(suspended));
+}
+
+}  // namespace
+}  // namespace harkwell

@@ -1,0 +1,435 @@
+// The PulseAudio service's devices as seam objects: IDs, property answers with their statuses and
+// sizes, and which properties a new server state changes.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/PlatformString.h"
+
+namespace harkwell {
+namespace {
+
+using Change = PulseAudioDeviceMirror::Change;
+
+constexpr ObjectID kFirst = PulseAudioDeviceMirror::kFirstDeviceID;
+
+PropertyAddress Global(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
+}
+PropertyAddress Input(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeInput, kAudioObjectPropertyElementMaster};
+}
+PropertyAddress Output(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeOutput, kAudioObjectPropertyElementMaster};
+}
+
+PulseMappedDevice Microphone(const std::string& uid) {
+  PulseMappedDevice device;
+  device.kind = PulseEndpointKind::Source;
+  device.uid = uid;
+  device.name = "Microphone " + uid;
+  device.transportType = kAudioDeviceTransportTypeUSB;
+  device.inputStreamCount = 1;
+  return device;
+}
+
+PulseMappedDevice Speakers(const std::string& uid) {
+  PulseMappedDevice device;
+  device.kind = PulseEndpointKind::Sink;
+  device.uid = uid;
+  device.name = "Speakers " + uid;
+  device.transportType = kAudioDeviceTransportTypeBuiltIn;
+  device.outputStreamCount = 1;
+  return device;
+}
+
+PulseMappedDevice WithPorts(PulseMappedDevice device, const std::string& selected) {
+  device.inputSources = {{"internal-mic", "Internal Microphone"},
+                         {"headset-mic", "Headset Microphone"}};
+  device.selectedInputSource = selected;
+  return device;
+}
+
+std::vector<ObjectID> ListedDevices(const PulseAudioDeviceMirror& mirror) {
+  std::uint32_t size = 0;
+  EXPECT_EQ(mirror.getPropertyDataSize(kAudioObjectSystemObject,
+                                       Global(kAudioHardwarePropertyDevices), &size),
+            kNoErr);
+  std::vector<ObjectID> ids(size / 4);
+  EXPECT_EQ(mirror.getPropertyData(kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices),
+                                   &size, ids.data()),
+            kNoErr);
+  ids.resize(size / 4);
+  return ids;
+}
+
+// A string property's text; "<null>" for a null reference, "<status N>" for a failure.
+std::string ReadString(const PulseAudioDeviceMirror& mirror, ObjectID object,
+                       std::uint32_t selector) {
+  OwnedPlatformString string;
+  std::uint32_t size = sizeof(PlatformStringRef);
+  const OSStatus status = mirror.getPropertyData(object, Global(selector), &size, string.slot());
+  if (status != kNoErr) return "<status " + std::to_string(status) + ">";
+  EXPECT_EQ(size, sizeof(PlatformStringRef));
+  return string.get() ? PlatformStringText(string.get()) : "<null>";
+}
+
+std::optional<std::uint32_t> ReadUInt32(const PulseAudioDeviceMirror& mirror, ObjectID object,
+                                        const PropertyAddress& address) {
+  std::uint32_t value = 0xdeadbeef;
+  std::uint32_t size = sizeof value;
+  if (mirror.getPropertyData(object, address, &size, &value) != kNoErr) return std::nullopt;
+  EXPECT_EQ(size, 4u);
+  return value;
+}
+
+// The name of input source `sourceID`, read through an AudioValueTranslation.
+std::string TranslateSource(const PulseAudioDeviceMirror& mirror, ObjectID object,
+                            std::uint32_t sourceID) {
+  PlatformStringRef name = nullptr;
+  AudioValueTranslation translation{&sourceID, sizeof sourceID, &name, sizeof name};
+  std::uint32_t size = kAudioValueTranslationDataSize;
+  const OSStatus status = mirror.getPropertyData(
+      object, Input(kAudioDevicePropertyDataSourceNameForIDCFString), &size, &translation);
+  if (status != kNoErr) return "<status " + std::to_string(status) + ">";
+  OwnedPlatformString owned(name);
+  return name ? PlatformStringText(name) : "<null>";
+}
+
+// --- IDs -----------------------------------------------------------------------------------------
+
+TEST(PulseAudioDeviceMirrorTest, DevicesAreListedInTheOrderFirstSeenInStepsOfTwo) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Speakers("out"), Microphone("in")});
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{kFirst, kFirst + 2}));
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyDeviceUID), "out");
+  EXPECT_EQ(ReadString(mirror, kFirst + 2, kAudioDevicePropertyDeviceUID), "in");
+}
+
+TEST(PulseAudioDeviceMirrorTest, DeviceThatComesBackKeepsItsID) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("a"), Microphone("b")});
+  mirror.update({Microphone("b")});
+  mirror.update({});
+  mirror.update({Microphone("b"), Microphone("a")});
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{kFirst, kFirst + 2}));
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyDeviceUID), "a");
+}
+
+TEST(PulseAudioDeviceMirrorTest, AnIDNeverNamesAnotherDevice) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("a")});
+  mirror.update({Microphone("c")});
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{kFirst + 2}));
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioObjectPropertyName),
+            "<status " + std::to_string(kAudioHardwareBadObjectError) + ">");
+}
+
+TEST(PulseAudioDeviceMirrorTest, SourceAndSinkOfTheSameNameAreTwoDevices) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("same"), Speakers("same")});
+  EXPECT_EQ(ListedDevices(mirror).size(), 2u);
+}
+
+// --- Property answers
+// ------------------------------------------------------------------------------
+
+TEST(PulseAudioDeviceMirrorTest, StringPropertiesAreReferencesTheCallerOwns) {
+  PulseAudioDeviceMirror mirror;
+  PulseMappedDevice device = Microphone("alsa_input.usb");
+  device.modelUID = "046d:0825";
+  mirror.update({device});
+  const std::size_t before = PlatformStringLiveCount();
+  std::uint32_t size = 0;
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioObjectPropertyName), &size), kNoErr);
+  EXPECT_EQ(size, 8u);
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioObjectPropertyName), "Microphone alsa_input.usb");
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyDeviceUID), "alsa_input.usb");
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyModelUID), "046d:0825");
+  EXPECT_EQ(PlatformStringLiveCount(), before);
+}
+
+TEST(PulseAudioDeviceMirrorTest, UnknownModelIsANullReference) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic")});
+  EXPECT_TRUE(mirror.hasProperty(kFirst, Global(kAudioDevicePropertyModelUID)));
+  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyModelUID), "<null>");
+}
+
+TEST(PulseAudioDeviceMirrorTest, GlobalPropertiesAnswerInEveryScope) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic")});
+  std::uint32_t size = 0;
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Input(kAudioObjectPropertyName), &size), kNoErr);
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Output(kAudioObjectPropertyName), &size), kNoErr);
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, {kAudioObjectPropertyName, FourCharCode("abcd"), 0},
+                                       &size),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.getPropertyDataSize(
+                kFirst, {kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal, 3}, &size),
+            kAudioHardwareUnknownPropertyError);
+}
+
+TEST(PulseAudioDeviceMirrorTest, TransportIsAFourByteCode) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Speakers("out")});
+  EXPECT_EQ(ReadUInt32(mirror, kFirst, Global(kAudioDevicePropertyTransportType)),
+            kAudioDeviceTransportTypeBuiltIn);
+}
+
+TEST(PulseAudioDeviceMirrorTest, StreamListsHaveFourBytesPerStream) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("in"), Speakers("out")});
+  auto sizeOf = [&](ObjectID device, const PropertyAddress& address) {
+    std::uint32_t size = 99;
+    EXPECT_EQ(mirror.getPropertyDataSize(device, address, &size), kNoErr);
+    return size;
+  };
+  EXPECT_EQ(sizeOf(kFirst, Input(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(sizeOf(kFirst, Output(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(sizeOf(kFirst + 2, Input(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(sizeOf(kFirst + 2, Output(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(sizeOf(kFirst + 2, Global(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(ReadUInt32(mirror, kFirst, Input(kAudioDevicePropertyStreams)), kFirst + 1);
+}
+
+TEST(PulseAudioDeviceMirrorTest, RunningSomewhereIsZeroOrOne) {
+  PulseAudioDeviceMirror mirror;
+  PulseMappedDevice device = Microphone("mic");
+  mirror.update({device});
+  EXPECT_EQ(ReadUInt32(mirror, kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)), 0u);
+  device.isRunning = true;
+  mirror.update({device});
+  EXPECT_EQ(ReadUInt32(mirror, kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)), 1u);
+}
+
+TEST(PulseAudioDeviceMirrorTest, SelectedInputSourceIsTheActivePortsID) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "headset-mic")});
+  EXPECT_TRUE(mirror.hasProperty(kFirst, Input(kAudioDevicePropertyDataSource)));
+  EXPECT_TRUE(mirror.hasProperty(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString)));
+  EXPECT_EQ(ReadUInt32(mirror, kFirst, Input(kAudioDevicePropertyDataSource)), 2u);
+  EXPECT_EQ(TranslateSource(mirror, kFirst, 2), "Headset Microphone");
+  EXPECT_EQ(TranslateSource(mirror, kFirst, 1), "Internal Microphone");
+  EXPECT_EQ(TranslateSource(mirror, kFirst, 7), "<null>");
+  std::uint32_t size = 0;
+  EXPECT_EQ(mirror.getPropertyDataSize(
+                kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString), &size),
+            kNoErr);
+  EXPECT_EQ(size, kAudioValueTranslationDataSize);
+}
+
+TEST(PulseAudioDeviceMirrorTest, InputSourceIDsStayWithTheirPorts) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
+  PulseMappedDevice reordered = Microphone("mic");
+  reordered.inputSources = {{"line-in", "Line In"}, {"headset-mic", "Headset Microphone"}};
+  reordered.selectedInputSource = "line-in";
+  mirror.update({reordered});
+  EXPECT_EQ(ReadUInt32(mirror, kFirst, Input(kAudioDevicePropertyDataSource)), 3u);
+  EXPECT_EQ(TranslateSource(mirror, kFirst, 2), "Headset Microphone");
+  EXPECT_EQ(TranslateSource(mirror, kFirst, 1), "<null>");
+}
+
+TEST(PulseAudioDeviceMirrorTest, DeviceWithoutPortsHasNoDataSourceProperties) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic"), Speakers("out")});
+  for (ObjectID device : {kFirst, kFirst + 2}) {
+    EXPECT_FALSE(mirror.hasProperty(device, Input(kAudioDevicePropertyDataSource)));
+    EXPECT_FALSE(
+        mirror.hasProperty(device, Input(kAudioDevicePropertyDataSourceNameForIDCFString)));
+    EXPECT_EQ(ReadUInt32(mirror, device, Input(kAudioDevicePropertyDataSource)), std::nullopt);
+  }
+}
+
+TEST(PulseAudioDeviceMirrorTest, DataSourceLivesInTheInputScopeOnly) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
+  EXPECT_FALSE(mirror.hasProperty(kFirst, Global(kAudioDevicePropertyDataSource)));
+  EXPECT_FALSE(mirror.hasProperty(kFirst, Output(kAudioDevicePropertyDataSource)));
+}
+
+TEST(PulseAudioDeviceMirrorTest, HogModeIsAnUnknownProperty) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic")});
+  std::int32_t owner = -1;
+  std::uint32_t size = sizeof owner;
+  EXPECT_FALSE(mirror.hasProperty(kFirst, Global(kAudioDevicePropertyHogMode)));
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioDevicePropertyHogMode), &size),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioDevicePropertyHogMode), &size, &owner),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(kAudioDevicePropertyHogMode)),
+            kAudioHardwareUnknownPropertyError);
+}
+
+TEST(PulseAudioDeviceMirrorTest, AbsentObjectIsABadObject) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic")});
+  mirror.update({});
+  std::uint32_t size = 0;
+  EXPECT_FALSE(mirror.hasObject(kFirst));
+  EXPECT_FALSE(mirror.hasProperty(kFirst, Global(kAudioObjectPropertyName)));
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioObjectPropertyName), &size),
+            kAudioHardwareBadObjectError);
+  EXPECT_EQ(ReadUInt32(mirror, 5, Global(kAudioDevicePropertyTransportType)), std::nullopt);
+  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(kAudioObjectPropertyName)),
+            kAudioHardwareBadObjectError);
+  EXPECT_TRUE(mirror.hasObject(kAudioObjectSystemObject));
+}
+
+TEST(PulseAudioDeviceMirrorTest, SystemObjectHasOnlyTheDeviceList) {
+  PulseAudioDeviceMirror mirror;
+  std::uint32_t size = 99;
+  EXPECT_EQ(mirror.getPropertyDataSize(kAudioObjectSystemObject,
+                                       Global(kAudioHardwarePropertyDevices), &size),
+            kNoErr);
+  EXPECT_EQ(size, 0u);
+  EXPECT_FALSE(mirror.hasProperty(kAudioObjectSystemObject, Global(kAudioObjectPropertyName)));
+}
+
+TEST(PulseAudioDeviceMirrorTest, BuffersTooSmallAreABadPropertySize) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
+  std::uint8_t buffer[32] = {};
+  std::uint32_t size = 3;
+  EXPECT_EQ(
+      mirror.getPropertyData(kFirst, Global(kAudioDevicePropertyTransportType), &size, buffer),
+      kAudioHardwareBadPropertySizeError);
+  size = 7;
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioObjectPropertyName), &size, buffer),
+            kAudioHardwareBadPropertySizeError);
+  size = 27;
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString),
+                                   &size, buffer),
+            kAudioHardwareBadPropertySizeError);
+}
+
+TEST(PulseAudioDeviceMirrorTest, MalformedTranslationIsABadPropertySize) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
+  std::uint32_t sourceID = 1;
+  PlatformStringRef name = nullptr;
+  AudioValueTranslation translation{&sourceID, 2, &name, sizeof name};
+  std::uint32_t size = kAudioValueTranslationDataSize;
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString),
+                                   &size, &translation),
+            kAudioHardwareBadPropertySizeError);
+  translation = {&sourceID, sizeof sourceID, nullptr, sizeof name};
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString),
+                                   &size, &translation),
+            kAudioHardwareBadPropertySizeError);
+}
+
+TEST(PulseAudioDeviceMirrorTest, DeviceListWritesTheWholeIDsThatFit) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("a"), Microphone("b"), Microphone("c")});
+  ObjectID ids[3] = {};
+  std::uint32_t size = 6;
+  EXPECT_EQ(mirror.getPropertyData(kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices),
+                                   &size, ids),
+            kNoErr);
+  EXPECT_EQ(size, 4u);
+  EXPECT_EQ(ids[0], kFirst);
+  EXPECT_EQ(ids[1], 0u);
+}
+
+TEST(PulseAudioDeviceMirrorTest, MissingBuffersAreRefused) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic")});
+  std::uint32_t size = 4;
+  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioObjectPropertyName), nullptr),
+            kAudioHardwareIllegalOperationError);
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioObjectPropertyName), nullptr, nullptr),
+            kAudioHardwareIllegalOperationError);
+  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioObjectPropertyName), &size, nullptr),
+            kAudioHardwareIllegalOperationError);
+}
+
+TEST(PulseAudioDeviceMirrorTest, NothingIsWritable) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone("mic")});
+  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(kAudioObjectPropertyName)),
+            kAudioHardwareIllegalOperationError);
+  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(FourCharCode("zzzz"))),
+            kAudioHardwareUnknownPropertyError);
+}
+
+// --- Changes -------------------------------------------------------------------------------------
+
+TEST(PulseAudioDeviceMirrorTest, ArrivalAndDepartureChangeTheDeviceList) {
+  PulseAudioDeviceMirror mirror;
+  const Change list{kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices)};
+  EXPECT_EQ(mirror.update({Microphone("a")}), std::vector<Change>{list});
+  EXPECT_EQ(mirror.update({Microphone("a"), Speakers("b")}), std::vector<Change>{list});
+  EXPECT_EQ(mirror.update({Speakers("b")}), std::vector<Change>{list});
+  EXPECT_EQ(mirror.update({}), std::vector<Change>{list});
+  EXPECT_TRUE(mirror.update({}).empty());
+}
+
+TEST(PulseAudioDeviceMirrorTest, SameDevicesChangeNothing) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("a"), "internal-mic"), Speakers("b")});
+  EXPECT_TRUE(mirror.update({WithPorts(Microphone("a"), "internal-mic"), Speakers("b")}).empty());
+}
+
+TEST(PulseAudioDeviceMirrorTest, RunningChangeNotifiesRunningSomewhereOnly) {
+  PulseAudioDeviceMirror mirror;
+  PulseMappedDevice device = Microphone("mic");
+  mirror.update({device});
+  device.isRunning = true;
+  EXPECT_EQ(mirror.update({device}),
+            (std::vector<Change>{{kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)}}));
+  device.isRunning = false;
+  EXPECT_EQ(mirror.update({device}),
+            (std::vector<Change>{{kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)}}));
+}
+
+TEST(PulseAudioDeviceMirrorTest, PortChangeNotifiesTheDataSource) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
+  EXPECT_EQ(mirror.update({WithPorts(Microphone("mic"), "headset-mic")}),
+            (std::vector<Change>{{kFirst, Input(kAudioDevicePropertyDataSource)}}));
+}
+
+TEST(PulseAudioDeviceMirrorTest, PortDescriptionChangeNotifiesTheSourceNames) {
+  PulseAudioDeviceMirror mirror;
+  mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
+  PulseMappedDevice renamed = WithPorts(Microphone("mic"), "internal-mic");
+  renamed.inputSources[1].description = "Headset";
+  EXPECT_EQ(
+      mirror.update({renamed}),
+      (std::vector<Change>{{kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString)}}));
+}
+
+TEST(PulseAudioDeviceMirrorTest, NameModelAndTransportChangesAreNotified) {
+  PulseAudioDeviceMirror mirror;
+  PulseMappedDevice device = Microphone("mic");
+  mirror.update({device});
+  device.name = "Renamed";
+  device.modelUID = "1:2";
+  device.transportType = kAudioDeviceTransportTypePCI;
+  EXPECT_EQ(mirror.update({device}),
+            (std::vector<Change>{{kFirst, Global(kAudioObjectPropertyName)},
+                                 {kFirst, Global(kAudioDevicePropertyModelUID)},
+                                 {kFirst, Global(kAudioDevicePropertyTransportType)}}));
+}
+
+TEST(PulseAudioDeviceMirrorTest, IdleToSuspendedSourceChangesNothing) {
+  PulseServerState state;
+  PulseEndpoint source;
+  source.index = 1;
+  source.name = "mic";
+  source.state = PulseEndpointState::Idle;
+  state.sources.emplace(1, source);
+  PulseAudioDeviceMirror mirror;
+  mirror.update(MapPulseServerState(state));
+  state.sources.at(1).state = PulseEndpointState::Suspended;
+  EXPECT_TRUE(mirror.update(MapPulseServerState(state)).empty());
+}
+
+}  // namespace
+}  // namespace harkwell

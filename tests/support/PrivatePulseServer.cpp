@@ -1,0 +1,128 @@
+#include "tests/support/PrivatePulseServer.h"
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+namespace harkwell::testing {
+namespace {
+
+// Whether something accepts connections on the unix socket at `path`.
+bool SocketAnswers(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  const bool answered =
+      connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return answered;
+}
+
+}  // namespace
+
+bool PrivatePulseServer::isInstalled() {
+  return ChildProcess::findProgram("pulseaudio").has_value();
+}
+
+PrivatePulseServer::PrivatePulseServer() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "harkwell-pulse-XXXXXX").string();
+  if (mkdtemp(pattern.data())) folder_ = pattern;
+  for (const char* sub : {"home", "runtime", "config", "state"}) {
+    const std::string path = folder_ + "/" + sub;
+    mkdir(path.c_str(), 0700);
+  }
+  socketPath_ = folder_ + "/native";
+  outputPath_ = folder_ + "/daemon.log";
+}
+
+PrivatePulseServer::~PrivatePulseServer() {
+  daemon_.stop(SIGKILL, std::chrono::seconds(5));
+  std::error_code ignored;
+  if (!folder_.empty()) std::filesystem::remove_all(folder_, ignored);
+}
+
+std::string PrivatePulseServer::start(std::chrono::milliseconds deadline) {
+  if (folder_.empty()) return "cannot make a temporary folder";
+  if (daemon_.isRunning()) return "already running";
+  // The daemon sees only these variables: its own folders, and no display or session bus.
+  const std::map<std::string, std::string> environment{
+      {"PATH", "/usr/local/bin:/usr/bin:/bin"},           {"HOME", folder_ + "/home"},
+      {"XDG_RUNTIME_DIR", folder_ + "/runtime"},          {"XDG_CONFIG_HOME", folder_ + "/config"},
+      {"PULSE_RUNTIME_PATH", folder_ + "/runtime/pulse"}, {"PULSE_STATE_PATH", folder_ + "/state"},
+  };
+  // The socket module comes last, so a socket that answers means the devices are there.
+  const std::vector<std::string> argv{
+      "pulseaudio",
+      "-n",
+      "--daemonize=no",
+      "--system=no",
+      "--exit-idle-time=-1",
+      "--disallow-exit=yes",
+      "--use-pid-file=no",
+      "--realtime=no",
+      "--high-priority=no",
+      "--log-target=stderr",
+      "-L",
+      std::string("module-null-sink sink_name=") + kNullSinkName +
+          " sink_properties='device.description=\"" + kNullSinkDescription + "\"'",
+      "-L",
+      std::string("module-null-source source_name=") + kNullSourceName + " description=\"" +
+          kNullSourceDescription + "\"",
+      "-L",
+      "module-native-protocol-unix auth-anonymous=1 socket=" + socketPath_,
+  };
+  std::string error;
+  if (!daemon_.start(argv, environment, outputPath_, &error)) return error;
+  const auto giveUp = std::chrono::steady_clock::now() + deadline;
+  while (!SocketAnswers(socketPath_)) {
+    if (!daemon_.isRunning()) return "pulseaudio exited at start-up:\n" + output();
+    if (std::chrono::steady_clock::now() >= giveUp) {
+      daemon_.stop(SIGKILL, std::chrono::seconds(5));
+      return "pulseaudio did not open its socket in time:\n" + output();
+    }
+    // No event tells that another process has bound its socket; try again shortly.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return {};
+}
+
+void PrivatePulseServer::kill() {
+  daemon_.stop(SIGKILL, std::chrono::seconds(5));
+}
+
+void PrivatePulseServer::stop() {
+  daemon_.stop(SIGTERM, std::chrono::seconds(5));
+}
+
+void PrivatePulseServer::pause() {
+  if (daemon_.isRunning()) ::kill(daemon_.pid(), SIGSTOP);
+}
+
+void PrivatePulseServer::resume() {
+  if (daemon_.isRunning()) ::kill(daemon_.pid(), SIGCONT);
+}
+
+bool PrivatePulseServer::isRunning() {
+  return daemon_.isRunning();
+}
+
+std::string PrivatePulseServer::output() const {
+  std::ifstream file(outputPath_);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+}  // namespace harkwell::testing
