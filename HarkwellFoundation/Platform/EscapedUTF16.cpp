@@ -1,0 +1,132 @@
+#include "HarkwellFoundation/Platform/EscapedUTF16.h"
+
+namespace harkwell {
+namespace {
+
+constexpr std::uint16_t kEscapeBase = 0xDC00;
+constexpr std::uint16_t kFirstEscape = 0xDC80;
+constexpr std::uint16_t kLastEscape = 0xDCFF;
+constexpr char32_t kReplacementCharacter = 0xFFFD;
+
+struct Decoded {
+  char32_t codePoint = 0;
+  std::size_t length = 0;  // 0: the bytes at the position do not start a well-formed sequence
+};
+
+bool inRange(unsigned char byte, unsigned char low, unsigned char high) {
+  return byte >= low && byte <= high;
+}
+
+// One well-formed UTF-8 sequence at the start of `bytes`, by the ranges of Unicode's table of
+// well-formed byte sequences: the second byte's range depends on the lead (no overlong forms, no
+// surrogates, nothing above U+10FFFF); every later byte is 80..BF.
+Decoded decodeOne(std::string_view bytes) {
+  const auto lead = static_cast<unsigned char>(bytes[0]);
+  if (lead < 0x80) return {lead, 1};
+  std::size_t length;
+  unsigned char secondLow = 0x80;
+  unsigned char secondHigh = 0xBF;
+  char32_t codePoint;
+  if (inRange(lead, 0xC2, 0xDF)) {
+    length = 2, codePoint = lead & 0x1F;
+  } else if (inRange(lead, 0xE0, 0xEF)) {
+    length = 3, codePoint = lead & 0x0F;
+    if (lead == 0xE0) secondLow = 0xA0;
+    if (lead == 0xED) secondHigh = 0x9F;
+  } else if (inRange(lead, 0xF0, 0xF4)) {
+    length = 4, codePoint = lead & 0x07;
+    if (lead == 0xF0) secondLow = 0x90;
+    if (lead == 0xF4) secondHigh = 0x8F;
+  } else {
+    return {};
+  }
+  if (bytes.size() < length) return {};
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(bytes[i]);
+    const bool fits = i == 1 ? inRange(next, secondLow, secondHigh) : inRange(next, 0x80, 0xBF);
+    if (!fits) return {};
+    codePoint = (codePoint << 6) | (next & 0x3F);
+  }
+  return {codePoint, length};
+}
+
+void appendUTF16(std::vector<std::uint16_t>& units, char32_t codePoint) {
+  if (codePoint < 0x10000) {
+    units.push_back(static_cast<std::uint16_t>(codePoint));
+    return;
+  }
+  const char32_t offset = codePoint - 0x10000;
+  units.push_back(static_cast<std::uint16_t>(0xD800 + (offset >> 10)));
+  units.push_back(static_cast<std::uint16_t>(0xDC00 + (offset & 0x3FF)));
+}
+
+void appendUTF8(std::string& bytes, char32_t codePoint) {
+  auto put = [&bytes](char32_t value) { bytes.push_back(static_cast<char>(value)); };
+  if (codePoint < 0x80) {
+    put(codePoint);
+  } else if (codePoint < 0x800) {
+    put(0xC0 | (codePoint >> 6));
+    put(0x80 | (codePoint & 0x3F));
+  } else if (codePoint < 0x10000) {
+    put(0xE0 | (codePoint >> 12));
+    put(0x80 | ((codePoint >> 6) & 0x3F));
+    put(0x80 | (codePoint & 0x3F));
+  } else {
+    put(0xF0 | (codePoint >> 18));
+    put(0x80 | ((codePoint >> 12) & 0x3F));
+    put(0x80 | ((codePoint >> 6) & 0x3F));
+    put(0x80 | (codePoint & 0x3F));
+  }
+}
+
+bool isHighSurrogate(std::uint16_t unit) {
+  return unit >= 0xD800 && unit <= 0xDBFF;
+}
+
+bool isLowSurrogate(std::uint16_t unit) {
+  return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+
+}  // namespace
+
+std::vector<std::uint16_t> EscapedUTF16FromBytes(std::string_view bytes) {
+  std::vector<std::uint16_t> units;
+  units.reserve(bytes.size());
+  while (!bytes.empty()) {
+    const Decoded decoded = decodeOne(bytes);
+    if (decoded.length == 0) {
+      // Only the lead byte is escaped; the next byte gets its own chance to start a sequence.
+      units.push_back(
+          static_cast<std::uint16_t>(kEscapeBase + static_cast<unsigned char>(bytes[0])));
+      bytes.remove_prefix(1);
+      continue;
+    }
+    appendUTF16(units, decoded.codePoint);
+    bytes.remove_prefix(decoded.length);
+  }
+  return units;
+}
+
+std::string BytesFromEscapedUTF16(std::span<const std::uint16_t> units) {
+  std::string bytes;
+  bytes.reserve(units.size());
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    const std::uint16_t unit = units[i];
+    // A pair comes first: its low half may lie in the escape range and is still a code point.
+    if (isHighSurrogate(unit) && i + 1 < units.size() && isLowSurrogate(units[i + 1])) {
+      const char32_t high = unit - 0xD800u;
+      const char32_t low = units[i + 1] - 0xDC00u;
+      appendUTF8(bytes, 0x10000 + (high << 10) + low);
+      ++i;
+    } else if (unit >= kFirstEscape && unit <= kLastEscape) {
+      bytes.push_back(static_cast<char>(unit - kEscapeBase));
+    } else if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
+      appendUTF8(bytes, kReplacementCharacter);
+    } else {
+      appendUTF8(bytes, unit);
+    }
+  }
+  return bytes;
+}
+
+}  // namespace harkwell
