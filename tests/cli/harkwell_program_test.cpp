@@ -1,0 +1,279 @@
+// The harkwell program as a user runs it: a separate process on simulated devices from a scenario
+// file, its stdout parsed as JSON, its stderr and exit status checked.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+#include <regex>
+
+#include "tests/cli/ProgramRun.h"
+
+namespace harkwell::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+constexpr auto kLineDeadline = 10s;
+
+// One audio device with input sources and one camera, then a few quick changes.
+const char* const kScenario = R"({
+  "audio": [{"deviceID": 100, "deviceUID": "usb-mic", "name": "USB Microphone",
+             "modelUID": "0d8c:0014", "transportType": "USB",
+             "inputSources": {"1": "Microphone", "2": "Line In"}, "selectedInputSource": 1}],
+  "video": [{"deviceID": 200, "deviceUID": "cam", "name": "HD Webcam", "modelUID": "046d:0825",
+             "transportType": "BuiltIn", "hogModePID": 4242}],
+  "steps": [
+    {"at": 0.05, "action": "run", "device": 100},
+    {"at": 0.10, "action": "select-source", "device": "usb-mic", "source": 2},
+    {"at": 0.15, "action": "plug", "mediaType": "Video",
+     "device": {"deviceID": 201, "deviceUID": "cam2", "name": "Second Camera",
+                "modelUID": "1234:5678", "transportType": "USB"}},
+    {"at": 0.20, "action": "run", "device": 201},
+    {"at": 0.25, "action": "stop", "device": 100},
+    {"at": 0.30, "action": "unplug", "device": 201}
+  ]
+})";
+
+json Microphone(bool running, const char* source) {
+  return json{
+      {"deviceID", 100},           {"mediaType", "Audio"},   {"deviceUID", "usb-mic"},
+      {"modelUID", "0d8c:0014"},   {"transportType", "USB"}, {"name", "USB Microphone"},
+      {"inputSourceName", source}, {"inputChannelCount", 1}, {"outputChannelCount", 0},
+      {"isConnected", true},       {"isRunning", running},   {"unsupportedReason", nullptr}};
+}
+
+json Webcam() {
+  return json{{"deviceID", 200},
+              {"mediaType", "Video"},
+              {"deviceUID", "cam"},
+              {"modelUID", "046d:0825"},
+              {"transportType", "BuiltIn"},
+              {"name", "HD Webcam"},
+              {"inputSourceName", nullptr},
+              {"inputChannelCount", 1},
+              {"outputChannelCount", 0},
+              {"isConnected", true},
+              {"isRunning", false},
+              {"unsupportedReason", nullptr}};
+}
+
+json SecondCamera(bool connected, bool running) {
+  return json{{"deviceID", 201},
+              {"mediaType", "Video"},
+              {"deviceUID", "cam2"},
+              {"modelUID", "1234:5678"},
+              {"transportType", "USB"},
+              {"name", "Second Camera"},
+              {"inputSourceName", nullptr},
+              {"inputChannelCount", 1},
+              {"outputChannelCount", 0},
+              {"isConnected", connected},
+              {"isRunning", running},
+              {"unsupportedReason", nullptr}};
+}
+
+json Updating(bool finished) {
+  return json{{"type", "updating"}, {"finished", finished}};
+}
+json Event(const char* event, json device) {
+  return json{{"type", "event"}, {"event", event}, {"device", std::move(device)}};
+}
+
+// The line parsed as JSON, with its timestamp checked and taken out.
+json WithoutTime(const std::string& line) {
+  json value = json::parse(line, nullptr, false);
+  if (value.is_discarded() || !value.is_object()) {
+    ADD_FAILURE() << "not a JSON object: " << line;
+    return json();
+  }
+  static const std::regex kTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
+  const auto time = value.value("time", std::string());
+  EXPECT_TRUE(std::regex_match(time, kTime)) << line;
+  value.erase("time");
+  return value;
+}
+
+TEST(HarkwellList, JsonPrintsTheConnectedDevicesAudioThenVideo) {
+  const TemporaryFile scenario(kScenario);
+  const auto result = RunHarkwell({"list", "--json", "--scenario", scenario.path()});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(json::parse(result.out), json::array({Microphone(false, "Microphone"), Webcam()}));
+  EXPECT_EQ(result.out.back(), '\n');
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 1);
+}
+
+TEST(HarkwellList, TableShowsEveryDeviceWithoutColourInAPipe) {
+  const TemporaryFile scenario(kScenario);
+  const auto result = RunHarkwell({"list", "--scenario", scenario.path()});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("USB Microphone"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("HD Webcam"), std::string::npos) << result.out;
+  EXPECT_EQ(result.out.find('\x1b'), std::string::npos) << result.out;
+}
+
+TEST(HarkwellWatch, JsonPrintsTheDiscoveryAndEveryChangeInOrder) {
+  const TemporaryFile scenario(kScenario);
+  const auto result =
+      RunHarkwell({"watch", "--json", "--duration", "1.5", "--scenario", scenario.path()});
+  ASSERT_EQ(result.status, 0) << result.err;
+  std::vector<json> lines;
+  std::size_t start = 0;
+  for (std::size_t end; (end = result.out.find('\n', start)) != std::string::npos;
+       start = end + 1) {
+    lines.push_back(WithoutTime(result.out.substr(start, end - start)));
+  }
+  EXPECT_EQ(start, result.out.size()) << "the output ends with a complete line";
+  const std::vector<json> expected{
+      Updating(false),
+      Event("InitialDiscovery", Microphone(false, "Microphone")),
+      Event("InitialDiscovery", Webcam()),
+      Updating(true),
+      Event("ChangedRunning", Microphone(true, "Microphone")),
+      Event("ChangedInputSource", Microphone(true, "Line In")),
+      Updating(false),
+      Event("Connected", SecondCamera(true, false)),
+      Updating(true),
+      Event("ChangedRunning", SecondCamera(true, true)),
+      Event("ChangedRunning", Microphone(false, "Line In")),
+      Updating(false),
+      Event("Disconnected", SecondCamera(false, false)),
+      Updating(true),
+  };
+  ASSERT_EQ(lines.size(), expected.size()) << result.out;
+  for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(lines[i], expected[i]) << i;
+}
+
+TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
+  const TemporaryFile scenario(R"({"audio": [{"deviceID": 100, "deviceUID": "m", "name": "M",
+                                              "modelUID": "1:2"}]})");
+  auto run = StartHarkwell({"watch", "--json", "--scenario", scenario.path()});
+  ASSERT_NE(run, nullptr);
+  // Wait until the initial discovery is complete, so the watch is really under way.
+  for (;;) {
+    const auto line = run->readLine(kLineDeadline);
+    ASSERT_TRUE(line.has_value()) << run->errorOutput();
+    if (WithoutTime(*line) == Updating(true)) break;
+  }
+  const auto signalled = std::chrono::steady_clock::now();
+  run->sendSignal(SIGINT);
+  const auto status = run->waitForExit(1s);
+  ASSERT_TRUE(status.has_value()) << "still running a second after SIGINT";
+  EXPECT_LT(std::chrono::steady_clock::now() - signalled, 1s);
+  EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
+  const TemporaryFile scenario(R"({"audio": [{"deviceID": 100, "deviceUID": "m", "name": "M",
+                                              "modelUID": "1:2"}],
+    "steps": [{"at": 0.2, "action": "run", "device": 100},
+              {"at": 0.4, "action": "stop", "device": 100}]})");
+  auto run = StartHarkwell({"watch", "--scenario", scenario.path()});
+  ASSERT_NE(run, nullptr);
+  ASSERT_TRUE(run->readLine(kLineDeadline).has_value()) << run->errorOutput();
+  run->closeOutput();
+  const auto status = run->waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
+  EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+TEST(HarkwellErrors, AnUnknownOptionIsRefusedWithUsage) {
+  const auto result = RunHarkwell({"list", "--colour=always"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_NE(result.err.find("harkwell: "), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("--colour"), std::string::npos) << result.err;
+}
+
+TEST(HarkwellErrors, AMissingScenarioFileIsNamed) {
+  const auto result = RunHarkwell({"list", "--scenario", "/nonexistent/harkwell.json"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err,
+            "harkwell: /nonexistent/harkwell.json:1:1: cannot open the scenario file\n");
+}
+
+TEST(HarkwellErrors, AMalformedScenarioNamesFileLineAndColumn) {
+  const TemporaryFile scenario(
+      "{\n  \"audio\": [\n    {\"deviceID\": 5 \"name\": \"x\"}\n  ]\n}\n");
+  const auto result = RunHarkwell({"watch", "--json", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err.rfind("harkwell: " + scenario.path() + ":3:25: ", 0), 0u) << result.err;
+}
+
+TEST(HarkwellErrors, AScenarioWithWrongContentNamesLineAndColumn) {
+  const TemporaryFile scenario(
+      "{\"steps\": [\n  {\"at\": 1, \"action\": \"unplug\", \"device\": 99}\n]}\n");
+  const auto result = RunHarkwell({"list", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "harkwell: " + scenario.path() +
+                            ":2:43: no device with ID 99 is connected at this point\n");
+}
+
+TEST(HarkwellErrors, AnUnknownHogDeviceIsRefused) {
+  const TemporaryFile scenario(kScenario);
+  const auto result = RunHarkwell({"hog", "on", "no-such-device", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_NE(result.err.find("no connected device has the UID or ID \"no-such-device\""),
+            std::string::npos)
+      << result.err;
+}
+
+TEST(HarkwellHog, StatusNamesTheProcessThatHoldsTheDevice) {
+  const TemporaryFile scenario(kScenario);
+  auto result = RunHarkwell({"hog", "status", "cam", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "HD Webcam: OtherProcess(pid: 4242)\n");
+
+  result = RunHarkwell({"hog", "status", "100", "--json", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  const json answer = json::parse(result.out);
+  EXPECT_EQ(answer["device"], Microphone(false, "Microphone"));
+  EXPECT_EQ(answer["hogMode"], "NoProcess");
+  EXPECT_TRUE(answer["pid"].is_null());
+  EXPECT_EQ(answer["succeeded"], true);
+}
+
+TEST(HarkwellHog, TakesAFreeDeviceAndIsRefusedOneHeldElsewhere) {
+  const TemporaryFile scenario(kScenario);
+  auto result = RunHarkwell({"hog", "on", "usb-mic", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "USB Microphone: CurrentProcess\n");
+
+  result = RunHarkwell({"hog", "on", "cam", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "HD Webcam: OtherProcess(pid: 4242)\n");
+  EXPECT_EQ(result.err, "harkwell: could not take exclusive access to HD Webcam\n");
+}
+
+TEST(HarkwellOutput, LibraryLogLinesGoToStderrOnly) {
+  // A device without a model UID makes the library log one line as it reads the device.
+  const TemporaryFile scenario(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}]})");
+  const auto result = RunHarkwell({"list", "--json", "--scenario", scenario.path()});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const json devices = json::parse(result.out, nullptr, false);
+  ASSERT_TRUE(devices.is_array()) << result.out;
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_TRUE(devices[0]["modelUID"].is_null());
+  EXPECT_NE(result.err.find("Audio Error (unknown error): Model UID for device with ID 5 is nil\n"),
+            std::string::npos)
+      << result.err;
+}
+
+TEST(HarkwellModel, JsonAnswersWithTheIdentifierOrNull) {
+  const auto result = RunHarkwell({"model", "--json"});
+  const json answer = json::parse(result.out, nullptr, false);
+  ASSERT_TRUE(answer.is_object()) << result.out;
+  ASSERT_TRUE(answer.contains("modelIdentifier"));
+  if (answer["modelIdentifier"].is_null()) {
+    EXPECT_EQ(result.status, 1);
+  } else {
+    EXPECT_EQ(result.status, 0);
+    EXPECT_FALSE(answer["modelIdentifier"].get<std::string>().empty());
+  }
+}
+
+}  // namespace
+}  // namespace harkwell::testing

@@ -1,0 +1,206 @@
+// The harkwell program's command line, and how its device source options are checked before any
+// service is installed.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/SimulatedServicesFixture.h"
+#include "tools/harkwell/CommandLine.h"
+#include "tools/harkwell/ServiceSelection.h"
+
+namespace harkwell::cli {
+namespace {
+
+struct Outcome {
+  ParsedCommandLine parsed;
+  std::string out;
+  std::string err;
+};
+
+Outcome Parse(const std::vector<std::string>& arguments) {
+  std::ostringstream out;
+  std::ostringstream err;
+  auto parsed = ParseCommandLine(arguments, out, err);
+  return {parsed, out.str(), err.str()};
+}
+
+Options ParseOrFail(const std::vector<std::string>& arguments) {
+  auto outcome = Parse(arguments);
+  if (!outcome.parsed.options) {
+    ADD_FAILURE() << "did not parse: " << outcome.err;
+    return {};
+  }
+  return *outcome.parsed.options;
+}
+
+TEST(CommandLine, ListWithDefaults) {
+  const Options options = ParseOrFail({"list"});
+  EXPECT_EQ(options.command, Command::List);
+  EXPECT_FALSE(options.json);
+  EXPECT_FALSE(options.services.audio.has_value());
+  EXPECT_FALSE(options.services.video.has_value());
+  EXPECT_FALSE(options.services.scenarioPath.has_value());
+  EXPECT_EQ(EffectiveAudioChoice(options.services), AudioChoice::Pulse);
+  EXPECT_EQ(EffectiveVideoChoice(options.services), VideoChoice::V4L2);
+}
+
+TEST(CommandLine, WatchWithJsonDurationAndServiceOptions) {
+  const Options options =
+      ParseOrFail({"watch", "--json", "--duration", "2.5", "--audio", "none", "--video", "v4l2",
+                   "--sysfs-root", "/tmp/s", "--dev-root", "/tmp/d", "--proc-root", "/tmp/p"});
+  EXPECT_EQ(options.command, Command::Watch);
+  EXPECT_TRUE(options.json);
+  EXPECT_EQ(options.durationSeconds, 2.5);
+  EXPECT_EQ(options.services.audio, AudioChoice::None);
+  EXPECT_EQ(options.services.video, VideoChoice::V4L2);
+  EXPECT_EQ(options.services.sysfsRoot, "/tmp/s");
+  EXPECT_EQ(options.services.devRoot, "/tmp/d");
+  EXPECT_EQ(options.services.procRoot, "/tmp/p");
+}
+
+TEST(CommandLine, AScenarioMakesUnchosenSourcesSimulated) {
+  const Options options = ParseOrFail({"list", "--scenario", "x.json", "--video", "none"});
+  EXPECT_EQ(options.services.scenarioPath, "x.json");
+  EXPECT_EQ(EffectiveAudioChoice(options.services), AudioChoice::Simulated);
+  EXPECT_EQ(EffectiveVideoChoice(options.services), VideoChoice::None);
+}
+
+TEST(CommandLine, HogTakesAnActionAndADevice) {
+  Options options = ParseOrFail({"hog", "on", "usb-mic"});
+  EXPECT_EQ(options.command, Command::Hog);
+  EXPECT_EQ(options.hogAction, HogAction::On);
+  EXPECT_EQ(options.hogDevice, "usb-mic");
+  options = ParseOrFail({"hog", "off", "100", "--json"});
+  EXPECT_EQ(options.hogAction, HogAction::Off);
+  EXPECT_TRUE(options.json);
+  EXPECT_EQ(ParseOrFail({"hog", "status", "7"}).hogAction, HogAction::Status);
+}
+
+TEST(CommandLine, ModelTakesTheCommonOptions) {
+  const Options options = ParseOrFail({"model", "--json", "--audio", "simulated"});
+  EXPECT_EQ(options.command, Command::Model);
+  EXPECT_TRUE(options.json);
+}
+
+TEST(CommandLine, AnUnknownOptionIsAUsageError) {
+  const auto outcome = Parse({"list", "--bogus"});
+  EXPECT_FALSE(outcome.parsed.options.has_value());
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_NE(outcome.err.find("harkwell: "), std::string::npos) << outcome.err;
+  EXPECT_NE(outcome.err.find("--bogus"), std::string::npos) << outcome.err;
+  EXPECT_TRUE(outcome.out.empty());
+}
+
+TEST(CommandLine, BadValuesAndMissingPiecesAreUsageErrors) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {},
+           {"frobnicate"},
+           {"list", "--audio", "alsa"},
+           {"list", "--video", "webcam"},
+           {"watch", "--duration", "0"},
+           {"watch", "--duration", "-1"},
+           {"watch", "--duration", "soon"},
+           {"hog", "on"},
+           {"hog", "toggle", "7"},
+           {"list", "--scenario"},
+       }) {
+    const auto outcome = Parse(arguments);
+    std::string shown;
+    for (const auto& argument : arguments) shown += argument + " ";
+    EXPECT_FALSE(outcome.parsed.options.has_value()) << shown;
+    EXPECT_EQ(outcome.parsed.exitCode, 2) << shown;
+    EXPECT_FALSE(outcome.err.empty()) << shown;
+  }
+}
+
+TEST(CommandLine, HelpGoesToStdoutAndSucceeds) {
+  const auto outcome = Parse({"watch", "--help"});
+  EXPECT_FALSE(outcome.parsed.options.has_value());
+  EXPECT_EQ(outcome.parsed.exitCode, 0);
+  EXPECT_NE(outcome.out.find("--duration"), std::string::npos) << outcome.out;
+  EXPECT_NE(outcome.out.find("--scenario"), std::string::npos) << outcome.out;
+  EXPECT_TRUE(outcome.err.empty());
+}
+
+class ServiceSetupTest : public testing::SimulatedServicesTest {
+ protected:
+  std::string writeScenario(const std::string& text) {
+    path_ = ::testing::TempDir() + "harkwell_cli_scenario.json";
+    std::ofstream(path_) << text;
+    return path_;
+  }
+  void TearDown() override {
+    if (!path_.empty()) std::remove(path_.c_str());
+    testing::SimulatedServicesTest::TearDown();
+  }
+
+ private:
+  std::string path_;
+};
+
+TEST_F(ServiceSetupTest, InstallsSimulatedServicesWithTheScenarioDevices) {
+  ServiceOptions options;
+  options.scenarioPath = writeScenario(
+      R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+          "video": [{"deviceID": 6, "deviceUID": "c", "name": "C"}]})");
+  auto setup = InstallServices(options);
+  ASSERT_TRUE(setup.services.has_value()) << setup.error;
+  EXPECT_NE(setup.services->scenario, nullptr);
+  auto installedAudio =
+      std::dynamic_pointer_cast<SimulatedAudioHardwareService>(CurrentAudioHardwareService());
+  auto installedVideo =
+      std::dynamic_pointer_cast<SimulatedVideoHardwareService>(CurrentVideoHardwareService());
+  ASSERT_NE(installedAudio, nullptr);
+  ASSERT_NE(installedVideo, nullptr);
+  EXPECT_NE(installedAudio, audio) << "a fresh service replaces the one installed before";
+  EXPECT_EQ(installedAudio->deviceList(), std::vector<ObjectID>{5});
+  EXPECT_EQ(installedVideo->deviceList(), std::vector<ObjectID>{6});
+}
+
+TEST_F(ServiceSetupTest, AMalformedScenarioIsReportedAndInstallsNothing) {
+  ServiceOptions options;
+  options.scenarioPath = writeScenario("{\n  \"audio\": [}\n");
+  auto setup = InstallServices(options);
+  EXPECT_FALSE(setup.services.has_value());
+  EXPECT_EQ(setup.error.rfind(*options.scenarioPath + ":2:13: ", 0), 0u) << setup.error;
+  EXPECT_EQ(CurrentAudioHardwareService(), audio);
+  EXPECT_EQ(CurrentVideoHardwareService(), video);
+}
+
+TEST_F(ServiceSetupTest, ScenarioDevicesNeedASimulatedSource) {
+  ServiceOptions options;
+  options.scenarioPath =
+      writeScenario(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}]})");
+  options.audio = AudioChoice::None;
+  auto setup = InstallServices(options);
+  EXPECT_FALSE(setup.services.has_value());
+  EXPECT_NE(setup.error.find("need --audio simulated"), std::string::npos) << setup.error;
+  EXPECT_EQ(CurrentAudioHardwareService(), audio);
+}
+
+TEST_F(ServiceSetupTest, TreeRootsNeedV4L2) {
+  ServiceOptions options;
+  options.video = VideoChoice::Simulated;
+  options.audio = AudioChoice::None;
+  options.devRoot = "/tmp";
+  auto setup = InstallServices(options);
+  EXPECT_FALSE(setup.services.has_value());
+  EXPECT_EQ(setup.error, "--sysfs-root, --dev-root and --proc-root need --video v4l2");
+}
+
+TEST_F(ServiceSetupTest, NoneInstallsServicesWithoutDevices) {
+  ServiceOptions options;
+  options.audio = AudioChoice::None;
+  options.video = VideoChoice::None;
+  auto setup = InstallServices(options);
+  ASSERT_TRUE(setup.services.has_value()) << setup.error;
+  EXPECT_EQ(setup.services->scenario, nullptr);
+  auto installedAudio =
+      std::dynamic_pointer_cast<SimulatedAudioHardwareService>(CurrentAudioHardwareService());
+  ASSERT_NE(installedAudio, nullptr);
+  EXPECT_TRUE(installedAudio->deviceList().empty());
+}
+
+}  // namespace
+}  // namespace harkwell::cli

@@ -1,0 +1,341 @@
+// The harkwell program's scenario files: parsing (with the line and column of every complaint),
+// the positions index behind those line numbers, the transport names, and playing a scenario on
+// the simulated services.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+
+#include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Video/VideoDeviceProperties.h"
+#include "tests/support/SimulatedServicesFixture.h"
+#include "tools/harkwell/JsonPositions.h"
+#include "tools/harkwell/Scenario.h"
+#include "tools/harkwell/ScenarioPlayer.h"
+
+namespace harkwell::cli {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::json;
+
+}  // namespace
+
+// Readable positions in failure messages.
+void PrintTo(const TextPosition& position, std::ostream* out) {
+  *out << position.line << ":" << position.column;
+}
+
+namespace {
+
+Scenario ParseOrFail(std::string_view text) {
+  auto result = ParseScenario(text, "test.json");
+  if (auto* error = std::get_if<ScenarioError>(&result)) {
+    ADD_FAILURE() << "unexpected error: " << error->text();
+    return {};
+  }
+  return std::get<Scenario>(result);
+}
+
+ScenarioError ErrorOf(std::string_view text) {
+  auto result = ParseScenario(text, "test.json");
+  if (auto* error = std::get_if<ScenarioError>(&result)) return *error;
+  ADD_FAILURE() << "the scenario parsed, but an error was expected";
+  return {};
+}
+
+TEST(ScenarioParsing, ReadsTheExampleFile) {
+  auto result = LoadScenarioFile(HARKWELL_SOURCE_DIR "/examples/scenario.json");
+  ASSERT_TRUE(std::holds_alternative<Scenario>(result)) << std::get<ScenarioError>(result).text();
+  const auto& scenario = std::get<Scenario>(result);
+  EXPECT_EQ(scenario.audioDevices.size(), 2u);
+  EXPECT_EQ(scenario.videoDevices.size(), 1u);
+  EXPECT_FALSE(scenario.steps.empty());
+  EXPECT_TRUE(scenario.hasAudio());
+  EXPECT_TRUE(scenario.hasVideo());
+}
+
+TEST(ScenarioParsing, ReadsEveryDeviceField) {
+  const auto scenario = ParseOrFail(R"({"audio": [{
+      "deviceID": 7, "deviceUID": "mic-7", "name": "Mic", "modelUID": "0d8c:0014",
+      "transportType": "Bluetooth", "inputChannelCount": 2, "outputChannelCount": 3,
+      "isRunning": true, "hogModePID": 4242, "inputSources": {"1": "Front", "9": null},
+      "selectedInputSource": 9}]})");
+  ASSERT_EQ(scenario.audioDevices.size(), 1u);
+  const SimulatedAudioDevice& device = scenario.audioDevices[0];
+  EXPECT_EQ(device.deviceID, 7u);
+  EXPECT_EQ(device.deviceUID, "mic-7");
+  EXPECT_EQ(device.name, "Mic");
+  EXPECT_EQ(device.modelUID, "0d8c:0014");
+  EXPECT_EQ(device.transportType, kAudioDeviceTransportTypeBluetooth);
+  EXPECT_EQ(device.inputStreamCount, 2u);
+  EXPECT_EQ(device.outputStreamCount, 3u);
+  EXPECT_TRUE(device.isRunning);
+  EXPECT_EQ(device.hogModePID, 4242);
+  EXPECT_EQ(device.selectedDataSource, 9u);
+  ASSERT_EQ(device.dataSourceNames.size(), 2u);
+  EXPECT_EQ(device.dataSourceNames.at(1), "Front");
+  EXPECT_EQ(device.dataSourceNames.at(9), std::nullopt);
+}
+
+TEST(ScenarioParsing, LeavesOutFieldsAtTheirDefaultsAndKeepsNullStrings) {
+  const auto scenario =
+      ParseOrFail(R"({"video": [{"deviceID": 9, "deviceUID": null, "name": "Cam"}]})");
+  ASSERT_EQ(scenario.videoDevices.size(), 1u);
+  const SimulatedVideoDevice& device = scenario.videoDevices[0];
+  EXPECT_EQ(device.deviceUID, std::nullopt);
+  EXPECT_EQ(device.modelUID, std::nullopt);
+  EXPECT_EQ(device.transportType, 0u);
+  EXPECT_EQ(device.inputStreamCount, 1u);
+  EXPECT_EQ(device.outputStreamCount, 0u);
+  EXPECT_FALSE(device.isRunning);
+  EXPECT_EQ(device.hogModePID, -1);
+  EXPECT_FALSE(scenario.hasAudio());
+}
+
+TEST(ScenarioParsing, ResolvesStepDevicesByIDAndByUID) {
+  const auto scenario = ParseOrFail(R"({
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic", "selectedInputSource": 1}],
+    "steps": [
+      {"at": 0.25, "action": "run", "device": "mic"},
+      {"at": 0.5, "action": "select-source", "device": 5, "source": 2},
+      {"at": 0.5, "action": "plug", "mediaType": "Video",
+       "device": {"deviceID": 6, "deviceUID": "cam", "name": "Cam"}},
+      {"at": 1, "action": "stop", "device": "cam"},
+      {"at": 2, "action": "unplug", "device": 6}]})");
+  ASSERT_EQ(scenario.steps.size(), 5u);
+  EXPECT_EQ(scenario.steps[0].action, ScenarioAction::Run);
+  EXPECT_EQ(scenario.steps[0].deviceID, 5u);
+  EXPECT_EQ(scenario.steps[0].at, 0.25);
+  EXPECT_EQ(scenario.steps[1].action, ScenarioAction::SelectSource);
+  EXPECT_EQ(scenario.steps[1].inputSource, 2u);
+  EXPECT_EQ(scenario.steps[2].action, ScenarioAction::Plug);
+  EXPECT_EQ(scenario.steps[2].mediaType, MediaType::Video);
+  ASSERT_TRUE(scenario.steps[2].videoDevice.has_value());
+  EXPECT_EQ(scenario.steps[2].videoDevice->deviceUID, "cam");
+  EXPECT_EQ(scenario.steps[3].action, ScenarioAction::Stop);
+  EXPECT_EQ(scenario.steps[3].deviceID, 6u);
+  EXPECT_EQ(scenario.steps[3].mediaType, MediaType::Video);
+  EXPECT_EQ(scenario.steps[4].action, ScenarioAction::Unplug);
+  EXPECT_TRUE(scenario.hasVideo());
+}
+
+TEST(ScenarioErrors, MalformedJsonNamesFileLineAndColumn) {
+  const auto error = ErrorOf("{\n  \"audio\": [\n    {\"deviceID\": 5,,}\n  ]\n}\n");
+  EXPECT_EQ(error.file, "test.json");
+  EXPECT_EQ(error.position, (TextPosition{3, 20}));
+  EXPECT_NE(error.message.find("syntax error"), std::string::npos) << error.message;
+  EXPECT_EQ(error.text().rfind("test.json:3:20: ", 0), 0u) << error.text();
+}
+
+TEST(ScenarioErrors, AnEmptyFileIsAnErrorAtItsStart) {
+  const auto error = ErrorOf("");
+  EXPECT_EQ(error.position, (TextPosition{1, 1}));
+}
+
+TEST(ScenarioErrors, AMissingFileIsNamed) {
+  auto result = LoadScenarioFile("/nonexistent/harkwell/scenario.json");
+  ASSERT_TRUE(std::holds_alternative<ScenarioError>(result));
+  EXPECT_EQ(std::get<ScenarioError>(result).text(),
+            "/nonexistent/harkwell/scenario.json:1:1: cannot open the scenario file");
+}
+
+TEST(ScenarioErrors, AnUnknownActionPointsAtItsValue) {
+  const auto error = ErrorOf(
+      "{\"audio\": [{\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": \"M\"}],\n"
+      " \"steps\": [\n"
+      "   {\"at\": 1, \"action\": \"explode\", \"device\": 5}]}");
+  EXPECT_EQ(error.position, (TextPosition{3, 24}));
+  EXPECT_NE(error.message.find("\"action\" must be one of"), std::string::npos) << error.message;
+}
+
+TEST(ScenarioErrors, AnUnknownKeyPointsAtTheKey) {
+  const auto error = ErrorOf("{\"video\": [\n  {\"deviceID\": 5, \"nmae\": \"Cam\"}]}");
+  EXPECT_EQ(error.position, (TextPosition{2, 19}));
+  EXPECT_EQ(error.message, "unknown key \"nmae\"");
+}
+
+TEST(ScenarioErrors, ColumnsCountCharactersNotBytes) {
+  const auto error =
+      ErrorOf("{\"video\": [{\"name\": \"Kamera \xc3\xa9\xc3\xa9\", \"deviceID\": -4}]}");
+  // The two two-byte letters count once each.
+  EXPECT_EQ(error.position, (TextPosition{1, 46}));
+  EXPECT_NE(error.message.find("\"deviceID\""), std::string::npos) << error.message;
+}
+
+TEST(ScenarioErrors, AStepOnADeviceThatIsNotConnectedIsRefused) {
+  const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+    "steps": [{"at": 1, "action": "unplug", "device": 5},
+              {"at": 2, "action": "run", "device": 5}]})");
+  EXPECT_EQ(error.position.line, 3u);
+  EXPECT_EQ(error.message, "no device with ID 5 is connected at this point");
+}
+
+TEST(ScenarioErrors, AnUnknownUIDIsRefused) {
+  const auto error = ErrorOf(R"({"steps": [{"at": 1, "action": "run", "device": "ghost"}]})");
+  EXPECT_EQ(error.message, "no connected device has the UID \"ghost\" at this point");
+}
+
+TEST(ScenarioErrors, StepsOutOfTimeOrderAreRefused) {
+  const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+    "steps": [{"at": 2, "action": "run", "device": 5},
+              {"at": 1, "action": "stop", "device": 5}]})");
+  EXPECT_EQ(error.position, (TextPosition{3, 22}));
+  EXPECT_NE(error.message.find("time order"), std::string::npos);
+}
+
+TEST(ScenarioErrors, ATransportWithoutACodeForTheMediaTypeIsRefused) {
+  const auto error = ErrorOf(
+      R"({"video": [{"deviceID": 5, "deviceUID": "c", "name": "C", "transportType": "AirPlay"}]})");
+  EXPECT_EQ(error.message, "Video devices have no transport \"AirPlay\"");
+  const auto unknown = ErrorOf(
+      R"({"audio": [{"deviceID": 5, "deviceUID": "c", "name": "C", "transportType": "usb"}]})");
+  EXPECT_NE(unknown.message.find("transport name"), std::string::npos);
+}
+
+TEST(ScenarioErrors, ANegativeOrHugeCountIsRefused) {
+  EXPECT_NE(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M",
+                        "inputChannelCount": -1}]})")
+                .message.find("\"inputChannelCount\" must be"),
+            std::string::npos);
+  EXPECT_NE(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M",
+                        "outputChannelCount": 4294967296}]})")
+                .message.find("from 0 to 4294967295"),
+            std::string::npos);
+}
+
+TEST(ScenarioErrors, TheSystemObjectIDIsRefused) {
+  EXPECT_NE(ErrorOf(R"({"audio": [{"deviceID": 1, "deviceUID": "m", "name": "M"}]})")
+                .message.find("1 is the system object"),
+            std::string::npos);
+}
+
+TEST(ScenarioErrors, ADeviceIDOrUIDUsedTwiceIsRefused) {
+  EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+                       "video": [{"deviceID": 5, "deviceUID": "c", "name": "C"}]})")
+                .message,
+            "device 5 is already connected (as a Audio device)");
+  EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"},
+                                  {"deviceID": 6, "deviceUID": "m", "name": "N"}]})")
+                .message,
+            "device 5 already has the UID \"m\"");
+}
+
+TEST(ScenarioErrors, SelectingASourceNeedsADeviceWithSources) {
+  const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+    "steps": [{"at": 1, "action": "select-source", "device": 5, "source": 2}]})");
+  EXPECT_NE(error.message.find("has no input sources"), std::string::npos);
+}
+
+TEST(ScenarioErrors, RequiredKeysAndTypesAreChecked) {
+  EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "name": "M"}]})").message,
+            "missing key \"deviceUID\"");
+  EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": 3, "name": "M"}]})").message,
+            "\"deviceUID\" must be a string or null");
+  EXPECT_EQ(ErrorOf(R"([1, 2])").message, "a scenario must be an object");
+  EXPECT_EQ(ErrorOf(R"({"steps": {}})").message, "\"steps\" must be an array of steps");
+  EXPECT_EQ(ErrorOf(R"({"steps": [{"action": "run", "device": 5}]})").message,
+            "missing key \"at\"");
+  EXPECT_NE(ErrorOf(R"({"steps": [{"at": 0, "action": "plug", "device": {}}]})")
+                .message.find("\"mediaType\""),
+            std::string::npos);
+}
+
+TEST(JsonPositionsIndex, FindsValuesKeysAndArrayElements) {
+  const std::string text = "{\"a\": [10, \"x\",\n  {\"b\": null}],\n \"c\": 2.5}";
+  const JsonPositions positions(text);
+  using Pointer = Json::json_pointer;
+  EXPECT_EQ(positions.valuePosition(Pointer("")), (TextPosition{1, 1}));
+  EXPECT_EQ(positions.valuePosition(Pointer("/a")), (TextPosition{1, 7}));
+  EXPECT_EQ(positions.valuePosition(Pointer("/a/0")), (TextPosition{1, 8}));
+  EXPECT_EQ(positions.valuePosition(Pointer("/a/1")), (TextPosition{1, 12}));
+  EXPECT_EQ(positions.valuePosition(Pointer("/a/2")), (TextPosition{2, 3}));
+  EXPECT_EQ(positions.valuePosition(Pointer("/a/2/b")), (TextPosition{2, 9}));
+  EXPECT_EQ(positions.keyPosition(Pointer("/a/2/b")), (TextPosition{2, 4}));
+  EXPECT_EQ(positions.valuePosition(Pointer("/c")), (TextPosition{3, 7}));
+  EXPECT_EQ(positions.keyPosition(Pointer("/c")), (TextPosition{3, 2}));
+  // A pointer to nothing falls back to its nearest parent.
+  EXPECT_EQ(positions.valuePosition(Pointer("/a/2/zzz")), (TextPosition{2, 3}));
+}
+
+class ScenarioTransportTest : public testing::SimulatedServicesTest {};
+
+TEST_F(ScenarioTransportTest, EveryTransportNameReadsBackAsItself) {
+  ObjectID next = 10;
+  for (std::size_t i = 0; i < 17; ++i) {
+    const auto transport = static_cast<MediaDeviceTransportType>(i);
+    if (const auto code = TransportCodeFor(MediaType::Audio, transport)) {
+      audio->addDevice({.deviceID = next, .name = "a", .deviceUID = "a", .transportType = *code});
+      EXPECT_EQ(AudioDeviceTransportTypeForDeviceID(next), transport) << caseName(transport);
+      ++next;
+    }
+    if (const auto code = TransportCodeFor(MediaType::Video, transport)) {
+      video->addDevice({.deviceID = next, .name = "v", .deviceUID = "v", .transportType = *code});
+      EXPECT_EQ(VideoDeviceTransportTypeForDeviceID(next), transport) << caseName(transport);
+      ++next;
+    }
+  }
+  EXPECT_FALSE(TransportCodeFor(MediaType::Audio, MediaDeviceTransportType::Wireless));
+  EXPECT_FALSE(TransportCodeFor(MediaType::Video, MediaDeviceTransportType::BluetoothLE));
+  EXPECT_FALSE(TransportCodeFor(MediaType::Video, MediaDeviceTransportType::Aggregate));
+}
+
+class ScenarioPlayerTest : public testing::SimulatedServicesTest {
+ protected:
+  static constexpr PropertyAddress kRunning{kAudioDevicePropertyDeviceIsRunningSomewhere,
+                                            kAudioObjectPropertyScopeGlobal, 0};
+  static constexpr PropertyAddress kSource{kAudioDevicePropertyDataSource,
+                                           kAudioObjectPropertyScopeInput, 0};
+
+  std::optional<std::uint32_t> value(SimulatedObjectGraph& graph, ObjectID id,
+                                     const PropertyAddress& address) {
+    auto property = graph.property(id, address);
+    return property ? property->asUInt32() : std::nullopt;
+  }
+};
+
+TEST_F(ScenarioPlayerTest, AppliesEachStepOnlyOnceItIsDueAndInOrder) {
+  ScenarioPlayer player(ParseOrFail(R"({
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic",
+               "inputSources": {"1": "A", "2": "B"}, "selectedInputSource": 1}],
+    "video": [{"deviceID": 8, "deviceUID": "cam", "name": "Cam"}],
+    "steps": [
+      {"at": 1, "action": "run", "device": 5},
+      {"at": 1, "action": "select-source", "device": 5, "source": 2},
+      {"at": 2, "action": "plug", "mediaType": "Video",
+       "device": {"deviceID": 9, "deviceUID": "cam2", "name": "Cam 2"}},
+      {"at": 3, "action": "stop", "device": 5},
+      {"at": 3, "action": "run", "device": 9},
+      {"at": 4, "action": "unplug", "device": 8}]})"),
+                        audio, video);
+  player.addStartingDevices();
+  EXPECT_EQ(audio->deviceList(), std::vector<ObjectID>{5});
+  EXPECT_EQ(video->deviceList(), std::vector<ObjectID>{8});
+  EXPECT_FALSE(player.nextDue().has_value()) << "no step is due before the clock starts";
+
+  const auto origin = ScenarioPlayer::Clock::time_point{} + 100s;
+  player.start(origin);
+  EXPECT_EQ(player.nextDue(), origin + 1s);
+  EXPECT_EQ(player.applyDue(origin + 999ms), 0u);
+  EXPECT_EQ(value(*audio, 5, kRunning), 0u);
+
+  EXPECT_EQ(player.applyDue(origin + 1s), 2u);
+  EXPECT_EQ(value(*audio, 5, kRunning), 1u);
+  EXPECT_EQ(value(*audio, 5, kSource), 2u);
+  EXPECT_EQ(player.nextDue(), origin + 2s);
+
+  EXPECT_EQ(player.applyDue(origin + 3500ms), 3u);
+  EXPECT_EQ(video->deviceList(), (std::vector<ObjectID>{8, 9}));
+  EXPECT_EQ(value(*audio, 5, kRunning), 0u);
+  EXPECT_EQ(value(*video, 9, kRunning), 1u);
+
+  EXPECT_EQ(player.applyDue(origin + 10s), 1u);
+  EXPECT_EQ(video->deviceList(), std::vector<ObjectID>{9});
+  EXPECT_FALSE(player.nextDue().has_value());
+  EXPECT_EQ(player.applyDue(origin + 20s), 0u);
+}
+
+}  // namespace
+}  // namespace harkwell::cli

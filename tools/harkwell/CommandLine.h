@@ -1,0 +1,49 @@
+// The harkwell program's command line: which command runs and with which options. Parsing is done
+// by CLI11; this file only declares the options and turns CLI11's outcome into a value, so main()
+// and the tests see no exceptions.
+#pragma once
+
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace harkwell::cli {
+
+enum class Command { List, Watch, Hog, Model };
+enum class HogAction { Status, On, Off };
+enum class AudioChoice { Pulse, Simulated, None };
+enum class VideoChoice { V4L2, Simulated, None };
+
+// Where devices come from. An unset choice means "the real service", or "simulated" when a
+// scenario file is given.
+struct ServiceOptions {
+  std::optional<AudioChoice> audio;
+  std::optional<VideoChoice> video;
+  std::optional<std::string> scenarioPath;
+  // Stand-ins for /sys, /dev and /proc, so a test tree can play the V4L2 platform.
+  std::optional<std::string> sysfsRoot;
+  std::optional<std::string> devRoot;
+  std::optional<std::string> procRoot;
+};
+
+struct Options {
+  Command command = Command::List;
+  bool json = false;
+  std::optional<double> durationSeconds;  // watch: run this long; absent means until interrupted
+  HogAction hogAction = HogAction::Status;
+  std::string hogDevice;  // a device UID or a decimal device ID
+  ServiceOptions services;
+};
+
+// What parsing decided: run with `options`, or stop at once with `exitCode` (help and version
+// requests stop with 0 after printing to `out`; errors stop with 2 after a message on `err`).
+struct ParsedCommandLine {
+  std::optional<Options> options;
+  int exitCode = 0;
+};
+
+ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
+                                   std::ostream& err);
+
+}  // namespace harkwell::cli

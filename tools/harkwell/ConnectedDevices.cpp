@@ -1,0 +1,27 @@
+// A one-off look at the connected devices, for the commands that do not watch.
+#include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "tools/harkwell/Commands.h"
+
+namespace harkwell::cli {
+
+std::vector<MediaDevice> ConnectedDevicesNow() {
+  auto queue = DispatchQueue::createSerial("com.harkwell.cli.list");
+  auto controller = MediaDeviceController::create(queue);
+  controller->setObserveDevices(true);
+  // The observers' cache fills and the initial discovery were queued by the switch; once the queue
+  // has run them, the caches hold every device present.
+  queue->sync([] {});
+  auto devices = controller->connectedDevices();
+  controller->setObserveDevices(false);
+  queue->sync([] {});
+  return devices;
+}
+
+void ReleaseServices() {
+  InstallAudioHardwareService(SimulatedAudioHardwareService::create());
+  InstallVideoHardwareService(SimulatedVideoHardwareService::create());
+}
+
+}  // namespace harkwell::cli

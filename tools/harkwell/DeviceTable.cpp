@@ -1,0 +1,90 @@
+#include "tools/harkwell/DeviceTable.h"
+
+#include <algorithm>
+#include <array>
+
+#include "tools/harkwell/TerminalText.h"
+
+namespace harkwell::cli {
+namespace {
+
+constexpr std::array<const char*, 10> kHeader{"",   "ID",  "TYPE",         "NAME",      "TRANSPORT",
+                                              "IN", "OUT", "INPUT SOURCE", "SUPPORTED", "UID"};
+constexpr std::size_t kNameColumn = 3;
+constexpr std::size_t kSupportedColumn = 8;
+
+using Row = std::array<std::string, kHeader.size()>;
+
+Row RowFor(const MediaDevice& device) {
+  return Row{device.isRunning ? "*" : "",
+             std::to_string(device.deviceID),
+             std::string(caseName(device.mediaType)),
+             EscapeForTerminal(device.name),
+             std::string(caseName(device.transportType)),
+             std::to_string(device.inputChannelCount),
+             std::to_string(device.outputChannelCount),
+             device.inputSourceName ? EscapeForTerminal(*device.inputSourceName) : "-",
+             SupportText(device),
+             EscapeForTerminal(device.deviceUID)};
+}
+
+std::string PadRight(std::string text, std::size_t width) {
+  const std::size_t used = DisplayWidth(text);
+  if (used < width) text.append(width - used, ' ');
+  return text;
+}
+
+}  // namespace
+
+std::string SupportText(const MediaDevice& device) {
+  return device.unsupportedReason ? std::string(caseName(*device.unsupportedReason)) : "yes";
+}
+
+std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Painter& painter) {
+  if (devices.empty()) return "No devices connected.\n";
+
+  std::vector<Row> rows;
+  rows.reserve(devices.size());
+  for (const auto& device : devices) rows.push_back(RowFor(device));
+
+  std::array<std::size_t, kHeader.size()> widths{};
+  for (std::size_t column = 0; column < kHeader.size(); ++column) {
+    widths[column] = DisplayWidth(kHeader[column]);
+    for (const auto& row : rows)
+      widths[column] = std::max(widths[column], DisplayWidth(row[column]));
+  }
+
+  // Pads every cell but the last, then colours it, so escape codes never count as width.
+  const auto renderLine = [&](const Row& cells, auto&& colourFor) {
+    std::string line;
+    for (std::size_t column = 0; column < cells.size(); ++column) {
+      const bool last = column + 1 == cells.size();
+      const std::string cell = last ? cells[column] : PadRight(cells[column], widths[column]);
+      line += colourFor(column, cell);
+      if (!last) line += "  ";
+    }
+    return line + "\n";
+  };
+
+  Row header;
+  std::copy(kHeader.begin(), kHeader.end(), header.begin());
+  std::string table = renderLine(header, [&](std::size_t, const std::string& cell) {
+    return painter.paint(cell, Colour::Bold);
+  });
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const MediaDevice& device = devices[i];
+    table += renderLine(rows[i], [&](std::size_t column, const std::string& cell) {
+      if (device.isRunning && (column == 0 || column == kNameColumn)) {
+        return painter.paint(cell, Colour::Green);
+      }
+      if (column == kSupportedColumn && device.unsupportedReason) {
+        return painter.paint(cell, Colour::Dim);
+      }
+      return cell;
+    });
+  }
+  table += "* running\n";
+  return table;
+}
+
+}  // namespace harkwell::cli

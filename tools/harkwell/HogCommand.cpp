@@ -1,0 +1,115 @@
+// `harkwell hog status|on|off DEVICE [--json]`: who holds a device exclusively, and taking or
+// releasing that hold. The hold belongs to this process, so it ends when harkwell exits.
+#include <charconv>
+#include <sstream>
+
+#include "HarkwellFoundation/Model/MediaDeviceHogMode.h"
+#include "tools/harkwell/Commands.h"
+#include "tools/harkwell/DeviceJson.h"
+#include "tools/harkwell/ServiceSelection.h"
+#include "tools/harkwell/TerminalText.h"
+
+namespace harkwell::cli {
+namespace {
+
+struct DeviceLookup {
+  std::optional<MediaDevice> device;
+  std::string error;
+};
+
+// A device UID matches first; a decimal number then matches a device ID.
+DeviceLookup FindDevice(const std::vector<MediaDevice>& devices, const std::string& wanted) {
+  std::vector<MediaDevice> matches;
+  for (const auto& device : devices) {
+    if (device.deviceUID == wanted) matches.push_back(device);
+  }
+  if (matches.empty()) {
+    std::uint32_t id = 0;
+    const auto* end = wanted.data() + wanted.size();
+    const auto [stop, status] = std::from_chars(wanted.data(), end, id);
+    if (status == std::errc() && stop == end) {
+      for (const auto& device : devices) {
+        if (device.deviceID == id) matches.push_back(device);
+      }
+    }
+  }
+  const std::string shown = EscapeForTerminal(wanted);
+  if (matches.empty()) {
+    return {std::nullopt,
+            "no connected device has the UID or ID \"" + shown + "\" (harkwell list shows them)"};
+  }
+  if (matches.size() > 1) {
+    return {std::nullopt, "more than one device has the ID " + shown + "; name it by its UID"};
+  }
+  return {matches.front(), {}};
+}
+
+std::string HogModeText(const MediaDeviceHogMode& mode) {
+  std::ostringstream text;
+  text << mode;
+  return text.str();
+}
+
+std::string_view ActionName(HogAction action) {
+  switch (action) {
+    case HogAction::Status:
+      return "status";
+    case HogAction::On:
+      return "on";
+    case HogAction::Off:
+      return "off";
+  }
+  return "status";
+}
+
+}  // namespace
+
+int RunHog(const Options& options, CommandContext& context) {
+  auto setup = InstallServices(options.services);
+  if (!setup.services) {
+    context.err.writeLine("harkwell: " + setup.error);
+    return 1;
+  }
+  const auto lookup = FindDevice(ConnectedDevicesNow(), options.hogDevice);
+  if (!lookup.device) {
+    ReleaseServices();
+    context.err.writeLine("harkwell: " + lookup.error);
+    return 1;
+  }
+  const MediaDevice& device = *lookup.device;
+
+  bool succeeded = true;
+  switch (options.hogAction) {
+    case HogAction::Status:
+      break;
+    case HogAction::On:
+      succeeded = device.enableHogMode();
+      break;
+    case HogAction::Off:
+      succeeded = device.disableHogMode();
+      break;
+  }
+  const MediaDeviceHogMode mode = device.currentHogMode();
+  ReleaseServices();
+
+  if (options.json) {
+    Json object = Json::object();
+    object["device"] = DeviceToJson(device);
+    object["action"] = ActionName(options.hogAction);
+    object["succeeded"] = succeeded;
+    const Json owner = HogModeToJson(mode);
+    for (const auto& [key, value] : owner.items()) object[key] = value;
+    context.out.writeLine(DumpLine(object));
+  } else {
+    context.out.writeLine(EscapeForTerminal(device.name) + ": " + HogModeText(mode));
+  }
+  if (!succeeded) {
+    context.err.writeLine(std::string("harkwell: could not ") +
+                          (options.hogAction == HogAction::On ? "take" : "release") +
+                          " exclusive access to " + EscapeForTerminal(device.name));
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace harkwell::cli

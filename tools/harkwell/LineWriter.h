@@ -1,0 +1,27 @@
+// Writes whole lines to a file descriptor (stdout or stderr) with one write each, so lines from
+// different threads never interleave and a reader of a pipe sees each line as soon as it is
+// complete. Safe on any thread.
+#pragma once
+
+#include <mutex>
+#include <string_view>
+
+namespace harkwell::cli {
+
+class LineWriter {
+ public:
+  explicit LineWriter(int fd) : fd_(fd) {}
+  LineWriter(const LineWriter&) = delete;
+  LineWriter& operator=(const LineWriter&) = delete;
+
+  // Writes `text` and a newline. False when the descriptor refuses (a closed pipe, say).
+  bool writeLine(std::string_view text);
+  // Writes `text` as it is.
+  bool write(std::string_view text);
+
+ private:
+  std::mutex mutex_;
+  const int fd_;
+};
+
+}  // namespace harkwell::cli

@@ -1,0 +1,78 @@
+#include "tools/harkwell/ScenarioPlayer.h"
+
+#include <cmath>
+
+namespace harkwell::cli {
+namespace {
+
+ScenarioPlayer::Clock::duration SecondsToDuration(double seconds) {
+  return std::chrono::duration_cast<ScenarioPlayer::Clock::duration>(
+      std::chrono::nanoseconds(std::llround(seconds * 1e9)));
+}
+
+}  // namespace
+
+ScenarioPlayer::ScenarioPlayer(Scenario scenario,
+                               std::shared_ptr<SimulatedAudioHardwareService> audio,
+                               std::shared_ptr<SimulatedVideoHardwareService> video)
+    : scenario_(std::move(scenario)), audio_(std::move(audio)), video_(std::move(video)) {}
+
+void ScenarioPlayer::addStartingDevices() {
+  if (audio_) {
+    for (const auto& device : scenario_.audioDevices) audio_->addDevice(device);
+  }
+  if (video_) {
+    for (const auto& device : scenario_.videoDevices) video_->addDevice(device);
+  }
+}
+
+std::optional<ScenarioPlayer::Clock::time_point> ScenarioPlayer::nextDue() const {
+  if (!origin_ || nextStep_ >= scenario_.steps.size()) return std::nullopt;
+  return *origin_ + SecondsToDuration(scenario_.steps[nextStep_].at);
+}
+
+std::size_t ScenarioPlayer::applyDue(Clock::time_point now) {
+  std::size_t applied = 0;
+  for (auto due = nextDue(); due && *due <= now; due = nextDue()) {
+    apply(scenario_.steps[nextStep_++]);
+    ++applied;
+  }
+  return applied;
+}
+
+void ScenarioPlayer::apply(const ScenarioStep& step) {
+  const bool audio = step.mediaType == MediaType::Audio;
+  // The parser only lets a step name a media type whose service the program installed.
+  if (audio ? !audio_ : !video_) return;
+  switch (step.action) {
+    case ScenarioAction::Plug:
+      if (audio) {
+        audio_->addDevice(*step.audioDevice);
+      } else {
+        video_->addDevice(*step.videoDevice);
+      }
+      break;
+    case ScenarioAction::Unplug:
+      if (audio) {
+        audio_->removeDevice(step.deviceID);
+      } else {
+        video_->removeDevice(step.deviceID);
+      }
+      break;
+    case ScenarioAction::Run:
+    case ScenarioAction::Stop: {
+      const bool running = step.action == ScenarioAction::Run;
+      if (audio) {
+        audio_->setDeviceRunning(step.deviceID, running);
+      } else {
+        video_->setDeviceRunning(step.deviceID, running);
+      }
+      break;
+    }
+    case ScenarioAction::SelectSource:
+      if (audio) audio_->setSelectedDataSource(step.deviceID, step.inputSource);
+      break;
+  }
+}
+
+}  // namespace harkwell::cli

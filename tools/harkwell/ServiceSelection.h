@@ -1,0 +1,32 @@
+// Installs the audio and video hardware services the command line asked for, before any device is
+// read: PulseAudio and V4L2 by default, simulated ones (filled from a scenario file) or ones with
+// no devices. Called once, on the main thread, before a controller is made.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/harkwell/CommandLine.h"
+#include "tools/harkwell/ScenarioPlayer.h"
+
+namespace harkwell::cli {
+
+struct InstalledServices {
+  // Present when a scenario file was given; its starting devices are already in place.
+  std::unique_ptr<ScenarioPlayer> scenario;
+};
+
+// What the choices resolve to once a scenario's presence is taken into account.
+AudioChoice EffectiveAudioChoice(const ServiceOptions& options);
+VideoChoice EffectiveVideoChoice(const ServiceOptions& options);
+
+// Installs the services. On failure nothing usable is installed and the error explains why, ready
+// to print ("scenario.json:3:14: ..." for a scenario that does not load).
+struct ServiceSetup {
+  std::optional<InstalledServices> services;
+  std::string error;
+};
+ServiceSetup InstallServices(const ServiceOptions& options);
+
+}  // namespace harkwell::cli

@@ -1,0 +1,82 @@
+#include "tools/harkwell/WatchPrinter.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "tools/harkwell/DeviceJson.h"
+#include "tools/harkwell/DeviceTable.h"
+#include "tools/harkwell/TerminalText.h"
+
+namespace harkwell::cli {
+namespace {
+
+std::string LocalClockText(std::chrono::system_clock::time_point time) {
+  using namespace std::chrono;
+  const auto millis = duration_cast<milliseconds>(time.time_since_epoch()).count();
+  const std::time_t whole = static_cast<std::time_t>(millis / 1000);
+  std::tm local{};
+  localtime_r(&whole, &local);
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
+                local.tm_sec, static_cast<int>(millis % 1000));
+  return buffer;
+}
+
+Colour EventColour(MediaDeviceEvent event) {
+  switch (event) {
+    case MediaDeviceEvent::InitialDiscovery:
+      return Colour::Cyan;
+    case MediaDeviceEvent::Connected:
+      return Colour::Green;
+    case MediaDeviceEvent::Disconnected:
+      return Colour::Red;
+    case MediaDeviceEvent::ChangedRunning:
+    case MediaDeviceEvent::ChangedInputSource:
+      return Colour::Yellow;
+  }
+  return Colour::Bold;
+}
+
+std::string Padded(std::string_view text, std::size_t width) {
+  std::string out(text);
+  if (out.size() < width) out.append(width - out.size(), ' ');
+  return out;
+}
+
+}  // namespace
+
+std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
+                           const MediaDevice& device, const Painter& painter) {
+  // The longest event name is 18 characters.
+  std::string line = LocalClockText(time) + "  " +
+                     painter.paint(Padded(caseName(event), 18), EventColour(event)) + "  " +
+                     std::string(caseName(device.mediaType)) + " " +
+                     std::to_string(device.deviceID) + "  " + EscapeForTerminal(device.name);
+  line += "  ";
+  line += device.isRunning ? painter.paint("running", Colour::Green) : "idle";
+  if (device.inputSourceName) line += "  source: " + EscapeForTerminal(*device.inputSourceName);
+  if (device.unsupportedReason) {
+    line += "  " + painter.paint("unsupported: " + SupportText(device), Colour::Dim);
+  }
+  return line;
+}
+
+std::string HumanUpdatingLine(std::chrono::system_clock::time_point time, bool finished,
+                              const Painter& painter) {
+  return LocalClockText(time) + "  " +
+         painter.paint(finished ? "devices updated" : "updating devices", Colour::Dim);
+}
+
+bool WatchPrinter::printUpdating(bool finished) {
+  const auto now = clock_();
+  return out_.writeLine(json_ ? DumpLine(UpdatingLine(now, finished))
+                              : HumanUpdatingLine(now, finished, painter_));
+}
+
+bool WatchPrinter::printEvent(MediaDeviceEvent event, const MediaDevice& device) {
+  const auto now = clock_();
+  return out_.writeLine(json_ ? DumpLine(EventLine(now, event, device))
+                              : HumanEventLine(now, event, device, painter_));
+}
+
+}  // namespace harkwell::cli

@@ -1,0 +1,43 @@
+// Turns what a MediaDeviceController reports into the lines `harkwell watch` prints: JSON objects
+// one per line with --json, otherwise a readable line per bracket and per event. The controller
+// calls it on its event-handler queue; the printer keeps no state besides its settings.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "HarkwellFoundation/Model/MediaDevice.h"
+#include "tools/harkwell/Colour.h"
+#include "tools/harkwell/LineWriter.h"
+
+namespace harkwell::cli {
+
+using WallClock = std::function<std::chrono::system_clock::time_point()>;
+
+// "01:52:20.123  Connected           Audio 100  USB Microphone  running  source: Line In"
+// (local time). Device texts are escaped for the terminal.
+std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
+                           const MediaDevice& device, const Painter& painter);
+// "01:52:20.123  updating devices" or "01:52:20.123  devices updated".
+std::string HumanUpdatingLine(std::chrono::system_clock::time_point time, bool finished,
+                              const Painter& painter);
+
+class WatchPrinter {
+ public:
+  WatchPrinter(bool json, Painter painter, LineWriter& out,
+               WallClock clock = std::chrono::system_clock::now)
+      : json_(json), painter_(painter), out_(out), clock_(std::move(clock)) {}
+
+  // Each returns false when the output can no longer be written.
+  bool printUpdating(bool finished);
+  bool printEvent(MediaDeviceEvent event, const MediaDevice& device);
+
+ private:
+  const bool json_;
+  const Painter painter_;
+  LineWriter& out_;
+  const WallClock clock_;
+};
+
+}  // namespace harkwell::cli
