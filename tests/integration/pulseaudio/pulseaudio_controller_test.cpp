@@ -1,0 +1,223 @@
+// MediaDeviceController on the PulseAudio service, against a pulseaudio daemon that each test
+// starts on a private socket: what a client sees when devices come and go, when a program records,
+// and when the server dies and comes back.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
+#include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivatePulseServer.h"
+#include "tests/support/PulseTestClient.h"
+#include "tests/support/Waiting.h"
+
+namespace harkwell {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ChildProcess;
+using testing::PrivatePulseServer;
+using testing::PulseTestClient;
+using testing::Recorder;
+
+struct Event {
+  MediaDeviceEvent event;
+  MediaDevice device;
+};
+
+// Whether `events` holds `event` for the device with this UID (and running state, if given).
+bool Has(const std::vector<Event>& events, MediaDeviceEvent event, const std::string& uid,
+         std::optional<bool> running = std::nullopt) {
+  return std::any_of(events.begin(), events.end(), [&](const Event& entry) {
+    return entry.event == event && entry.device.deviceUID == uid &&
+           (!running || entry.device.isRunning == *running);
+  });
+}
+
+std::size_t Count(const std::vector<Event>& events, MediaDeviceEvent event) {
+  return static_cast<std::size_t>(std::count_if(
+      events.begin(), events.end(), [&](const Event& entry) { return entry.event == event; }));
+}
+
+class PulseAudioControllerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!PrivatePulseServer::isInstalled()) {
+      GTEST_SKIP() << "the pulseaudio program is not installed (Debian package pulseaudio)";
+    }
+    ASSERT_EQ(server_.start(), "");
+    PulseAudioHardwareService::Options options;
+    options.server = server_.address();
+    service_ = PulseAudioHardwareService::create(options);
+    ASSERT_TRUE(service_);
+    previousAudio_ = InstallAudioHardwareService(service_);
+    // No cameras: the client hears of audio devices only.
+    previousVideo_ = InstallVideoHardwareService(SimulatedVideoHardwareService::create());
+    installed_ = true;
+    client_ = std::make_unique<PulseTestClient>(server_.address());
+    ASSERT_TRUE(client_->isConnected());
+
+    controller_ = MediaDeviceController::create(queue_);
+    controller_->setDeviceEventHandler([this](MediaDeviceEvent event, const MediaDevice& device) {
+      events_.append(Event{event, device});
+    });
+    controller_->setUpdatingDevicesHandler([this](bool finished) { brackets_.append(finished); });
+  }
+
+  void TearDown() override {
+    if (controller_) controller_->setObserveDevices(false);
+    controller_.reset();
+    if (installed_) {
+      InstallAudioHardwareService(previousAudio_);
+      InstallVideoHardwareService(previousVideo_);
+    }
+  }
+
+  // Starts observing and waits for the initial discovery to end (its closing bracket is the
+  // first `finished` true: the observers fill their caches silently).
+  void observe() {
+    controller_->setObserveDevices(true);
+    ASSERT_TRUE(brackets_.waitUntil([](const std::vector<bool>& finished) {
+      return std::find(finished.begin(), finished.end(), true) != finished.end();
+    }));
+  }
+
+  bool waitFor(MediaDeviceEvent event, const std::string& uid,
+               std::optional<bool> running = std::nullopt) {
+    return events_.waitUntil([&](const auto& events) { return Has(events, event, uid, running); });
+  }
+
+  PrivatePulseServer server_;
+  std::shared_ptr<PulseAudioHardwareService> service_;
+  std::unique_ptr<PulseTestClient> client_;
+  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("test.pulseaudio.controller");
+  std::shared_ptr<MediaDeviceController> controller_;
+  Recorder<Event> events_;
+  Recorder<bool> brackets_;
+
+ private:
+  bool installed_ = false;
+  std::shared_ptr<AudioHardwareService> previousAudio_;
+  std::shared_ptr<VideoHardwareService> previousVideo_;
+};
+
+TEST_F(PulseAudioControllerTest, DevicesPresentAtStartArriveAsInitialDiscovery) {
+  observe();
+  const auto events = events_.entries();
+  EXPECT_EQ(events.size(), 2u);
+  EXPECT_TRUE(Has(events, MediaDeviceEvent::InitialDiscovery, PrivatePulseServer::kNullSourceName));
+  EXPECT_TRUE(Has(events, MediaDeviceEvent::InitialDiscovery, PrivatePulseServer::kNullSinkName));
+  EXPECT_EQ(Count(events, MediaDeviceEvent::Connected), 0u);
+}
+
+TEST_F(PulseAudioControllerTest, LoadedNullSourceArrivesAsConnectedWithItsRecord) {
+  observe();
+  ASSERT_TRUE(
+      client_->loadModule("module-null-source", "source_name=extra_source description=Extra"));
+  ASSERT_TRUE(waitFor(MediaDeviceEvent::Connected, "extra_source"));
+
+  const auto events = events_.entries();
+  const auto connected = std::find_if(events.begin(), events.end(), [](const Event& entry) {
+    return entry.event == MediaDeviceEvent::Connected;
+  });
+  const MediaDevice expected{
+      .deviceID = connected->device.deviceID,
+      .mediaType = MediaType::Audio,
+      .deviceUID = "extra_source",
+      .modelUID = std::nullopt,
+      .transportType = MediaDeviceTransportType::Virtual,
+      .name = "Extra",
+      .inputSourceName = std::nullopt,
+      .inputChannelCount = 1,
+      .outputChannelCount = 0,
+      .isConnected = true,
+      .isRunning = false,
+      .unsupportedReason = std::nullopt,
+  };
+  EXPECT_EQ(connected->device, expected);
+  EXPECT_GE(connected->device.deviceID, PulseAudioDeviceMirror::kFirstDeviceID);
+}
+
+TEST_F(PulseAudioControllerTest, RecordingStreamBringsChangedRunningTrueThenFalse) {
+  observe();
+  auto recording = client_->record(PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(recording);
+  ASSERT_TRUE(waitFor(MediaDeviceEvent::ChangedRunning, PrivatePulseServer::kNullSourceName, true));
+
+  recording.reset();
+  ASSERT_TRUE(
+      waitFor(MediaDeviceEvent::ChangedRunning, PrivatePulseServer::kNullSourceName, false));
+  EXPECT_EQ(Count(events_.entries(), MediaDeviceEvent::ChangedRunning), 2u);
+}
+
+TEST_F(PulseAudioControllerTest, ParecordBringsChangedRunningTrueThenFalse) {
+  if (!ChildProcess::findProgram("parecord")) {
+    GTEST_SKIP() << "parecord is not installed (Debian package pulseaudio-utils)";
+  }
+  observe();
+  ChildProcess parecord;
+  std::string error;
+  ASSERT_TRUE(
+      parecord.start({"parecord", "--raw",
+                      std::string("--device=") + PrivatePulseServer::kNullSourceName, "/dev/null"},
+                     {{"PULSE_SERVER", server_.address()}, {"HOME", server_.folder() + "/home"}},
+                     server_.folder() + "/parecord.log", &error))
+      << error;
+  ASSERT_TRUE(waitFor(MediaDeviceEvent::ChangedRunning, PrivatePulseServer::kNullSourceName, true));
+
+  parecord.stop(SIGTERM, 5s);
+  ASSERT_TRUE(
+      waitFor(MediaDeviceEvent::ChangedRunning, PrivatePulseServer::kNullSourceName, false));
+}
+
+TEST_F(PulseAudioControllerTest, UnloadingTheModuleBringsDisconnected) {
+  const auto module = client_->loadModule("module-null-source", "source_name=extra_source");
+  ASSERT_TRUE(module);
+  observe();
+  ASSERT_TRUE(Has(events_.entries(), MediaDeviceEvent::InitialDiscovery, "extra_source"));
+
+  ASSERT_TRUE(client_->unloadModule(*module));
+  ASSERT_TRUE(waitFor(MediaDeviceEvent::Disconnected, "extra_source"));
+  const auto devices = controller_->connectedDevices();
+  EXPECT_TRUE(std::none_of(devices.begin(), devices.end(), [](const MediaDevice& device) {
+    return device.deviceUID == "extra_source";
+  }));
+}
+
+TEST_F(PulseAudioControllerTest, KilledDaemonDisconnectsEveryDeviceAndARestartBringsThemBack) {
+  observe();
+  client_.reset();
+  const auto discovered = controller_->connectedDevices();
+  ASSERT_EQ(discovered.size(), 2u);
+
+  server_.kill();
+  ASSERT_TRUE(events_.waitUntil(
+      [](const auto& events) { return Count(events, MediaDeviceEvent::Disconnected) == 2; }));
+  EXPECT_TRUE(
+      Has(events_.entries(), MediaDeviceEvent::Disconnected, PrivatePulseServer::kNullSourceName));
+  EXPECT_TRUE(
+      Has(events_.entries(), MediaDeviceEvent::Disconnected, PrivatePulseServer::kNullSinkName));
+  EXPECT_TRUE(controller_->connectedDevices().empty());
+
+  ASSERT_EQ(server_.start(), "");
+  ASSERT_TRUE(events_.waitUntil(
+      [](const auto& events) { return Count(events, MediaDeviceEvent::Connected) == 2; }));
+  EXPECT_TRUE(
+      Has(events_.entries(), MediaDeviceEvent::Connected, PrivatePulseServer::kNullSourceName));
+  EXPECT_TRUE(
+      Has(events_.entries(), MediaDeviceEvent::Connected, PrivatePulseServer::kNullSinkName));
+  auto sorted = [](std::vector<MediaDevice> devices) {
+    std::sort(devices.begin(), devices.end(),
+              [](const auto& a, const auto& b) { return a.deviceID < b.deviceID; });
+    return devices;
+  };
+  EXPECT_EQ(sorted(controller_->connectedDevices()), sorted(discovered));
+}
+
+}  // namespace
+}  // namespace harkwell
