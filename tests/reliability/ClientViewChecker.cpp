@@ -1,0 +1,128 @@
+#include "tests/reliability/ClientViewChecker.h"
+
+#include <sstream>
+
+#include "tests/reliability/DeviceIncarnation.h"
+
+namespace harkwell::testing {
+
+ClientViewChecker::ClientViewChecker(std::shared_ptr<DispatchQueue> queue)
+    : queue_(std::move(queue)) {}
+
+void ClientViewChecker::attach(MediaDeviceController& controller) {
+  controller.setUpdatingDevicesHandler([this](bool finished) { onBracket(finished); });
+  controller.setDeviceEventHandler(
+      [this](MediaDeviceEvent event, const MediaDevice& device) { onEvent(event, device); });
+}
+
+void ClientViewChecker::forgetDevices() {
+  std::lock_guard lock(mutex_);
+  view_.clear();
+}
+
+void ClientViewChecker::violate(std::string text) {
+  if (!violation_) violation_ = std::move(text);
+}
+
+void ClientViewChecker::onBracket(bool finished) {
+  const bool onQueue = queue_->isCurrent();
+  std::lock_guard lock(mutex_);
+  if (!onQueue) violate("an updating callback ran off the event-handler queue");
+  if (finished != insideBracket_) {
+    violate(finished ? "an updating bracket closed without being opened"
+                     : "an updating bracket opened inside another");
+  }
+  insideBracket_ = !finished;
+}
+
+void ClientViewChecker::onEvent(MediaDeviceEvent event, const MediaDevice& device) {
+  const bool onQueue = queue_->isCurrent();
+  const DeviceKey key{device.mediaType, device.deviceID};
+  std::lock_guard lock(mutex_);
+  ++counts_[hashValue(event)];
+  std::ostringstream where;
+  where << caseName(event) << " " << device;
+  if (!onQueue) violate(where.str() + ": ran off the event-handler queue");
+  const bool known = view_.count(key) != 0;
+  switch (event) {
+    case MediaDeviceEvent::InitialDiscovery:
+    case MediaDeviceEvent::Connected:
+    case MediaDeviceEvent::ChangedRunning:
+    case MediaDeviceEvent::ChangedInputSource:
+      if (auto problem = CachedRecordProblem(device)) violate(where.str() + ": " + *problem);
+      if (!known && (event == MediaDeviceEvent::ChangedRunning ||
+                     event == MediaDeviceEvent::ChangedInputSource)) {
+        violate(where.str() + ": a change for a device the client was not told of");
+      }
+      view_[key] = device;
+      break;
+    case MediaDeviceEvent::Disconnected:
+      if (!known) violate(where.str() + ": the client was never told of this device");
+      if (device.isConnected || device.isRunning) {
+        violate(where.str() + ": a disconnected record is still connected or running");
+      }
+      view_.erase(key);
+      break;
+  }
+}
+
+std::optional<std::string> ClientViewChecker::firstViolation() const {
+  std::lock_guard lock(mutex_);
+  return violation_;
+}
+
+std::array<std::uint64_t, 5> ClientViewChecker::eventCounts() const {
+  std::lock_guard lock(mutex_);
+  return counts_;
+}
+
+std::uint64_t ClientViewChecker::eventCount(MediaDeviceEvent event) const {
+  std::lock_guard lock(mutex_);
+  return counts_[hashValue(event)];
+}
+
+bool ClientViewChecker::isInsideBracket() const {
+  std::lock_guard lock(mutex_);
+  return insideBracket_;
+}
+
+std::map<ClientViewChecker::DeviceKey, MediaDevice> ClientViewChecker::view() const {
+  std::lock_guard lock(mutex_);
+  return view_;
+}
+
+std::optional<std::string> ClientViewChecker::differenceFromCaches(
+    const MediaDeviceController& controller) const {
+  std::map<DeviceKey, MediaDevice> cached;
+  for (const auto& device : controller.connectedDevices()) {
+    if (auto problem = CachedRecordProblem(device)) return "cache holds " + *problem;
+    if (!cached.emplace(DeviceKey{device.mediaType, device.deviceID}, device).second) {
+      std::ostringstream text;
+      text << "cache lists " << device << " twice";
+      return text.str();
+    }
+  }
+  const auto seen = view();
+  for (const auto& [key, device] : cached) {
+    auto found = seen.find(key);
+    std::ostringstream text;
+    if (found == seen.end()) {
+      text << "cache holds " << device << " which the client was not told of";
+      return text.str();
+    }
+    if (!(found->second == device)) {
+      text << "cache holds " << device << " but the client last saw " << found->second;
+      return text.str();
+    }
+  }
+  for (const auto& [key, device] : seen) {
+    if (cached.count(key) == 0) {
+      std::ostringstream text;
+      text << "the client still holds " << device << " which is no longer cached";
+      return text.str();
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace harkwell::testing

@@ -1,0 +1,67 @@
+// A controller client that checks, as each callback arrives, what any client may rely on:
+//   - every callback runs on the controller's event-handler queue;
+//   - updating brackets alternate, false then true, and never nest;
+//   - a Disconnected device is one the client was told of (Connected or InitialDiscovery) and not
+//     told is gone since; ChangedRunning and ChangedInputSource come only for such devices;
+//   - every record it is handed is complete and whole (see DeviceIncarnation.h), and a
+//     Disconnected record is neither connected nor running.
+// It also keeps the client's view, the latest record of every device it was told of, so a test
+// can compare that view with the controller's caches once the queue is quiet.
+//
+// The callbacks run on the controller's queue; everything else is called from the test's thread.
+// The checker must outlive the controller's observation.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "HarkwellFoundation/Controller/MediaDeviceController.h"
+
+namespace harkwell::testing {
+
+class ClientViewChecker {
+ public:
+  using DeviceKey = std::pair<MediaType, std::uint32_t>;
+
+  explicit ClientViewChecker(std::shared_ptr<DispatchQueue> queue);
+  ClientViewChecker(const ClientViewChecker&) = delete;
+  ClientViewChecker& operator=(const ClientViewChecker&) = delete;
+
+  // Installs the checker as the controller's two callbacks.
+  void attach(MediaDeviceController& controller);
+  // The two callbacks themselves, public so the checker's own tests can feed it directly.
+  void onBracket(bool finished);
+  void onEvent(MediaDeviceEvent event, const MediaDevice& device);
+  // Observation was switched off: the next initial discovery starts the client's view afresh.
+  void forgetDevices();
+
+  // The first broken rule, or nothing.
+  std::optional<std::string> firstViolation() const;
+  // How many events of each kind arrived, by the event's ordinal.
+  std::array<std::uint64_t, 5> eventCounts() const;
+  std::uint64_t eventCount(MediaDeviceEvent event) const;
+  bool isInsideBracket() const;
+  std::map<DeviceKey, MediaDevice> view() const;
+
+  // Where the client's view differs from the controller's caches, or nothing when it does not.
+  // Only meaningful while the queue is quiet.
+  std::optional<std::string> differenceFromCaches(const MediaDeviceController& controller) const;
+
+ private:
+  void violate(std::string text);  // with mutex_ held
+
+  const std::shared_ptr<DispatchQueue> queue_;
+  mutable std::mutex mutex_;
+  std::optional<std::string> violation_;
+  std::array<std::uint64_t, 5> counts_{};
+  bool insideBracket_ = false;
+  std::map<DeviceKey, MediaDevice> view_;
+};
+
+}  // namespace harkwell::testing

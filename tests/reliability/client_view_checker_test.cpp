@@ -1,0 +1,143 @@
+// The reliability suites are only as good as their checks: each rule the client-view checker and
+// the record check enforce must trip when it is broken, and a correct history must pass.
+#include <gtest/gtest.h>
+
+#include "tests/reliability/ClientViewChecker.h"
+#include "tests/reliability/DeviceIncarnation.h"
+
+namespace harkwell {
+namespace {
+
+using testing::ClientViewChecker;
+using testing::DeviceIncarnation;
+
+MediaDevice RecordOf(const DeviceIncarnation& incarnation) {
+  return MediaDevice{.deviceID = incarnation.deviceID,
+                     .mediaType = incarnation.mediaType,
+                     .deviceUID = incarnation.uid(),
+                     .modelUID = incarnation.modelUID(),
+                     .name = incarnation.name(),
+                     .inputChannelCount = incarnation.inputCount,
+                     .outputChannelCount = incarnation.outputCount,
+                     .isConnected = true,
+                     .unsupportedReason = MediaDeviceUnsupportedReasonForChannelCounts(
+                         incarnation.inputCount, incarnation.outputCount)};
+}
+
+MediaDevice Gone(MediaDevice record) {
+  record.isConnected = false;
+  record.isRunning = false;
+  return record;
+}
+
+const DeviceIncarnation kMicrophone{.mediaType = MediaType::Audio, .deviceID = 7, .generation = 3};
+
+class ClientViewCheckerTest : public ::testing::Test {
+ protected:
+  // Feeds the checker on its queue, as a controller would.
+  template <class Work>
+  void onQueue(Work work) {
+    queue_->sync(work);
+  }
+
+  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("checker-test");
+  ClientViewChecker checker_{queue_};
+};
+
+TEST_F(ClientViewCheckerTest, AWholeHistoryPasses) {
+  onQueue([&] {
+    checker_.onBracket(false);
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    checker_.onBracket(true);
+    MediaDevice running = RecordOf(kMicrophone);
+    running.isRunning = true;
+    running.inputSourceName = DeviceIncarnation::inputSourceName(2);
+    checker_.onEvent(MediaDeviceEvent::ChangedRunning, running);
+    checker_.onBracket(false);
+    checker_.onEvent(MediaDeviceEvent::Disconnected, Gone(running));
+    checker_.onBracket(true);
+  });
+  EXPECT_FALSE(checker_.firstViolation());
+  EXPECT_TRUE(checker_.view().empty());
+  EXPECT_EQ(checker_.eventCount(MediaDeviceEvent::Connected), 1u);
+}
+
+TEST_F(ClientViewCheckerTest, DisconnectedWithoutConnectedIsCaught) {
+  onQueue([&] { checker_.onEvent(MediaDeviceEvent::Disconnected, Gone(RecordOf(kMicrophone))); });
+  ASSERT_TRUE(checker_.firstViolation());
+  EXPECT_NE(checker_.firstViolation()->find("never told"), std::string::npos);
+}
+
+TEST_F(ClientViewCheckerTest, DisconnectedTwiceIsCaught) {
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::InitialDiscovery, RecordOf(kMicrophone));
+    checker_.onEvent(MediaDeviceEvent::Disconnected, Gone(RecordOf(kMicrophone)));
+  });
+  EXPECT_FALSE(checker_.firstViolation());
+  onQueue([&] { checker_.onEvent(MediaDeviceEvent::Disconnected, Gone(RecordOf(kMicrophone))); });
+  EXPECT_TRUE(checker_.firstViolation());
+}
+
+TEST_F(ClientViewCheckerTest, ChangeForAForgottenDeviceIsCaught) {
+  onQueue([&] { checker_.onEvent(MediaDeviceEvent::ChangedRunning, RecordOf(kMicrophone)); });
+  EXPECT_TRUE(checker_.firstViolation());
+}
+
+TEST_F(ClientViewCheckerTest, CallbackOffTheQueueIsCaught) {
+  checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+  ASSERT_TRUE(checker_.firstViolation());
+  EXPECT_NE(checker_.firstViolation()->find("off the event-handler queue"), std::string::npos);
+}
+
+TEST_F(ClientViewCheckerTest, NestedOrUnopenedBracketsAreCaught) {
+  onQueue([&] { checker_.onBracket(true); });
+  EXPECT_TRUE(checker_.firstViolation());
+  ClientViewChecker nested(queue_);
+  onQueue([&] {
+    nested.onBracket(false);
+    nested.onBracket(false);
+  });
+  EXPECT_TRUE(nested.firstViolation());
+}
+
+TEST_F(ClientViewCheckerTest, DisconnectedRecordStillRunningIsCaught) {
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    MediaDevice stillRunning = Gone(RecordOf(kMicrophone));
+    stillRunning.isRunning = true;
+    checker_.onEvent(MediaDeviceEvent::Disconnected, stillRunning);
+  });
+  EXPECT_TRUE(checker_.firstViolation());
+}
+
+TEST(CachedRecordProblemTest, AWholeRecordHasNoProblem) {
+  EXPECT_FALSE(testing::CachedRecordProblem(RecordOf(kMicrophone)));
+}
+
+TEST(CachedRecordProblemTest, FieldsFromTwoDevicesAreCaught) {
+  const DeviceIncarnation next{.mediaType = MediaType::Audio, .deviceID = 7, .generation = 4};
+  MediaDevice mixed = RecordOf(kMicrophone);
+  mixed.deviceUID = next.uid();
+  EXPECT_TRUE(testing::CachedRecordProblem(mixed));
+}
+
+TEST(CachedRecordProblemTest, EachWrongFieldIsCaught) {
+  auto broken = [](auto edit) {
+    MediaDevice record = RecordOf(kMicrophone);
+    edit(record);
+    return testing::CachedRecordProblem(record).has_value();
+  };
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.name.clear(); }));
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.deviceID = 8; }));
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.mediaType = MediaType::Video; }));
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.inputChannelCount = 2; }));
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.modelUID = "other-model"; }));
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.isConnected = false; }));
+  EXPECT_TRUE(broken(
+      [](MediaDevice& r) { r.unsupportedReason = MediaDeviceUnsupportedReason::NoInputChannels; }));
+  EXPECT_TRUE(broken([](MediaDevice& r) { r.inputSourceName = "Line In"; }));
+  EXPECT_FALSE(broken([](MediaDevice& r) { r.modelUID = std::nullopt; }));
+}
+
+}  // namespace
+}  // namespace harkwell
