@@ -4,9 +4,9 @@
 #include <signal.h>
 
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "tests/cli/ProgramRun.h"
+#include "tests/cli/WatchLines.h"
 
 namespace harkwell::testing {
 namespace {
@@ -80,20 +80,6 @@ json Event(const char* event, json device) {
   return json{{"type", "event"}, {"event", event}, {"device", std::move(device)}};
 }
 
-// The line parsed as JSON, with its timestamp checked and taken out.
-json WithoutTime(const std::string& line) {
-  json value = json::parse(line, nullptr, false);
-  if (value.is_discarded() || !value.is_object()) {
-    ADD_FAILURE() << "not a JSON object: " << line;
-    return json();
-  }
-  static const std::regex kTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
-  const auto time = value.value("time", std::string());
-  EXPECT_TRUE(std::regex_match(time, kTime)) << line;
-  value.erase("time");
-  return value;
-}
-
 TEST(HarkwellList, JsonPrintsTheConnectedDevicesAudioThenVideo) {
   const TemporaryFile scenario(kScenario);
   const auto result = RunHarkwell({"list", "--json", "--scenario", scenario.path()});
@@ -121,7 +107,7 @@ TEST(HarkwellWatch, JsonPrintsTheDiscoveryAndEveryChangeInOrder) {
   std::size_t start = 0;
   for (std::size_t end; (end = result.out.find('\n', start)) != std::string::npos;
        start = end + 1) {
-    lines.push_back(WithoutTime(result.out.substr(start, end - start)));
+    lines.push_back(ParseWatchLine(result.out.substr(start, end - start)));
   }
   EXPECT_EQ(start, result.out.size()) << "the output ends with a complete line";
   const std::vector<json> expected{
@@ -150,11 +136,7 @@ TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   auto run = StartHarkwell({"watch", "--json", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   // Wait until the initial discovery is complete, so the watch is really under way.
-  for (;;) {
-    const auto line = run->readLine(kLineDeadline);
-    ASSERT_TRUE(line.has_value()) << run->errorOutput();
-    if (WithoutTime(*line) == Updating(true)) break;
-  }
+  ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
   const auto signalled = std::chrono::steady_clock::now();
   run->sendSignal(SIGINT);
   const auto status = run->waitForExit(1s);
