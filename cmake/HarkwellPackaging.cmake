@@ -1,0 +1,75 @@
+# Installing the library: the archive or shared object, the headers under their
+# HarkwellFoundation/ tree, a CMake package (find_package(HarkwellFoundation) gives
+# HarkwellFoundation::HarkwellFoundation) with its version file, and a pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(HARKWELL_CMAKE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/HarkwellFoundation)
+
+install(TARGETS HarkwellFoundation
+  EXPORT HarkwellFoundationTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+# Every header keeps its place, so installed code includes exactly what in-tree code includes.
+# Another platform's services are of no use here and may need that platform's SDK.
+set(harkwell_foreign_platforms)
+if(NOT APPLE)
+  list(APPEND harkwell_foreign_platforms PATTERN "Apple" EXCLUDE)
+endif()
+if(NOT HARKWELL_LINUX)
+  list(APPEND harkwell_foreign_platforms PATTERN "Linux" EXCLUDE)
+endif()
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/HarkwellFoundation
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h" ${harkwell_foreign_platforms})
+
+install(EXPORT HarkwellFoundationTargets
+  NAMESPACE HarkwellFoundation::
+  DESTINATION ${HARKWELL_CMAKE_PACKAGE_DIR})
+
+# The config file finds libpulse again where the library links it.
+if(HARKWELL_WITH_PULSEAUDIO)
+  set(HARKWELL_CONFIG_NEEDS_LIBPULSE ON)
+else()
+  set(HARKWELL_CONFIG_NEEDS_LIBPULSE OFF)
+endif()
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/HarkwellFoundationConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/HarkwellFoundationConfig.cmake
+  INSTALL_DESTINATION ${HARKWELL_CMAKE_PACKAGE_DIR})
+# 0.x releases may change the API between minor versions.
+write_basic_package_version_file(
+  ${PROJECT_BINARY_DIR}/HarkwellFoundationConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/HarkwellFoundationConfig.cmake
+  ${PROJECT_BINARY_DIR}/HarkwellFoundationConfigVersion.cmake
+  DESTINATION ${HARKWELL_CMAKE_PACKAGE_DIR})
+
+# pkg-config: a static archive needs its dependencies on every link line, a shared library only
+# when linking statically.
+set(HARKWELL_PC_CFLAGS "")
+set(HARKWELL_PC_REQUIRES "")
+if(HARKWELL_WITH_PULSEAUDIO)
+  set(HARKWELL_PC_CFLAGS "-DHARKWELL_HAVE_PULSEAUDIO=1")
+  set(HARKWELL_PC_REQUIRES "libpulse")
+endif()
+get_target_property(harkwell_library_type HarkwellFoundation TYPE)
+if(harkwell_library_type STREQUAL "STATIC_LIBRARY")
+  set(HARKWELL_PC_PUBLIC_REQUIRES "${HARKWELL_PC_REQUIRES}")
+  set(HARKWELL_PC_PRIVATE_REQUIRES "")
+  set(HARKWELL_PC_PUBLIC_LIBS "-pthread")
+  set(HARKWELL_PC_PRIVATE_LIBS "")
+else()
+  set(HARKWELL_PC_PUBLIC_REQUIRES "")
+  set(HARKWELL_PC_PRIVATE_REQUIRES "${HARKWELL_PC_REQUIRES}")
+  set(HARKWELL_PC_PUBLIC_LIBS "")
+  set(HARKWELL_PC_PRIVATE_LIBS "-pthread")
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/cmake/HarkwellFoundation.pc.in
+  ${PROJECT_BINARY_DIR}/HarkwellFoundation.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/HarkwellFoundation.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
