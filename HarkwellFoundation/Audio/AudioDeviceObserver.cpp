@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
+#include "HarkwellFoundation/Observer/BackendObserverSupport.h"
 
 namespace harkwell {
 
@@ -40,12 +41,8 @@ std::optional<std::string> AudioDeviceObserver::deviceUIDForDeviceID(std::uint32
 
 std::optional<MediaDeviceChannelCounts> AudioDeviceObserver::deviceChannelCountsForDeviceID(
     std::uint32_t deviceID) const {
-  // The output count is only asked for once the input count is known.
-  auto inputCount = AudioDeviceInputChannelCountForDeviceID(deviceID);
-  if (!inputCount) return std::nullopt;
-  auto outputCount = AudioDeviceOutputChannelCountForDeviceID(deviceID);
-  if (!outputCount) return std::nullopt;
-  return MediaDeviceChannelCounts{.inputCount = *inputCount, .outputCount = *outputCount};
+  return ReadChannelCounts(deviceID, &AudioDeviceInputChannelCountForDeviceID,
+                           &AudioDeviceOutputChannelCountForDeviceID);
 }
 
 std::optional<bool> AudioDeviceObserver::deviceIsRunningForDeviceID(std::uint32_t deviceID) const {
@@ -66,68 +63,69 @@ MediaDeviceTransportType AudioDeviceObserver::deviceTransportTypeForDeviceID(
 //
 // Every callback given to a listener or the polling timer holds the observer weakly: a notification
 // can already be queued when the observer goes away, and then it does nothing. The mutex guards the
-// three members only; the service and the base class are always called without it.
+// three members only; the service and the base class are always called without it. The teardown
+// runs the stop hooks once the observer is no longer owned, so they never need weak_from_this().
 
 void AudioDeviceObserver::startObservingConnectedDevices() {
-  auto record = AudioDeviceAddObserverForConnectedDevices(deviceEventHandlerQueue(),
-                                                          [weakSelf = weak_from_this()] {
-                                                            if (auto self = weakSelf.lock())
-                                                              self->noteConnectedDevicesDidChange();
-                                                          });
+  auto record = AudioDeviceAddObserverForConnectedDevices(
+      deviceEventHandlerQueue(),
+      CallbackWhileObserverAlive(weak_from_this(), [](MediaDeviceObserver& self) {
+        self.noteConnectedDevicesDidChange();
+      }));
   // A record replaced here is dropped without removing its listener.
-  std::optional<AudioDevicePropertyObserver> replaced;
-  std::lock_guard lock(observersMutex_);
-  replaced = std::exchange(_connectedDevicesChangedObserver, std::move(record));
+  ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, std::move(record));
 }
 
 void AudioDeviceObserver::stopObservingConnectedDevices() {
-  std::optional<AudioDevicePropertyObserver> record;
-  {
-    std::lock_guard lock(observersMutex_);
-    record = std::exchange(_connectedDevicesChangedObserver, std::nullopt);
+  if (auto record = ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, {})) {
+    AudioDeviceRemoveObserverForConnectedDevices(*record);
   }
-  if (record) AudioDeviceRemoveObserverForConnectedDevices(*record);
 }
 
 void AudioDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t deviceID) {
   const std::weak_ptr<MediaDeviceObserver> weakSelf = weak_from_this();
 
   auto running = AudioDeviceAddObserverForDeviceIsRunning(
-      deviceID, deviceEventHandlerQueue(), [weakSelf, deviceID] {
-        if (auto self = weakSelf.lock()) self->noteIsRunningChangedForDeviceID(deviceID);
-      });
-  if (running) storeObserver(_deviceIsRunningObservers, deviceID, std::move(*running));
+      deviceID, deviceEventHandlerQueue(),
+      CallbackWhileObserverAlive(weakSelf, [deviceID](MediaDeviceObserver& self) {
+        self.noteIsRunningChangedForDeviceID(deviceID);
+      }));
+  if (running)
+    StoreLocked(observersMutex_, _deviceIsRunningObservers, deviceID, std::move(*running));
 
   auto inputSource = AudioDeviceAddObserverForSelectedInputSource(
-      deviceID, deviceEventHandlerQueue(), [weakSelf, deviceID] {
-        if (auto self = weakSelf.lock()) self->noteSelectedInputSourceChangedForDeviceID(deviceID);
-      });
+      deviceID, deviceEventHandlerQueue(),
+      CallbackWhileObserverAlive(weakSelf, [deviceID](MediaDeviceObserver& self) {
+        self.noteSelectedInputSourceChangedForDeviceID(deviceID);
+      }));
   if (inputSource) {
-    storeObserver(_deviceSelectedInputSourceObservers, deviceID, std::move(*inputSource));
+    StoreLocked(observersMutex_, _deviceSelectedInputSourceObservers, deviceID,
+                std::move(*inputSource));
   }
 
   // Bluetooth devices do not always report their running state, so it is also polled. Bluetooth
   // LE devices are not.
   if (AudioDeviceTransportTypeForDeviceID(deviceID) == MediaDeviceTransportType::Bluetooth) {
-    addPollingHandlerForDeviceID(deviceID, [weakSelf, deviceID] {
-      auto self = weakSelf.lock();
-      if (!self) return;
-      auto cached = self->cachedDeviceForDeviceID(deviceID);
-      if (!cached) return;
-      // A failed read counts as a change.
-      auto isRunning = AudioDeviceIsRunningForDeviceID(deviceID);
-      if (!isRunning || *isRunning != cached->isRunning) {
-        self->noteIsRunningChangedForDeviceID(deviceID);
-      }
-    });
+    addPollingHandlerForDeviceID(
+        deviceID, CallbackWhileObserverAlive(weakSelf, [deviceID](MediaDeviceObserver& self) {
+          auto cached = self.cachedDeviceForDeviceID(deviceID);
+          if (!cached) return;
+          // A failed read counts as a change.
+          auto isRunning = AudioDeviceIsRunningForDeviceID(deviceID);
+          if (!isRunning || *isRunning != cached->isRunning) {
+            self.noteIsRunningChangedForDeviceID(deviceID);
+          }
+        }));
   }
 }
 
 void AudioDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
-  if (auto running = takeObserver(_deviceIsRunningObservers, deviceID)) {
+  if (auto running = FindLocked(observersMutex_, _deviceIsRunningObservers, deviceID,
+                                /*erase=*/true)) {
     AudioDeviceRemoveObserverForDeviceIsRunning(*running);
   }
-  if (auto inputSource = takeObserver(_deviceSelectedInputSourceObservers, deviceID)) {
+  if (auto inputSource = FindLocked(observersMutex_, _deviceSelectedInputSourceObservers, deviceID,
+                                    /*erase=*/true)) {
     AudioDeviceRemoveObserverForSelectedInputSource(*inputSource);
   }
   removePollingHandlerForDeviceID(deviceID);
@@ -143,26 +141,6 @@ void AudioDeviceObserver::stopObservingPropertiesForAllDevices() {
     for (const auto& [deviceID, record] : _deviceIsRunningObservers) deviceIDs.push_back(deviceID);
   }
   for (std::uint32_t deviceID : deviceIDs) stopObservingPropertiesForDeviceID(deviceID);
-}
-
-void AudioDeviceObserver::storeObserver(ObserverMap& map, std::uint32_t deviceID,
-                                        AudioDevicePropertyObserver record) {
-  // An earlier record for the device is replaced without removing its listener; it is destroyed
-  // after the lock is released.
-  std::optional<AudioDevicePropertyObserver> replaced;
-  std::lock_guard lock(observersMutex_);
-  auto [slot, inserted] = map.try_emplace(deviceID, record);
-  if (!inserted) replaced = std::exchange(slot->second, std::move(record));
-}
-
-std::optional<AudioDevicePropertyObserver> AudioDeviceObserver::takeObserver(
-    ObserverMap& map, std::uint32_t deviceID) {
-  std::lock_guard lock(observersMutex_);
-  auto found = map.find(deviceID);
-  if (found == map.end()) return std::nullopt;
-  AudioDevicePropertyObserver record = std::move(found->second);
-  map.erase(found);
-  return record;
 }
 
 // --- Inspection ----------------------------------------------------------------------------------

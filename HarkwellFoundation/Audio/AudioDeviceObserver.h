@@ -54,18 +54,12 @@ class AudioDeviceObserver : public MediaDeviceObserver {
   explicit AudioDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
 
  private:
-  using ObserverMap = std::unordered_map<std::uint32_t, AudioDevicePropertyObserver>;
-
-  // Stores `record` under `deviceID`, replacing an earlier one without removing its listener.
-  void storeObserver(ObserverMap& map, std::uint32_t deviceID, AudioDevicePropertyObserver record);
-  // Removes and returns the record stored under `deviceID`, if any.
-  std::optional<AudioDevicePropertyObserver> takeObserver(ObserverMap& map, std::uint32_t deviceID);
-
   // Guards the three members below; never held while the service is called.
   mutable std::mutex observersMutex_;
   std::optional<AudioDevicePropertyObserver> _connectedDevicesChangedObserver;
-  ObserverMap _deviceIsRunningObservers;
-  ObserverMap _deviceSelectedInputSourceObservers;
+  std::unordered_map<std::uint32_t, AudioDevicePropertyObserver> _deviceIsRunningObservers;
+  std::unordered_map<std::uint32_t, AudioDevicePropertyObserver>
+      _deviceSelectedInputSourceObservers;
 };
 
 }  // namespace harkwell

@@ -1,5 +1,6 @@
 #include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
 
+#include "HarkwellFoundation/Audio/AudioHardwareBackend.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/HardwareFailureLog.h"
 #include "HarkwellFoundation/Platform/HardwarePropertyReader.h"
@@ -16,12 +17,8 @@ constexpr PropertyAddress Address(std::uint32_t selector, std::uint32_t scope) {
   return {selector, scope, kAudioObjectPropertyElementMaster};
 }
 
-HardwarePropertyReader AudioReader(std::shared_ptr<AudioHardwareService> service) {
-  return HardwarePropertyReader(std::move(service), &AudioDeviceLogWithStatus);
-}
-
 HardwarePropertyReader AudioReader() {
-  return AudioReader(CurrentAudioHardwareService());
+  return HardwarePropertyReader(AudioHardwareBackend());
 }
 
 std::optional<std::string> _stringPropertyValueForDeviceID(std::uint32_t deviceID,
@@ -68,6 +65,16 @@ MediaDeviceTransportType TransportTypeForAudioCode(std::uint32_t code) {
 
 }  // namespace
 
+const HardwareBackend& AudioHardwareBackend() {
+  static constexpr HardwareBackend backend{
+      .currentService = []() -> std::shared_ptr<HardwareService> {
+        return CurrentAudioHardwareService();
+      },
+      .log = &AudioDeviceLogWithStatus,
+  };
+  return backend;
+}
+
 void AudioDeviceLogWithStatus(std::optional<OSStatus> status, std::string_view message) {
   LogHardwareFailure(kAudioLogFormat, status, message);
 }
@@ -101,7 +108,7 @@ std::optional<std::string> AudioDeviceSelectedInputSourceNameForDeviceID(std::ui
   if (!service->hasProperty(deviceID, sourceAddress)) return std::nullopt;
   if (!service->hasProperty(deviceID, nameAddress)) return std::nullopt;
 
-  const HardwarePropertyReader reader = AudioReader(service);
+  const HardwarePropertyReader reader(service, &AudioDeviceLogWithStatus);
   std::optional<std::uint32_t> sourceID =
       reader.readUInt32(deviceID, sourceAddress, "default source");
   if (!sourceID) return std::nullopt;

@@ -2,13 +2,12 @@
 
 #include <unistd.h>
 
-#include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
+#include "HarkwellFoundation/Audio/AudioHardwareBackend.h"
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/HardwarePropertyReader.h"
-#include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
-#include "HarkwellFoundation/Video/VideoDeviceProperties.h"
+#include "HarkwellFoundation/Video/VideoHardwareBackend.h"
 
 namespace harkwell {
 
@@ -21,14 +20,6 @@ constexpr PropertyAddress kAudioHogModeAddress{kAudioDevicePropertyHogMode,
                                                kAudioObjectPropertyElementMaster};
 constexpr PropertyAddress kVideoHogModeAddress{
     kCMIODevicePropertyHogMode, kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
-
-HardwarePropertyReader AudioHogModeAccess() {
-  return HardwarePropertyReader(CurrentAudioHardwareService(), &AudioDeviceLogWithStatus);
-}
-
-HardwarePropertyReader VideoHogModeAccess() {
-  return HardwarePropertyReader(CurrentVideoHardwareService(), &VideoDeviceLogWithStatus);
-}
 
 // The owner's pid is a signed 32-bit value read as 4 bytes.
 std::optional<MediaDeviceHogMode> ReadHogMode(const HardwarePropertyReader& access,
@@ -85,19 +76,23 @@ std::ostream& operator<<(std::ostream& out, const MediaDeviceHogMode& mode) {
 }
 
 std::optional<MediaDeviceHogMode> AudioDeviceHogModeForDeviceID(std::uint32_t deviceID) {
-  return ReadHogMode(AudioHogModeAccess(), deviceID, kAudioHogModeAddress);
+  return ReadHogMode(HardwarePropertyReader(AudioHardwareBackend()), deviceID,
+                     kAudioHogModeAddress);
 }
 
 std::optional<MediaDeviceHogMode> VideoDeviceHogModeForDeviceID(std::uint32_t deviceID) {
-  return ReadHogMode(VideoHogModeAccess(), deviceID, kVideoHogModeAddress);
+  return ReadHogMode(HardwarePropertyReader(VideoHardwareBackend()), deviceID,
+                     kVideoHogModeAddress);
 }
 
 bool AudioDeviceToggleHogModeForDeviceID(std::uint32_t deviceID) {
-  return ToggleHogMode(AudioHogModeAccess(), deviceID, kAudioHogModeAddress);
+  return ToggleHogMode(HardwarePropertyReader(AudioHardwareBackend()), deviceID,
+                       kAudioHogModeAddress);
 }
 
 bool VideoDeviceToggleHogModeForDeviceID(std::uint32_t deviceID) {
-  return ToggleHogMode(VideoHogModeAccess(), deviceID, kVideoHogModeAddress);
+  return ToggleHogMode(HardwarePropertyReader(VideoHardwareBackend()), deviceID,
+                       kVideoHogModeAddress);
 }
 
 // --- Exclusive access on a device record ---------------------------------------------------------

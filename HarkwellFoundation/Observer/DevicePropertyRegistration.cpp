@@ -39,9 +39,8 @@ bool _unregisterObserver(HardwareService& service, HardwareFailureLog log,
 }  // namespace
 
 std::optional<DevicePropertyObserver> AddDevicePropertyObserver(
-    HardwareService& service, HardwareFailureLog log, ObjectID object,
-    const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
-    std::function<void()> callback) {
+    const HardwareBackend& backend, ObjectID object, const PropertyAddress& address,
+    std::shared_ptr<DispatchQueue> queue, std::function<void()> callback) {
   // The closure already runs on the record's queue (the service is given that queue), so it calls
   // the callback directly.
   auto listener = std::make_shared<const PropertyListener>(
@@ -52,14 +51,16 @@ std::optional<DevicePropertyObserver> AddDevicePropertyObserver(
       .callbackQueue = std::move(queue),
       .listenerBlock = std::move(listener),
   };
-  if (!_registerObserver(service, log, observer, address)) return std::nullopt;
+  if (!_registerObserver(*backend.currentService(), backend.log, observer, address)) {
+    return std::nullopt;
+  }
   return observer;
 }
 
-bool RemoveDevicePropertyObserver(HardwareService& service, HardwareFailureLog log,
+bool RemoveDevicePropertyObserver(const HardwareBackend& backend,
                                   const DevicePropertyObserver& observer,
                                   const PropertyAddress& address) {
-  return _unregisterObserver(service, log, observer, address);
+  return _unregisterObserver(*backend.currentService(), backend.log, observer, address);
 }
 
 }  // namespace harkwell

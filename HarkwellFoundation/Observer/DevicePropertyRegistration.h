@@ -12,22 +12,20 @@
 #include <optional>
 
 #include "HarkwellFoundation/Observer/DevicePropertyObserver.h"
-#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
-#include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/HardwareBackend.h"
 
 namespace harkwell {
 
-// Registers a listener on `object` at `address` that runs `callback` on `queue` once per
-// notification. Empty when the service refuses ("Unable to register for property changes of device
-// with ID <object>").
+// Registers, with the back end's installed service, a listener on `object` at `address` that runs
+// `callback` on `queue` once per notification. Empty when the service refuses ("Unable to register
+// for property changes of device with ID <object>").
 std::optional<DevicePropertyObserver> AddDevicePropertyObserver(
-    HardwareService& service, HardwareFailureLog log, ObjectID object,
-    const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
-    std::function<void()> callback);
+    const HardwareBackend& backend, ObjectID object, const PropertyAddress& address,
+    std::shared_ptr<DispatchQueue> queue, std::function<void()> callback);
 
-// Asks the service to remove the record's listener at `address`; false when it refuses ("Unable to
-// unregister for property changes of device with ID <object>").
-bool RemoveDevicePropertyObserver(HardwareService& service, HardwareFailureLog log,
+// Asks the back end's installed service to remove the record's listener at `address`; false when it
+// refuses ("Unable to unregister for property changes of device with ID <object>").
+bool RemoveDevicePropertyObserver(const HardwareBackend& backend,
                                   const DevicePropertyObserver& observer,
                                   const PropertyAddress& address);
 

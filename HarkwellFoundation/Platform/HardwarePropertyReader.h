@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "HarkwellFoundation/Platform/HardwareBackend.h"
 #include "HarkwellFoundation/Platform/HardwareFailureLog.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 
@@ -20,6 +21,9 @@ namespace harkwell {
 
 class HardwarePropertyReader {
  public:
+  // A reader for the back end's service installed now.
+  explicit HardwarePropertyReader(const HardwareBackend& backend)
+      : HardwarePropertyReader(backend.currentService(), backend.log) {}
   HardwarePropertyReader(std::shared_ptr<HardwareService> service, HardwareFailureLog log)
       : service_(std::move(service)), log_(log) {}
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "HarkwellFoundation/Observer/BackendObserverSupport.h"
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 
 namespace harkwell {
@@ -42,11 +43,8 @@ std::optional<std::string> VideoDeviceObserver::deviceUIDForDeviceID(std::uint32
 
 std::optional<MediaDeviceChannelCounts> VideoDeviceObserver::deviceChannelCountsForDeviceID(
     std::uint32_t deviceID) const {
-  auto inputCount = VideoDeviceInputChannelCountForDeviceID(deviceID);
-  if (!inputCount) return std::nullopt;
-  auto outputCount = VideoDeviceOutputChannelCountForDeviceID(deviceID);
-  if (!outputCount) return std::nullopt;
-  return MediaDeviceChannelCounts{.inputCount = *inputCount, .outputCount = *outputCount};
+  return ReadChannelCounts(deviceID, &VideoDeviceInputChannelCountForDeviceID,
+                           &VideoDeviceOutputChannelCountForDeviceID);
 }
 
 std::optional<bool> VideoDeviceObserver::deviceIsRunningForDeviceID(std::uint32_t deviceID) const {
@@ -69,48 +67,36 @@ MediaDeviceTransportType VideoDeviceObserver::deviceTransportTypeForDeviceID(
 // away does nothing. The mutex guards the two members only and is never held across a service call.
 
 void VideoDeviceObserver::startObservingConnectedDevices() {
-  auto record = VideoDeviceAddObserverForConnectedDevices(deviceEventHandlerQueue(),
-                                                          [weakSelf = weak_from_this()] {
-                                                            if (auto self = weakSelf.lock())
-                                                              self->noteConnectedDevicesDidChange();
-                                                          });
+  auto record = VideoDeviceAddObserverForConnectedDevices(
+      deviceEventHandlerQueue(),
+      CallbackWhileObserverAlive(weak_from_this(), [](MediaDeviceObserver& self) {
+        self.noteConnectedDevicesDidChange();
+      }));
   // A record replaced here is dropped; its listener stays registered.
-  std::optional<VideoDevicePropertyObserver> replaced;
-  std::lock_guard lock(observersMutex_);
-  replaced = std::exchange(_connectedDevicesChangedObserver, std::move(record));
+  ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, std::move(record));
 }
 
 void VideoDeviceObserver::stopObservingConnectedDevices() {
-  std::optional<VideoDevicePropertyObserver> record;
-  {
-    std::lock_guard lock(observersMutex_);
-    record = std::exchange(_connectedDevicesChangedObserver, std::nullopt);
+  if (auto record = ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, {})) {
+    VideoDeviceRemoveObserverForConnectedDevices(*record);
   }
-  if (record) VideoDeviceRemoveObserverForConnectedDevices(*record);
 }
 
 void VideoDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t deviceID) {
   auto record = VideoDeviceAddObserverForDeviceIsRunning(
-      deviceID, deviceEventHandlerQueue(), [weakSelf = weak_from_this(), deviceID] {
-        if (auto self = weakSelf.lock()) self->noteIsRunningChangedForDeviceID(deviceID);
-      });
-  if (!record) return;
-  // An earlier record for the device is overwritten without removing its listener.
-  std::optional<VideoDevicePropertyObserver> replaced;
-  std::lock_guard lock(observersMutex_);
-  auto [slot, inserted] = _deviceIsRunningObservers.try_emplace(deviceID, *record);
-  if (!inserted) replaced = std::exchange(slot->second, std::move(*record));
+      deviceID, deviceEventHandlerQueue(),
+      CallbackWhileObserverAlive(weak_from_this(), [deviceID](MediaDeviceObserver& self) {
+        self.noteIsRunningChangedForDeviceID(deviceID);
+      }));
+  if (record) StoreLocked(observersMutex_, _deviceIsRunningObservers, deviceID, std::move(*record));
 }
 
 void VideoDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
   // The entry stays in the map: a later start overwrites it and stopping all devices clears it.
-  std::optional<VideoDevicePropertyObserver> record;
-  {
-    std::lock_guard lock(observersMutex_);
-    auto found = _deviceIsRunningObservers.find(deviceID);
-    if (found != _deviceIsRunningObservers.end()) record = found->second;
+  if (auto record = FindLocked(observersMutex_, _deviceIsRunningObservers, deviceID,
+                               /*erase=*/false)) {
+    VideoDeviceRemoveObserverForDeviceIsRunning(*record);
   }
-  if (record) VideoDeviceRemoveObserverForDeviceIsRunning(*record);
 }
 
 void VideoDeviceObserver::stopObservingPropertiesForAllDevices() {

@@ -4,6 +4,7 @@
 #include "HarkwellFoundation/Platform/HardwarePropertyReader.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "HarkwellFoundation/Video/VideoHardwareBackend.h"
 
 namespace harkwell {
 
@@ -17,7 +18,7 @@ constexpr PropertyAddress Address(std::uint32_t selector,
 }
 
 HardwarePropertyReader VideoReader() {
-  return HardwarePropertyReader(CurrentVideoHardwareService(), &VideoDeviceLogWithStatus);
+  return HardwarePropertyReader(VideoHardwareBackend());
 }
 
 std::optional<std::string> _stringPropertyValueForDeviceID(std::uint32_t deviceID,
@@ -61,6 +62,16 @@ MediaDeviceTransportType TransportTypeForVideoCode(std::uint32_t code) {
 }
 
 }  // namespace
+
+const HardwareBackend& VideoHardwareBackend() {
+  static constexpr HardwareBackend backend{
+      .currentService = []() -> std::shared_ptr<HardwareService> {
+        return CurrentVideoHardwareService();
+      },
+      .log = &VideoDeviceLogWithStatus,
+  };
+  return backend;
+}
 
 void VideoDeviceLogWithStatus(std::optional<OSStatus> status, std::string_view message) {
   LogHardwareFailure(kVideoLogFormat, status, message);
