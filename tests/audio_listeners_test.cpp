@@ -18,18 +18,17 @@ namespace {
 using testing::CallsOfKind;
 using testing::DrainQueue;
 using ::testing::ElementsAre;
+using testing::GlobalAddress;
+using testing::InputAddress;
 using ::testing::IsEmpty;
 using testing::LogCapture;
 using testing::Recorder;
 
 constexpr ObjectID kMic = 73;
 
-const PropertyAddress kDevices{kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal,
-                               kAudioObjectPropertyElementMaster};
-const PropertyAddress kRunning{kAudioDevicePropertyDeviceIsRunningSomewhere,
-                               kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
-const PropertyAddress kDataSource{kAudioDevicePropertyDataSource, kAudioObjectPropertyScopeInput,
-                                  kAudioObjectPropertyElementMaster};
+const PropertyAddress kDevices = GlobalAddress(kAudioHardwarePropertyDevices);
+const PropertyAddress kRunning = GlobalAddress(kAudioDevicePropertyDeviceIsRunningSomewhere);
+const PropertyAddress kDataSource = InputAddress(kAudioDevicePropertyDataSource);
 
 class AudioListenersTest : public testing::SimulatedServicesTest {
  protected:

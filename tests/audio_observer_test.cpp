@@ -11,6 +11,7 @@
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ObserverFixture.h"
 #include "tests/support/SimulatedServicesFixture.h"
 #include "tests/support/Waiting.h"
 
@@ -22,23 +23,20 @@ using testing::CallsAt;
 using testing::CallsOfKind;
 using testing::DrainQueue;
 using ::testing::ElementsAre;
+using testing::GlobalAddress;
+using testing::InputAddress;
 using ::testing::IsEmpty;
 using testing::LogCapture;
-using testing::Recorder;
+using testing::OutputAddress;
 
 constexpr ObjectID kMic = 73;
 constexpr ObjectID kHeadset = 80;
 
-const PropertyAddress kDevices{kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal,
-                               kAudioObjectPropertyElementMaster};
-const PropertyAddress kRunning{kAudioDevicePropertyDeviceIsRunningSomewhere,
-                               kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
-const PropertyAddress kDataSource{kAudioDevicePropertyDataSource, kAudioObjectPropertyScopeInput,
-                                  kAudioObjectPropertyElementMaster};
-const PropertyAddress kInputStreams{kAudioDevicePropertyStreams, kAudioObjectPropertyScopeInput,
-                                    kAudioObjectPropertyElementMaster};
-const PropertyAddress kOutputStreams{kAudioDevicePropertyStreams, kAudioObjectPropertyScopeOutput,
-                                     kAudioObjectPropertyElementMaster};
+const PropertyAddress kDevices = GlobalAddress(kAudioHardwarePropertyDevices);
+const PropertyAddress kRunning = GlobalAddress(kAudioDevicePropertyDeviceIsRunningSomewhere);
+const PropertyAddress kDataSource = InputAddress(kAudioDevicePropertyDataSource);
+const PropertyAddress kInputStreams = InputAddress(kAudioDevicePropertyStreams);
+const PropertyAddress kOutputStreams = OutputAddress(kAudioDevicePropertyStreams);
 
 SimulatedAudioDevice Device(ObjectID id, std::uint32_t transport = kAudioDeviceTransportTypeUSB) {
   return SimulatedAudioDevice{
@@ -54,36 +52,11 @@ SimulatedAudioDevice Device(ObjectID id, std::uint32_t transport = kAudioDeviceT
   };
 }
 
-struct Event {
-  MediaDeviceEvent event;
-  MediaDevice device;
-  bool onQueue;
-};
-
-class AudioObserverTest : public testing::SimulatedServicesTest {
+class AudioObserverTest : public testing::ObserverTest {
  protected:
-  void TearDown() override {
-    DrainQueue(queue);
-    MainRunLoop::shared().useSystemClock();
-    SimulatedServicesTest::TearDown();
-  }
-
-  // A new observer whose initial fill has run, with its events going to `events`.
   template <class Observer = AudioDeviceObserver>
   std::shared_ptr<Observer> MakeObserver() {
-    auto observer = Observer::create(queue);
-    observer->setDeviceEventHandler(
-        [this](MediaDeviceObserver&, MediaDeviceEvent event, const MediaDevice& device) {
-          events.append({event, device, queue->isCurrent()});
-        });
-    DrainQueue(queue);
-    return observer;
-  }
-
-  std::vector<MediaDeviceEvent> EventKinds() const {
-    std::vector<MediaDeviceEvent> kinds;
-    for (const auto& entry : events.entries()) kinds.push_back(entry.event);
-    return kinds;
+    return ObserverTest::MakeObserver<Observer>();
   }
 
   // Runs one pass of the main loop (firing the timers that are due) and lets the queue finish the
@@ -92,10 +65,6 @@ class AudioObserverTest : public testing::SimulatedServicesTest {
     MainRunLoop::shared().runUntil([] { return true; }, 0ms);
     DrainQueue(queue);
   }
-
-  const std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("test.audio-observer");
-  Recorder<Event> events;
-  LogCapture log;
 };
 
 // An observer that records the polling registrations it is asked for.
@@ -127,8 +96,7 @@ class PollingSpyObserver : public AudioDeviceObserver {
   std::vector<std::string> calls_;
 };
 
-// --- Device queries
-// ----------------------------------------------------------------------------------
+// --- Device queries ------------------------------------------------------------------------------
 
 TEST_F(AudioObserverTest, DeviceQueriesAnswerFromTheAudioProperties) {
   SimulatedAudioDevice device = Device(kMic, kAudioDeviceTransportTypeBuiltIn);
@@ -201,8 +169,7 @@ TEST_F(AudioObserverTest, UnreadableTransportTypeIsUnknownNeverAbsent) {
                                        "with ID 73"));
 }
 
-// --- Connected devices
-// -----------------------------------------------------------------------------
+// --- Connected devices ---------------------------------------------------------------------------
 
 TEST_F(AudioObserverTest, RefusedConnectedDevicesRegistrationLeavesTheFieldAbsent) {
   auto observer = MakeObserver();
@@ -252,8 +219,7 @@ TEST_F(AudioObserverTest, StoppingConnectedDevicesForgetsTheRecordEvenWhenRemova
                                        "changes of device with ID 1"));
 }
 
-// --- Per-device observation
-// ------------------------------------------------------------------------
+// --- Per-device observation ----------------------------------------------------------------------
 
 TEST_F(AudioObserverTest, StartingPropertiesTwiceLeavesOneRecordPerMap) {
   audio->addDevice(Device(kMic));
@@ -367,8 +333,7 @@ TEST_F(AudioObserverTest, TeardownRemovesEveryListenerItRegistered) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-// --- End to end
-// ------------------------------------------------------------------------------------
+// --- End to end ----------------------------------------------------------------------------------
 
 TEST_F(AudioObserverTest, ReportsConnectsRunningInputSourceAndDisconnectsOnItsQueue) {
   auto observer = MakeObserver();
@@ -488,8 +453,7 @@ TEST_F(AudioObserverTest, NotificationQueuedAfterTheObserverIsGoneDoesNothing) {
   EXPECT_EQ(events.size(), 0u);
 }
 
-// --- Bad input
-// -------------------------------------------------------------------------------------
+// --- Bad input -----------------------------------------------------------------------------------
 
 TEST_F(AudioObserverTest, DeviceThatVanishesDuringItsBuildIsSkippedWithoutAnErrorLine) {
   auto observer = MakeObserver();

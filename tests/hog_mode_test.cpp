@@ -27,8 +27,7 @@ constexpr ObjectID kDevice = 5;
 constexpr std::int32_t kFree = -1;
 constexpr std::int32_t kOtherPID = 4242;
 
-// --- MediaDeviceHogMode
-// ------------------------------------------------------------------------------
+// --- MediaDeviceHogMode --------------------------------------------------------------------------
 
 TEST(MediaDeviceHogModeValue, PidMinusOneIsNoProcess) {
   EXPECT_EQ(MediaDeviceHogMode(-1), MediaDeviceHogMode::NoProcess());
@@ -62,8 +61,7 @@ TEST(MediaDeviceHogModeValue, PrintsItsCase) {
   EXPECT_EQ(out.str(), "NoProcess CurrentProcess OtherProcess(pid: 12)");
 }
 
-// --- Per media type
-// ----------------------------------------------------------------------------------
+// --- Per media type ------------------------------------------------------------------------------
 
 class HogModeTest : public testing::SimulatedServicesTest,
                     public ::testing::WithParamInterface<MediaType> {

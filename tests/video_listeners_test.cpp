@@ -15,16 +15,15 @@ namespace {
 using testing::CallsOfKind;
 using testing::DrainQueue;
 using ::testing::ElementsAre;
+using testing::GlobalAddress;
 using ::testing::IsEmpty;
 using testing::LogCapture;
 using testing::Recorder;
 
 constexpr ObjectID kCamera = 7;
 
-const PropertyAddress kDevices{kCMIOHardwarePropertyDevices, kCMIOObjectPropertyScopeGlobal,
-                               kCMIOObjectPropertyElementMaster};
-const PropertyAddress kRunning{kCMIODevicePropertyDeviceIsRunningSomewhere,
-                               kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
+const PropertyAddress kDevices = GlobalAddress(kCMIOHardwarePropertyDevices);
+const PropertyAddress kRunning = GlobalAddress(kCMIODevicePropertyDeviceIsRunningSomewhere);
 
 class VideoListenersTest : public testing::SimulatedServicesTest {
  protected:

@@ -9,6 +9,7 @@
 #include "HarkwellFoundation/Video/VideoDeviceObserver.h"
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ObserverFixture.h"
 #include "tests/support/SimulatedServicesFixture.h"
 #include "tests/support/Waiting.h"
 
@@ -19,18 +20,16 @@ using testing::CallsAt;
 using testing::CallsOfKind;
 using testing::DrainQueue;
 using ::testing::ElementsAre;
+using testing::GlobalAddress;
 using ::testing::IsEmpty;
 using testing::LogCapture;
-using testing::Recorder;
+using testing::OutputAddress;
 
 constexpr ObjectID kCamera = 33;
 
-const PropertyAddress kDevices{kCMIOHardwarePropertyDevices, kCMIOObjectPropertyScopeGlobal,
-                               kCMIOObjectPropertyElementMaster};
-const PropertyAddress kRunning{kCMIODevicePropertyDeviceIsRunningSomewhere,
-                               kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
-const PropertyAddress kOutputStreams{kCMIODevicePropertyStreams, kCMIODevicePropertyScopeOutput,
-                                     kCMIOObjectPropertyElementMaster};
+const PropertyAddress kDevices = GlobalAddress(kCMIOHardwarePropertyDevices);
+const PropertyAddress kRunning = GlobalAddress(kCMIODevicePropertyDeviceIsRunningSomewhere);
+const PropertyAddress kOutputStreams = OutputAddress(kCMIODevicePropertyStreams);
 
 SimulatedVideoDevice Camera(ObjectID id, std::uint32_t transport = kVideoTransportTypeUSB) {
   return SimulatedVideoDevice{.deviceID = id,
@@ -42,36 +41,14 @@ SimulatedVideoDevice Camera(ObjectID id, std::uint32_t transport = kVideoTranspo
                               .outputStreamCount = 0};
 }
 
-struct Event {
-  MediaDeviceEvent event;
-  MediaDevice device;
-  bool onQueue;
-};
-
-class VideoObserverTest : public testing::SimulatedServicesTest {
+class VideoObserverTest : public testing::ObserverTest {
  protected:
-  void TearDown() override {
-    DrainQueue(queue);
-    SimulatedServicesTest::TearDown();
-  }
-
   std::shared_ptr<VideoDeviceObserver> MakeObserver() {
-    auto observer = VideoDeviceObserver::create(queue);
-    observer->setDeviceEventHandler(
-        [this](MediaDeviceObserver&, MediaDeviceEvent event, const MediaDevice& device) {
-          events.append({event, device, queue->isCurrent()});
-        });
-    DrainQueue(queue);
-    return observer;
+    return ObserverTest::MakeObserver<VideoDeviceObserver>();
   }
-
-  const std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("test.video-observer");
-  Recorder<Event> events;
-  LogCapture log;
 };
 
-// --- Device queries
-// ----------------------------------------------------------------------------------
+// --- Device queries ------------------------------------------------------------------------------
 
 TEST_F(VideoObserverTest, DeviceQueriesAnswerFromTheVideoProperties) {
   SimulatedVideoDevice camera = Camera(kCamera, kVideoTransportTypeBuiltIn);
@@ -152,8 +129,7 @@ TEST_F(VideoObserverTest, UnreadableInputStreamsSkipTheOutputQuery) {
       IsEmpty());
 }
 
-// --- Listener records
-// ------------------------------------------------------------------------------
+// --- Listener records ----------------------------------------------------------------------------
 
 TEST_F(VideoObserverTest, StoppingOneDeviceKeepsItsEntryAndStoppingAllEmptiesTheMap) {
   video->addDevice(Camera(kCamera));
@@ -239,8 +215,7 @@ TEST_F(VideoObserverTest, NoVideoDeviceIsPolledNotEvenBluetooth) {
   EXPECT_EQ(CallsOfKind(video->calls(), SimulatedCallKind::AddPropertyListener).size(), 1u);
 }
 
-// --- End to end
-// ------------------------------------------------------------------------------------
+// --- End to end ----------------------------------------------------------------------------------
 
 TEST_F(VideoObserverTest, ReportsConnectsRunningAndDisconnectsButNeverInputSources) {
   auto observer = MakeObserver();

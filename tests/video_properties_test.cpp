@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 #include "tests/support/LogCapture.h"
@@ -20,33 +18,23 @@ namespace {
 using testing::CallsAt;
 using testing::CallsOfKind;
 using ::testing::ElementsAre;
+using testing::GlobalAddress;
 using ::testing::IsEmpty;
 using testing::LogCapture;
-using ::testing::SizeIs;
 
 constexpr ObjectID kCamera = 33;
 
-constexpr PropertyAddress Global(std::uint32_t selector) {
-  return {selector, kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
-}
-
-const PropertyAddress kDevices = Global(kCMIOHardwarePropertyDevices);
-const PropertyAddress kScreenCapture = Global(kCMIOHardwarePropertyAllowScreenCaptureDevices);
-const PropertyAddress kTransport = Global(kCMIODevicePropertyTransportType);
-const PropertyAddress kRunning = Global(kCMIODevicePropertyDeviceIsRunningSomewhere);
-const PropertyAddress kInputStreams{kCMIODevicePropertyStreams, kCMIODevicePropertyScopeInput,
-                                    kCMIOObjectPropertyElementMaster};
-const PropertyAddress kOutputStreams{kCMIODevicePropertyStreams, kCMIODevicePropertyScopeOutput,
-                                     kCMIOObjectPropertyElementMaster};
+const PropertyAddress kDevices = GlobalAddress(kCMIOHardwarePropertyDevices);
+const PropertyAddress kScreenCapture =
+    GlobalAddress(kCMIOHardwarePropertyAllowScreenCaptureDevices);
+const PropertyAddress kTransport = GlobalAddress(kCMIODevicePropertyTransportType);
 
 SimulatedVideoDevice Camera(ObjectID id = kCamera) {
   return SimulatedVideoDevice{.deviceID = id,
                               .name = "FaceTime Camera",
                               .deviceUID = "cam-uid",
                               .modelUID = "cam-model",
-                              .transportType = kVideoTransportTypeBuiltIn,
-                              .inputStreamCount = 1,
-                              .outputStreamCount = 0};
+                              .transportType = kVideoTransportTypeBuiltIn};
 }
 
 std::uint32_t UInt32Of(const std::vector<std::uint8_t>& bytes) {
@@ -55,46 +43,25 @@ std::uint32_t UInt32Of(const std::vector<std::uint8_t>& bytes) {
   return value;
 }
 
+// Reads shared with the audio back end are tested in backend_properties_test.cpp.
 class VideoPropertiesTest : public testing::SimulatedServicesTest {
  protected:
   void SetUp() override {
     SimulatedServicesTest::SetUp();
     video->addDevice(Camera());
     video->clearCalls();
-    liveStringsAtStart_ = PlatformStringLiveCount();
-  }
-  void TearDown() override {
-    EXPECT_EQ(PlatformStringLiveCount(), liveStringsAtStart_);
-    SimulatedServicesTest::TearDown();
   }
 
-  void Fail(SimulatedCallKind kind, ObjectID object, std::uint32_t selector, OSStatus status,
-            int count = -1) {
-    video->addFailure(SimulatedFailure{
-        .kind = kind, .object = object, .selector = selector, .status = status, .count = count});
+  void Fail(SimulatedCallKind kind, ObjectID object, std::uint32_t selector, OSStatus status) {
+    video->addFailure(
+        SimulatedFailure{.kind = kind, .object = object, .selector = selector, .status = status});
   }
 
+  testing::PlatformStringLeakCheck leakCheck;
   LogCapture log;
-
- private:
-  std::size_t liveStringsAtStart_ = 0;
 };
 
-// --- Log format
-// ------------------------------------------------------------------------------------
-
-TEST_F(VideoPropertiesTest, LogLineIsPrefixStatusInDecimalAndMessage) {
-  VideoDeviceLogWithStatus(-50, "Unable to get device count");
-  VideoDeviceLogWithStatus(std::nullopt, "Nothing");
-  VideoDeviceLogWithStatus(kCMIOHardwareBadObjectError, "Gone");
-  VideoDeviceLogWithStatus(kCMIOHardwareIllegalOperationError, "Refused");
-  EXPECT_THAT(log.lines(), ElementsAre("Video Error -50: Unable to get device count",
-                                       "Video Error (unknown error): Nothing",
-                                       "Video Error 1852797029: Refused"));
-}
-
-// --- Device list
-// -------------------------------------------------------------------------------------
+// --- Device list ---------------------------------------------------------------------------------
 
 TEST_F(VideoPropertiesTest, ListingSetsTheScreenCaptureSwitchThenSizesThenReads) {
   video->addDevice(Camera(34));
@@ -144,29 +111,6 @@ TEST_F(VideoPropertiesTest, FailedScreenCaptureSwitchIsLoggedAndListingGoesOn) {
               ElementsAre("Video Error -50: Unable to include screen capture devices"));
 }
 
-TEST_F(VideoPropertiesTest, DeviceListOfSizeZeroIsStillReadWithSizeZero) {
-  video->setDeviceList({});
-  video->clearCalls();
-
-  EXPECT_THAT(VideoDeviceConnectedDeviceIDs(), IsEmpty());
-  const auto reads = CallsOfKind(video->calls(), SimulatedCallKind::GetPropertyData);
-  ASSERT_EQ(reads.size(), 1u);
-  EXPECT_EQ(reads[0].dataSize, 0u);
-  EXPECT_EQ(reads[0].status, kNoErr);
-  EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(VideoPropertiesTest, DeviceListOfTenBytesYieldsTwoIDs) {
-  video->setProperty(kCMIOObjectSystemObject, kDevices,
-                     SimulatedPropertyValue::IDList({40, 41, 42}).withReportedSize(10));
-  video->clearCalls();
-
-  EXPECT_THAT(VideoDeviceConnectedDeviceIDs(), ElementsAre(40u, 41u));
-  const auto reads = CallsOfKind(video->calls(), SimulatedCallKind::GetPropertyData);
-  ASSERT_EQ(reads.size(), 1u);
-  EXPECT_EQ(reads[0].dataSize, 10u);
-}
-
 TEST_F(VideoPropertiesTest, FailedDeviceCountLogsTheExampleLine) {
   Fail(SimulatedCallKind::GetPropertyDataSize, kCMIOObjectSystemObject,
        kCMIOHardwarePropertyDevices, -50);
@@ -175,33 +119,7 @@ TEST_F(VideoPropertiesTest, FailedDeviceCountLogsTheExampleLine) {
   EXPECT_THAT(CallsOfKind(video->calls(), SimulatedCallKind::GetPropertyData), IsEmpty());
 }
 
-TEST_F(VideoPropertiesTest, FailedDeviceIDReadLogsDeviceIDs) {
-  Fail(SimulatedCallKind::GetPropertyData, kCMIOObjectSystemObject, kCMIOHardwarePropertyDevices,
-       -50);
-  EXPECT_THAT(VideoDeviceConnectedDeviceIDs(), IsEmpty());
-  EXPECT_THAT(log.lines(), ElementsAre("Video Error -50: Unable to get device IDs"));
-}
-
-// --- Device properties
-// -------------------------------------------------------------------------------
-
-TEST_F(VideoPropertiesTest, StringPropertiesReadOneEightByteReference) {
-  EXPECT_EQ(VideoDeviceNameForDeviceID(kCamera), "FaceTime Camera");
-  EXPECT_EQ(VideoDeviceUIDForDeviceID(kCamera), "cam-uid");
-  EXPECT_EQ(VideoDeviceModelUIDForDeviceID(kCamera), "cam-model");
-
-  const auto calls = video->calls();
-  ASSERT_EQ(calls.size(), 3u);
-  const std::uint32_t selectors[] = {kCMIOObjectPropertyName, kCMIODevicePropertyDeviceUID,
-                                     kCMIODevicePropertyModelUID};
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(calls[i].kind, SimulatedCallKind::GetPropertyData);
-    EXPECT_EQ(calls[i].object, kCamera);
-    EXPECT_EQ(calls[i].address, Global(selectors[i]));
-    EXPECT_EQ(calls[i].dataSize, 8u);
-    EXPECT_EQ(calls[i].qualifierDataSize, 0u);
-  }
-}
+// --- Device properties ---------------------------------------------------------------------------
 
 TEST_F(VideoPropertiesTest, NullNameLogsUnknownErrorAndIsNil) {
   SimulatedVideoDevice camera = Camera();
@@ -211,71 +129,6 @@ TEST_F(VideoPropertiesTest, NullNameLogsUnknownErrorAndIsNil) {
   EXPECT_EQ(VideoDeviceNameForDeviceID(kCamera), std::nullopt);
   EXPECT_THAT(log.lines(),
               ElementsAre("Video Error (unknown error): Name for device with ID 33 is nil"));
-}
-
-TEST_F(VideoPropertiesTest, FailedStringReadsNameTheirProperty) {
-  Fail(SimulatedCallKind::GetPropertyData, kCamera, kCMIOObjectPropertyName, -50);
-  Fail(SimulatedCallKind::GetPropertyData, kCamera, kCMIODevicePropertyDeviceUID, -50);
-  Fail(SimulatedCallKind::GetPropertyData, kCamera, kCMIODevicePropertyModelUID, -50);
-  EXPECT_EQ(VideoDeviceNameForDeviceID(kCamera), std::nullopt);
-  EXPECT_EQ(VideoDeviceUIDForDeviceID(kCamera), std::nullopt);
-  EXPECT_EQ(VideoDeviceModelUIDForDeviceID(kCamera), std::nullopt);
-  EXPECT_THAT(log.lines(),
-              ElementsAre("Video Error -50: Unable to get Name of device with ID 33",
-                          "Video Error -50: Unable to get Device UID of device with ID 33",
-                          "Video Error -50: Unable to get Model UID of device with ID 33"));
-}
-
-TEST_F(VideoPropertiesTest, HostileNameIsReturnedByteForByte) {
-  const std::string hostile = testing::HostileText();
-  SimulatedVideoDevice camera = Camera();
-  camera.name = hostile;
-  video->addDevice(camera);
-  EXPECT_EQ(VideoDeviceNameForDeviceID(kCamera), hostile);
-  VideoDeviceLogWithStatus(std::nullopt, hostile);
-  EXPECT_THAT(log.lines(), ElementsAre("Video Error (unknown error): " + hostile));
-}
-
-TEST_F(VideoPropertiesTest, StreamCountsAskOnlyTheDataSizeOfEachScope) {
-  SimulatedVideoDevice camera = Camera();
-  camera.inputStreamCount = 2;
-  camera.outputStreamCount = 1;
-  video->addDevice(camera);
-  video->clearCalls();
-
-  EXPECT_EQ(VideoDeviceInputChannelCountForDeviceID(kCamera), 2u);
-  EXPECT_EQ(VideoDeviceOutputChannelCountForDeviceID(kCamera), 1u);
-  const auto calls = video->calls();
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].kind, SimulatedCallKind::GetPropertyDataSize);
-  EXPECT_EQ(calls[0].address, kInputStreams);
-  EXPECT_EQ(calls[1].kind, SimulatedCallKind::GetPropertyDataSize);
-  EXPECT_EQ(calls[1].address, kOutputStreams);
-}
-
-TEST_F(VideoPropertiesTest, FailedStreamCountsLogTheirDirection) {
-  Fail(SimulatedCallKind::GetPropertyDataSize, kCamera, kCMIODevicePropertyStreams, -50, 1);
-  EXPECT_EQ(VideoDeviceInputChannelCountForDeviceID(kCamera), std::nullopt);
-  Fail(SimulatedCallKind::GetPropertyDataSize, kCamera, kCMIODevicePropertyStreams, -50, 1);
-  EXPECT_EQ(VideoDeviceOutputChannelCountForDeviceID(kCamera), std::nullopt);
-  EXPECT_THAT(log.lines(),
-              ElementsAre("Video Error -50: Unable to get input streams of device with ID 33",
-                          "Video Error -50: Unable to get output streams of device with ID 33"));
-}
-
-TEST_F(VideoPropertiesTest, RunningStateIsAFourByteValue) {
-  EXPECT_EQ(VideoDeviceIsRunningForDeviceID(kCamera), false);
-  video->setDeviceRunning(kCamera, true);
-  EXPECT_EQ(VideoDeviceIsRunningForDeviceID(kCamera), true);
-  const auto reads = CallsAt(video->calls(), SimulatedCallKind::GetPropertyData, kCamera, kRunning);
-  ASSERT_EQ(reads.size(), 2u);
-  EXPECT_EQ(reads[0].dataSize, 4u);
-
-  Fail(SimulatedCallKind::GetPropertyData, kCamera, kCMIODevicePropertyDeviceIsRunningSomewhere,
-       -50);
-  EXPECT_EQ(VideoDeviceIsRunningForDeviceID(kCamera), std::nullopt);
-  EXPECT_THAT(log.lines(),
-              ElementsAre("Video Error -50: Unable to get running status of device with ID 33"));
 }
 
 TEST_F(VideoPropertiesTest, TransportCodesMapByTheVideoTable) {
@@ -311,47 +164,6 @@ TEST_F(VideoPropertiesTest, TransportCodesMapByTheVideoTable) {
 TEST_F(VideoPropertiesTest, AggregateDeviceCodeYieldsUnknownNotAggregate) {
   video->setProperty(kCamera, kTransport, SimulatedPropertyValue::UInt32(0x67727570), false);
   EXPECT_EQ(VideoDeviceTransportTypeForDeviceID(kCamera), MediaDeviceTransportType::Unknown);
-}
-
-TEST_F(VideoPropertiesTest, FailedTransportReadIsAbsent) {
-  Fail(SimulatedCallKind::GetPropertyData, kCamera, kCMIODevicePropertyTransportType, -50);
-  EXPECT_EQ(VideoDeviceTransportTypeForDeviceID(kCamera), std::nullopt);
-  EXPECT_THAT(log.lines(),
-              ElementsAre("Video Error -50: Unable to get transport type of device with ID 33"));
-}
-
-// Each read, run once against a service whose next call fails.
-const std::vector<std::pair<const char*, std::function<void()>>>& EveryRead() {
-  static const std::vector<std::pair<const char*, std::function<void()>>> reads = {
-      {"name", [] { VideoDeviceNameForDeviceID(kCamera); }},
-      {"uid", [] { VideoDeviceUIDForDeviceID(kCamera); }},
-      {"model uid", [] { VideoDeviceModelUIDForDeviceID(kCamera); }},
-      {"inputs", [] { VideoDeviceInputChannelCountForDeviceID(kCamera); }},
-      {"outputs", [] { VideoDeviceOutputChannelCountForDeviceID(kCamera); }},
-      {"running", [] { VideoDeviceIsRunningForDeviceID(kCamera); }},
-      {"transport", [] { VideoDeviceTransportTypeForDeviceID(kCamera); }},
-      {"list", [] { VideoDeviceConnectedDeviceIDs(); }},
-  };
-  return reads;
-}
-
-TEST_F(VideoPropertiesTest, BadObjectStatusFromAnyCallLogsNothing) {
-  for (const auto& [name, read] : EveryRead()) {
-    video->addFailure(SimulatedFailure{.status = kCMIOHardwareBadObjectError, .count = 1});
-    read();
-    EXPECT_THAT(log.lines(), IsEmpty()) << name;
-    video->clearFailures();
-  }
-}
-
-TEST_F(VideoPropertiesTest, AnyOtherStatusFromACallLogsExactlyOneLine) {
-  for (const auto& [name, read] : EveryRead()) {
-    log.clear();
-    video->addFailure(SimulatedFailure{.status = -50, .count = 1});
-    read();
-    EXPECT_THAT(log.lines(), SizeIs(1)) << name;
-    video->clearFailures();
-  }
 }
 
 }  // namespace

@@ -10,8 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 
 namespace harkwell::testing {
 
@@ -36,6 +39,34 @@ class SimulatedServicesTest : public ::testing::Test {
   std::shared_ptr<AudioHardwareService> previousAudio_;
   std::shared_ptr<VideoHardwareService> previousVideo_;
 };
+
+// Expects, when it goes away, as many platform strings alive as when it was made: every string
+// reference a read received has been released.
+class PlatformStringLeakCheck {
+ public:
+  PlatformStringLeakCheck() : liveAtStart_(PlatformStringLiveCount()) {}
+  ~PlatformStringLeakCheck() { EXPECT_EQ(PlatformStringLiveCount(), liveAtStart_); }
+  PlatformStringLeakCheck(const PlatformStringLeakCheck&) = delete;
+  PlatformStringLeakCheck& operator=(const PlatformStringLeakCheck&) = delete;
+
+ private:
+  std::size_t liveAtStart_;
+};
+
+// Addresses as the library builds them, with element 0. The audio and video services use the same
+// scope codes.
+static_assert(kAudioObjectPropertyScopeGlobal == kCMIOObjectPropertyScopeGlobal);
+static_assert(kAudioObjectPropertyScopeInput == kCMIODevicePropertyScopeInput);
+static_assert(kAudioObjectPropertyScopeOutput == kCMIODevicePropertyScopeOutput);
+constexpr PropertyAddress GlobalAddress(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
+}
+constexpr PropertyAddress InputAddress(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeInput, kAudioObjectPropertyElementMaster};
+}
+constexpr PropertyAddress OutputAddress(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeOutput, kAudioObjectPropertyElementMaster};
+}
 
 // The calls of one kind, in the order they were made.
 inline std::vector<SimulatedCall> CallsOfKind(const std::vector<SimulatedCall>& calls,
