@@ -9,7 +9,8 @@
 #endif
 
 #ifdef HARKWELL_SANITIZER_ALLOCATOR
-#include <sanitizer/allocator_interface.h>
+// Exported by the ASan and TSan runtimes of both GCC and clang; GCC ships no header for it.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #else
 #include <malloc.h>
 #endif

@@ -1,6 +1,7 @@
 #include "tests/reliability/QueueDrain.h"
 
 #include <atomic>
+#include <future>
 
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
 
@@ -17,6 +18,19 @@ bool DrainQueueServingMainThread(const std::shared_ptr<DispatchQueue>& queue,
     DispatchQueue::main()->async([] {});
   });
   return loop.runUntil([&drained] { return drained->load(); }, deadline);
+}
+
+void RunWithQueueParked(const std::shared_ptr<DispatchQueue>& queue,
+                        const std::function<void()>& work) {
+  auto parked = std::make_shared<std::promise<void>>();
+  auto release = std::make_shared<std::promise<void>>();
+  queue->async([parked, released = release->get_future().share()] {
+    parked->set_value();
+    released.wait();
+  });
+  parked->get_future().wait();
+  work();
+  release->set_value();
 }
 
 }  // namespace harkwell::testing

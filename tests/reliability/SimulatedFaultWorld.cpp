@@ -16,6 +16,8 @@ namespace {
 // Devices take their IDs from a small range, so IDs are reused all the time.
 constexpr ObjectID kFirstDeviceID = 2;
 constexpr std::uint32_t kDeviceIDCount = 12;
+// Rolls of 0 to 99 choose a step; those from here on switch observation off and on.
+constexpr std::uint32_t kRestartRoll = 97;
 // Past this many rules on one service, the rules are cleared before another is added.
 constexpr int kMostFailureRules = 16;
 
@@ -109,7 +111,7 @@ SimulatedFaultWorld::SimulatedFaultWorld()
 
   controller_ = MediaDeviceController::create(queue_);
   checker_->attach(*controller_);
-  controller_->setObserveDevices(true);
+  switchOn();
   if (!DrainQueueServingMainThread(queue_)) queueProblem_ = "the first discovery never finished";
 }
 
@@ -149,36 +151,15 @@ void SimulatedFaultWorld::removeDevice(MediaType mediaType, ObjectID deviceID) {
 
 std::string SimulatedFaultWorld::step(ChoiceSource& choices) {
   const MediaType mediaType = choices.chance(2, 3) ? MediaType::Audio : MediaType::Video;
-  std::string done;
-  // Weighted so that devices come and go often and the rarer faults still happen every few dozen
-  // steps.
   const std::uint32_t roll = choices.below(100);
-  if (roll < 18) {
-    done = plug(choices, mediaType);
-  } else if (roll < 30) {
-    done = unplug(choices, mediaType);
-  } else if (roll < 44) {
-    done = setRunning(choices, mediaType);
-  } else if (roll < 52) {
-    done = changeInputSource(choices);
-  } else if (roll < 64) {
-    done = injectFailure(choices, mediaType);
-  } else if (roll < 68) {
-    done = clearFailures();
-  } else if (roll < 74) {
-    done = armVanish(choices);
-  } else if (roll < 80) {
-    done = rewriteDeviceList(choices, mediaType);
-  } else if (roll < 86) {
-    done = notifyWithoutChange(choices, mediaType);
-  } else if (roll < 90) {
-    done = spoilProperty(choices, mediaType);
-  } else if (roll < 93) {
-    done = restart();
-  } else if (roll < 97) {
-    done = advanceClock(choices);
+  std::string done;
+  if (roll < kRestartRoll) {
+    // A step may change several things; the queue sees them only once all are made, so a seed
+    // replays the same way whatever the threads' timing.
+    RunWithQueueParked(queue_, [&] { done = change(roll, choices, mediaType); });
   } else {
-    done = toggleHogMode(choices);
+    // Switching off and on waits for the queue in between, so it cannot run with the queue held.
+    done = restart();
   }
   // A device that vanishes during the library's reads queues one more device-list change behind
   // the drain's marker, so the queue is only quiet once a drain passes without a vanish.
@@ -190,6 +171,24 @@ std::string SimulatedFaultWorld::step(ChoiceSource& choices) {
     vanished = vanishes_.load() != vanishesBefore;
   }
   return done;
+}
+
+std::string SimulatedFaultWorld::change(std::uint32_t roll, ChoiceSource& choices,
+                                        MediaType mediaType) {
+  // Weighted so that devices come and go often and the rarer faults still happen every few dozen
+  // steps.
+  if (roll < 18) return plug(choices, mediaType);
+  if (roll < 30) return unplug(choices, mediaType);
+  if (roll < 44) return setRunning(choices, mediaType);
+  if (roll < 52) return changeInputSource(choices);
+  if (roll < 64) return injectFailure(choices, mediaType);
+  if (roll < 68) return clearFailures();
+  if (roll < 74) return armVanish(choices);
+  if (roll < 80) return rewriteDeviceList(choices, mediaType);
+  if (roll < 86) return notifyWithoutChange(choices, mediaType);
+  if (roll < 90) return spoilProperty(choices, mediaType);
+  if (roll < 94) return advanceClock(choices);
+  return toggleHogMode(choices);
 }
 
 std::string SimulatedFaultWorld::plug(ChoiceSource& choices, MediaType mediaType) {
@@ -432,8 +431,14 @@ std::string SimulatedFaultWorld::restart() {
     std::lock_guard lock(mutex_);
     vanish_ = std::nullopt;
   }
-  controller_->setObserveDevices(true);
+  switchOn();
   return "switch observation off and on";
+}
+
+void SimulatedFaultWorld::switchOn() {
+  // Starting calls the services on this thread while the new observers' cache fills call them on
+  // the queue; which of the two used up a counted failure rule first would differ between runs.
+  RunWithQueueParked(queue_, [this] { controller_->setObserveDevices(true); });
 }
 
 std::string SimulatedFaultWorld::advanceClock(ChoiceSource& choices) {

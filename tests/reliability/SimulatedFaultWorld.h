@@ -57,6 +57,8 @@ class SimulatedFaultWorld {
   std::vector<ObjectID> deviceList(MediaType mediaType) const;
   void removeDevice(MediaType mediaType, ObjectID deviceID);
 
+  // One change to the simulated platform (or the clock, or exclusive access), chosen by `roll`.
+  std::string change(std::uint32_t roll, ChoiceSource& choices, MediaType mediaType);
   std::string plug(ChoiceSource& choices, MediaType mediaType);
   std::string unplug(ChoiceSource& choices, MediaType mediaType);
   std::string setRunning(ChoiceSource& choices, MediaType mediaType);
@@ -68,6 +70,7 @@ class SimulatedFaultWorld {
   std::string notifyWithoutChange(ChoiceSource& choices, MediaType mediaType);
   std::string spoilProperty(ChoiceSource& choices, MediaType mediaType);
   std::string restart();
+  void switchOn();
   std::string advanceClock(ChoiceSource& choices);
   std::string toggleHogMode(ChoiceSource& choices);
 
