@@ -11,14 +11,32 @@
 #     files except HarkwellFoundation/Platform/Linux/ and the Linux variants (*Linux.cpp), so
 #     the Apple branches of shared headers (PlatformString.h) are compiled by their users;
 #   - every library header with an __APPLE__ branch, on its own;
+#   - the harkwell program's sources, tools/harkwell/*.cpp;
 #   - the macOS-only test suites, tests/apple_*_test.cpp.
 #
-# Usage: scripts/check-apple-sources.sh [-v]     (CLANGXX overrides the compiler)
+# The host's C and C++ library headers stand in for Apple's libc and libc++ (with __linux__
+# undefined), so a glibc-only function goes unnoticed; tests/apple_sdk does make the common
+# Linux-only headers (<sys/epoll.h>, <sys/inotify.h>, <linux/videodev2.h>, ...) an error.
+#
+# Usage: scripts/check-apple-sources.sh [-v] [--library-only]
+#   -v              name every file checked
+#   --library-only  leave out the harkwell program's sources
+#   CLANGXX=...     the compiler (default clang++-14, else clang++)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
 verbose=0
-[[ "${1:-}" == "-v" ]] && verbose=1
+with_tools=1
+for argument in "$@"; do
+  case "$argument" in
+    -v) verbose=1 ;;
+    --library-only) with_tools=0 ;;
+    *)
+      echo "check-apple-sources: unknown option $argument" >&2
+      exit 2
+      ;;
+  esac
+done
 
 clang=${CLANGXX:-}
 if [[ -z "$clang" ]]; then
@@ -35,7 +53,7 @@ if [[ -z "$clang" ]]; then
 fi
 
 # The project's warnings (cmake/HarkwellWarnings.cmake), as errors.
-flags=(-fsyntax-only -fblocks -std=c++20 -D__APPLE__
+flags=(-fsyntax-only -fblocks -std=c++20 -D__APPLE__ -U__linux__ -U__linux -Ulinux -U__gnu_linux__
   -isystem tests/apple_sdk -I .
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
   -Wno-missing-field-initializers -Werror)
@@ -47,6 +65,7 @@ while IFS= read -r file; do files+=("$file"); done < <(
     find HarkwellFoundation -type f -name '*.cpp' \
       -not -path 'HarkwellFoundation/Platform/Linux/*' -not -name '*Linux.cpp'
     grep -rl --include='*.h' '__APPLE__' HarkwellFoundation
+    if ((with_tools)); then find tools/harkwell -type f -name '*.cpp'; fi
     find tests -maxdepth 1 -type f -name 'apple_*_test.cpp'
   } | sort -u)
 
