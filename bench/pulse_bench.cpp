@@ -71,18 +71,22 @@ class ObservedServer {
   // Starts a controller whose event handler passes every event to `handler`, and waits for its
   // initial discovery to end.
   void observe(MediaDeviceController::DeviceEventHandler handler) {
-    controller_ = MediaDeviceController::create(DispatchQueue::createSerial("bench.pulseaudio"));
-    Recorder<bool> finished;
+    controller_ = MediaDeviceController::create(queue_);
+    auto finished = std::make_shared<Recorder<bool>>();
     controller_->setDeviceEventHandler(std::move(handler));
-    controller_->setUpdatingDevicesHandler([&finished](bool done) {
-      if (done) finished.append(true);
+    controller_->setUpdatingDevicesHandler([finished](bool done) {
+      if (done) finished->append(true);
     });
     controller_->setObserveDevices(true);
-    finished.waitForCount(1);
-    controller_->setUpdatingDevicesHandler(nullptr);
+    finished->waitForCount(1);
   }
+  // Stops observing; when it returns no handler runs any more.
   void stopObserving() {
-    if (controller_) controller_->setObserveDevices(false);
+    if (!controller_) return;
+    controller_->setDeviceEventHandler(nullptr);
+    controller_->setUpdatingDevicesHandler(nullptr);
+    controller_->setObserveDevices(false);
+    testing::DrainQueue(queue_);
     controller_.reset();
   }
 
@@ -92,6 +96,7 @@ class ObservedServer {
   bool installed_ = false;
   std::shared_ptr<AudioHardwareService> previousAudio_;
   std::shared_ptr<VideoHardwareService> previousVideo_;
+  std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("bench.pulseaudio");
   std::shared_ptr<MediaDeviceController> controller_;
 };
 
@@ -119,22 +124,24 @@ void BM_RecordingStartToChangedRunning(benchmark::State& state) {
     state.SkipWithError("pulseaudio is not installed (Debian package pulseaudio)");
     return;
   }
+  // What the handlers record is declared before what calls them, so it outlives them.
+  // When the client heard that the source started (true) or stopped (false) running:
+  Recorder<std::pair<bool, Clock::time_point>> clientHeard;
+  // When the bare client received the server's change event for the source:
+  Recorder<Clock::time_point> serverEvents;
+  const std::string sourceName = PrivatePulseServer::kNullSourceName;
+
   ObservedServer observed;
   if (!observed.error().empty()) {
     state.SkipWithError(observed.error().c_str());
     return;
   }
-  const std::string sourceName = PrivatePulseServer::kNullSourceName;
-
-  // When the client heard that the source started (true) or stopped (false) running.
-  Recorder<std::pair<bool, Clock::time_point>> clientHeard;
   observed.observe([&](MediaDeviceEvent event, const MediaDevice& device) {
     if (event == MediaDeviceEvent::ChangedRunning && device.deviceUID == sourceName) {
       clientHeard.append({device.isRunning, Clock::now()});
     }
   });
 
-  // The bare client: when the server's change event for the source arrived.
   PulseTestClient subscriber(observed.server().address());
   PulseTestClient recorder(observed.server().address());
   const auto sourceIndex = recorder.sourceIndex(sourceName);
@@ -142,7 +149,6 @@ void BM_RecordingStartToChangedRunning(benchmark::State& state) {
     state.SkipWithError("the test clients could not connect");
     return;
   }
-  Recorder<Clock::time_point> serverEvents;
   subscriber.subscribe([&](unsigned facility, unsigned type, std::uint32_t index) {
     if (facility == PA_SUBSCRIPTION_EVENT_SOURCE && type == PA_SUBSCRIPTION_EVENT_CHANGE &&
         index == *sourceIndex) {
@@ -174,6 +180,7 @@ void BM_RecordingStartToChangedRunning(benchmark::State& state) {
     }
   }
 
+  observed.stopObserving();
   const double clientMedian = Median(clientLatencies);
   const double clientP99 = Percentile(clientLatencies, 0.99);
   const double serverMedian = Median(serverLatencies);

@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tests/support/ChildProcess.h"
@@ -24,6 +26,9 @@ using testing::ChildProcess;
 using testing::PrivatePulseServer;
 using testing::PulseTestClient;
 using testing::Recorder;
+
+const PropertyAddress kDevices{kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal,
+                               kAudioObjectPropertyElementMaster};
 
 struct Event {
   MediaDeviceEvent event;
@@ -70,7 +75,13 @@ class PulseAudioControllerTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (controller_) controller_->setObserveDevices(false);
+    if (controller_) {
+      // Work already on the queue may still call the handlers: they must not outlive the test.
+      controller_->setDeviceEventHandler(nullptr);
+      controller_->setUpdatingDevicesHandler(nullptr);
+      controller_->setObserveDevices(false);
+      testing::DrainQueue(queue_);
+    }
     controller_.reset();
     if (installed_) {
       InstallAudioHardwareService(previousAudio_);
@@ -85,6 +96,25 @@ class PulseAudioControllerTest : public ::testing::Test {
     ASSERT_TRUE(brackets_.waitUntil([](const std::vector<bool>& finished) {
       return std::find(finished.begin(), finished.end(), true) != finished.end();
     }));
+  }
+
+  // Waits until the service lists a device with this UID.
+  bool waitUntilListed(const std::string& uid) {
+    auto listed = [&] {
+      const auto ids = AudioDeviceConnectedDeviceIDs();
+      return std::any_of(ids.begin(), ids.end(),
+                         [&](std::uint32_t id) { return AudioDeviceUIDForDeviceID(id) == uid; });
+    };
+    Recorder<int> changes;
+    auto closure = std::make_shared<const PropertyListener>(
+        [&changes](std::uint32_t, const PropertyAddress*) { changes.append(1); });
+    service_->addPropertyListenerBlock(kAudioObjectSystemObject, kDevices, queue_,
+                                       PlatformListenerBlock::copy(closure));
+    const bool found = changes.waitUntil([&](const auto&) { return listed(); });
+    service_->removePropertyListenerBlock(kAudioObjectSystemObject, kDevices, queue_,
+                                          PlatformListenerBlock::copy(closure));
+    testing::DrainQueue(queue_);
+    return found;
   }
 
   bool waitFor(MediaDeviceEvent event, const std::string& uid,
@@ -178,6 +208,9 @@ TEST_F(PulseAudioControllerTest, ParecordBringsChangedRunningTrueThenFalse) {
 TEST_F(PulseAudioControllerTest, UnloadingTheModuleBringsDisconnected) {
   const auto module = client_->loadModule("module-null-source", "source_name=extra_source");
   ASSERT_TRUE(module);
+  // A device that appears while observation starts can be missed (the cache fill is queued
+  // before the list listener is added), so the service has it before the client observes.
+  ASSERT_TRUE(waitUntilListed("extra_source"));
   observe();
   ASSERT_TRUE(Has(events_.entries(), MediaDeviceEvent::InitialDiscovery, "extra_source"));
 
