@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpulse-dev pulseaudio pulseaudio-utils
   libcli11-dev nlohmann-json3-dev
-  psmisc lsof procps
+  psmisc lsof procps bsdutils
   clang-14 clang-format-14 libclang-rt-14-dev
 )
 
