@@ -2,12 +2,10 @@
 
 #include <sstream>
 
-#include "tests/reliability/DeviceIncarnation.h"
-
 namespace harkwell::testing {
 
-ClientViewChecker::ClientViewChecker(std::shared_ptr<DispatchQueue> queue)
-    : queue_(std::move(queue)) {}
+ClientViewChecker::ClientViewChecker(std::shared_ptr<DispatchQueue> queue, RecordCheck recordCheck)
+    : queue_(std::move(queue)), recordCheck_(std::move(recordCheck)) {}
 
 void ClientViewChecker::attach(MediaDeviceController& controller) {
   controller.setUpdatingDevicesHandler([this](bool finished) { onBracket(finished); });
@@ -49,7 +47,7 @@ void ClientViewChecker::onEvent(MediaDeviceEvent event, const MediaDevice& devic
     case MediaDeviceEvent::Connected:
     case MediaDeviceEvent::ChangedRunning:
     case MediaDeviceEvent::ChangedInputSource:
-      if (auto problem = CachedRecordProblem(device)) violate(where.str() + ": " + *problem);
+      if (auto problem = recordCheck_(device)) violate(where.str() + ": " + *problem);
       if (!known && (event == MediaDeviceEvent::ChangedRunning ||
                      event == MediaDeviceEvent::ChangedInputSource)) {
         violate(where.str() + ": a change for a device the client was not told of");
@@ -64,6 +62,7 @@ void ClientViewChecker::onEvent(MediaDeviceEvent event, const MediaDevice& devic
       view_.erase(key);
       break;
   }
+  viewChanged_.notify_all();
 }
 
 std::optional<std::string> ClientViewChecker::firstViolation() const {
@@ -91,11 +90,18 @@ std::map<ClientViewChecker::DeviceKey, MediaDevice> ClientViewChecker::view() co
   return view_;
 }
 
+bool ClientViewChecker::waitUntilView(
+    const std::function<bool(const std::map<DeviceKey, MediaDevice>&)>& predicate,
+    std::chrono::milliseconds deadline) const {
+  std::unique_lock lock(mutex_);
+  return viewChanged_.wait_for(lock, deadline, [&] { return predicate(view_); });
+}
+
 std::optional<std::string> ClientViewChecker::differenceFromCaches(
     const MediaDeviceController& controller) const {
   std::map<DeviceKey, MediaDevice> cached;
   for (const auto& device : controller.connectedDevices()) {
-    if (auto problem = CachedRecordProblem(device)) return "cache holds " + *problem;
+    if (auto problem = recordCheck_(device)) return "cache holds " + *problem;
     if (!cached.emplace(DeviceKey{device.mediaType, device.deviceID}, device).second) {
       std::ostringstream text;
       text << "cache lists " << device << " twice";

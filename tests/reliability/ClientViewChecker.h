@@ -3,8 +3,8 @@
 //   - updating brackets alternate, false then true, and never nest;
 //   - a Disconnected device is one the client was told of (Connected or InitialDiscovery) and not
 //     told is gone since; ChangedRunning and ChangedInputSource come only for such devices;
-//   - every record it is handed is complete and whole (see DeviceIncarnation.h), and a
-//     Disconnected record is neither connected nor running.
+//   - every record it is handed passes the record check (by default: complete and whole, see
+//     DeviceIncarnation.h), and a Disconnected record is neither connected nor running.
 // It also keeps the client's view, the latest record of every device it was told of, so a test
 // can compare that view with the controller's caches once the queue is quiet.
 //
@@ -13,7 +13,10 @@
 #pragma once
 
 #include <array>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -22,6 +25,7 @@
 #include <utility>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "tests/reliability/DeviceIncarnation.h"
 
 namespace harkwell::testing {
 
@@ -29,7 +33,11 @@ class ClientViewChecker {
  public:
   using DeviceKey = std::pair<MediaType, std::uint32_t>;
 
-  explicit ClientViewChecker(std::shared_ptr<DispatchQueue> queue);
+  // Why a record handed to the client is wrong, or nothing when it is right.
+  using RecordCheck = std::function<std::optional<std::string>(const MediaDevice&)>;
+
+  explicit ClientViewChecker(std::shared_ptr<DispatchQueue> queue,
+                             RecordCheck recordCheck = CachedRecordProblem);
   ClientViewChecker(const ClientViewChecker&) = delete;
   ClientViewChecker& operator=(const ClientViewChecker&) = delete;
 
@@ -48,6 +56,9 @@ class ClientViewChecker {
   std::uint64_t eventCount(MediaDeviceEvent event) const;
   bool isInsideBracket() const;
   std::map<DeviceKey, MediaDevice> view() const;
+  // Waits until `predicate` holds for the client's view; false when the deadline passes first.
+  bool waitUntilView(const std::function<bool(const std::map<DeviceKey, MediaDevice>&)>& predicate,
+                     std::chrono::milliseconds deadline) const;
 
   // Where the client's view differs from the controller's caches, or nothing when it does not.
   // Only meaningful while the queue is quiet.
@@ -57,7 +68,9 @@ class ClientViewChecker {
   void violate(std::string text);  // with mutex_ held
 
   const std::shared_ptr<DispatchQueue> queue_;
+  const RecordCheck recordCheck_;
   mutable std::mutex mutex_;
+  mutable std::condition_variable viewChanged_;
   std::optional<std::string> violation_;
   std::array<std::uint64_t, 5> counts_{};
   bool insideBracket_ = false;
