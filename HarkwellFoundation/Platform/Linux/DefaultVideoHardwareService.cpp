@@ -1,12 +1,23 @@
-// The video service a Linux process starts with. Until a real service answers, a simulated service
-// with no devices stands in, so the library runs (and reports nothing) on any machine.
+// The video service a Linux process starts with: the V4L2 service on the machine's own /sys, /dev
+// and /proc. A machine without cameras (or without /sys/class/video4linux) has no devices, and the
+// service keeps watching /dev so that a camera plugged in later appears. A build without V4L2
+// support uses a simulated service with no devices, so the library still runs everywhere.
 #include "HarkwellFoundation/Platform/HardwareService.h"
+
+#if defined(HARKWELL_WITH_V4L2)
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
+#else
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#endif
 
 namespace harkwell {
 
 std::shared_ptr<VideoHardwareService> MakeDefaultVideoHardwareService() {
+#if defined(HARKWELL_WITH_V4L2)
+  return V4L2HardwareService::create();
+#else
   return SimulatedVideoHardwareService::create();
+#endif
 }
 
 }  // namespace harkwell

@@ -1,0 +1,329 @@
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
+
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2FileAccess.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2LogText.h"
+#include "HarkwellFoundation/Platform/SystemLog.h"
+#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+
+namespace harkwell {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Nodes appearing, disappearing or changing owner, and the folder itself going away.
+constexpr std::uint32_t kDevFolderEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                           IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// udev writes a database entry to a temporary name and renames it into place.
+constexpr std::uint32_t kUdevFolderEvents =
+    IN_CREATE | IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_ONLYDIR;
+constexpr std::uint32_t kNodeEvents = IN_OPEN | IN_CLOSE_WRITE | IN_CLOSE_NOWRITE;
+// A steady storm of events is still looked at this often.
+constexpr auto kLongestBurst = std::chrono::milliseconds(50);
+
+v4l2::NodeProbe ProbeOrDefault(v4l2::NodeProbe probe) {
+  return probe ? std::move(probe) : v4l2::NodeProbe(&v4l2::ProbeNodeCapabilities);
+}
+
+}  // namespace
+
+std::shared_ptr<V4L2HardwareService> V4L2HardwareService::create(Options options) {
+  std::shared_ptr<V4L2HardwareService> service(new V4L2HardwareService(std::move(options)));
+  service->startWatching();
+  service->readTree();
+  service->thread_ = std::thread([raw = service.get()] { raw->run(); });
+  pthread_setname_np(service->thread_.native_handle(), "harkwell-v4l2");
+  return service;
+}
+
+V4L2HardwareService::V4L2HardwareService(Options options)
+    : options_(std::move(options)),
+      probeCache_(ProbeOrDefault(options_.probe)),
+      scanner_(options_.procRoot, ::getpid()) {}
+
+V4L2HardwareService::~V4L2HardwareService() {
+  stopRequested_ = true;
+  watcher_.wake();
+  if (thread_.joinable()) thread_.join();
+  std::lock_guard lock(barrierMutex_);
+  stopped_ = true;
+  barrierServed_.notify_all();
+}
+
+// --- The seam ------------------------------------------------------------------------------------
+
+OSStatus V4L2HardwareService::getPropertyDataSize(ObjectID object, const PropertyAddress& address,
+                                                  std::uint32_t, const void*,
+                                                  std::uint32_t* outDataSize) {
+  return mirror_.dataSize(object, address, outDataSize);
+}
+
+OSStatus V4L2HardwareService::getPropertyData(ObjectID object, const PropertyAddress& address,
+                                              std::uint32_t, const void*, std::uint32_t* ioDataSize,
+                                              void* outData) {
+  return mirror_.data(object, address, ioDataSize, outData);
+}
+
+OSStatus V4L2HardwareService::setPropertyData(ObjectID object, const PropertyAddress& address,
+                                              std::uint32_t, const void*, std::uint32_t dataSize,
+                                              void* data) {
+  std::vector<v4l2::PropertyChange> changes;
+  const OSStatus status = mirror_.setData(object, address, dataSize, data, &changes);
+  notify(changes);
+  return status;
+}
+
+OSStatus V4L2HardwareService::addPropertyListenerBlock(ObjectID object,
+                                                       const PropertyAddress& address,
+                                                       std::shared_ptr<DispatchQueue> queue,
+                                                       PlatformListenerBlockRef block) {
+  if (!queue || !block) return kCMIOHardwareIllegalOperationError;
+  const OSStatus status = mirror_.checkProperty(object, address);
+  if (status != kNoErr) return status;
+  listeners_.add({object, address, std::move(queue), std::move(block)});
+  return kNoErr;
+}
+
+OSStatus V4L2HardwareService::removePropertyListenerBlock(ObjectID object,
+                                                          const PropertyAddress& address,
+                                                          std::shared_ptr<DispatchQueue> queue,
+                                                          PlatformListenerBlockRef block) {
+  // A camera that went away keeps its listeners until they are removed: its ID stays its own,
+  // and a listener removed after the camera vanished is removed all the same.
+  if (listeners_.remove(object, address, queue, block)) return kNoErr;
+  const OSStatus status = mirror_.checkProperty(object, address);
+  return status == kCMIOHardwareBadObjectError ? status : kCMIOHardwareUnknownPropertyError;
+}
+
+// --- Waiting for the background thread ----------------------------------------------------------
+
+void V4L2HardwareService::waitForPendingChanges() {
+  if (std::this_thread::get_id() == thread_.get_id()) return;
+  std::unique_lock lock(barrierMutex_);
+  const std::uint64_t ticket = ++barrierRequested_;
+  watcher_.wake();
+  barrierServed_.wait(lock, [&] { return barrierDone_ >= ticket || stopped_; });
+}
+
+// --- The background thread -----------------------------------------------------------------------
+
+void V4L2HardwareService::startWatching() {
+  if (watcher_.error() != 0) {
+    logOnce("V4L2: cannot use inotify (" + v4l2::ErrorText(watcher_.error()) +
+            "); cameras are read once and changes are not followed");
+    return;
+  }
+  devWatch_ = watcher_.addWatch(options_.devRoot, kDevFolderEvents);
+  if (devWatch_ < 0) {
+    logOnce("V4L2: cannot watch " + v4l2::QuotedForLog(options_.devRoot) + " (" +
+            v4l2::ErrorText(-devWatch_) + "); cameras plugged in later are not seen");
+  }
+  if (!options_.udevDataRoot.empty()) {
+    // Most containers have no udev; its absence is normal and not worth a line.
+    udevWatch_ = watcher_.addWatch(options_.udevDataRoot, kUdevFolderEvents);
+  }
+}
+
+void V4L2HardwareService::run() {
+  for (;;) {
+    std::optional<std::chrono::nanoseconds> timeout;
+    if (recheckAt_) timeout = std::max(Clock::duration::zero(), *recheckAt_ - Clock::now());
+    const v4l2::InotifyWatcher::Burst burst =
+        watcher_.waitForBurst(timeout, options_.eventBurstWindow, kLongestBurst);
+    if (stopRequested_) return;
+    handleEvents(burst.events);
+
+    if (burst.woken) {
+      // Whoever asked changed the file system before asking; what is queued now covers it.
+      std::uint64_t ticket;
+      {
+        std::lock_guard lock(barrierMutex_);
+        ticket = barrierRequested_;
+      }
+      handleEvents(watcher_.takeQueued());
+      if (recheckAt_) {
+        recheckAt_.reset();
+        readRunningState();
+      }
+      std::lock_guard lock(barrierMutex_);
+      barrierDone_ = std::max(barrierDone_, ticket);
+      barrierServed_.notify_all();
+    } else if (recheckAt_ && Clock::now() >= *recheckAt_) {
+      recheckAt_.reset();
+      readRunningState();
+    }
+  }
+}
+
+void V4L2HardwareService::handleEvents(const std::vector<v4l2::InotifyEvent>& events) {
+  if (events.empty()) return;
+  bool treeChanged = false;
+  bool openersChanged = false;
+  std::set<std::string> opened;
+  for (const v4l2::InotifyEvent& event : events) {
+    if (event.watch < 0) {
+      treeChanged = true;  // events were lost; look at everything again
+    } else if (event.watch == devWatch_) {
+      if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
+        logOnce("V4L2: " + v4l2::QuotedForLog(options_.devRoot) +
+                " went away; cameras plugged in later are not seen");
+        devWatch_ = -1;
+        treeChanged = true;
+      } else if (event.name.starts_with("video") || deviceNodeNames_.count(event.name) != 0) {
+        treeChanged = true;
+      }
+    } else if (event.watch == udevWatch_) {
+      if (udevRecordNames_.count(event.name) != 0) treeChanged = true;
+    } else if (auto node = nodesOfWatch_.find(event.watch); node != nodesOfWatch_.end()) {
+      if ((event.mask & IN_IGNORED) != 0) {
+        // The node's file is gone (or no longer watchable); forget the watch and look again.
+        for (const std::string& path : node->second) watchOfNode_.erase(path);
+        nodesOfWatch_.erase(node);
+        treeChanged = true;
+        continue;
+      }
+      if ((event.mask & IN_OPEN) != 0) opened.insert(node->second.begin(), node->second.end());
+      if ((event.mask & (IN_OPEN | IN_CLOSE_WRITE | IN_CLOSE_NOWRITE)) != 0) openersChanged = true;
+    }
+  }
+
+  if (treeChanged) {
+    readTree();
+    return;
+  }
+  if (!openersChanged) return;
+  const std::set<std::string> openNodes = readRunningState();
+  // The kernel reports an open just before the new descriptor appears in /proc; an opener not
+  // seen yet is looked for once more shortly.
+  const bool openerMissed = std::any_of(
+      opened.begin(), opened.end(), [&](const auto& path) { return openNodes.count(path) == 0; });
+  if (openerMissed && !recheckAt_) recheckAt_ = Clock::now() + options_.openRecheckDelay;
+}
+
+void V4L2HardwareService::readTree() {
+  const v4l2::TreeLocation location{options_.sysfsRoot, options_.devRoot, options_.udevDataRoot};
+  v4l2::TreeReading reading = v4l2::ReadV4L2Tree(
+      location, [this](const std::string& path) { return probeCache_.probe(path); });
+
+  // A problem is reported when it appears, not at every later reading while it lasts.
+  std::set<std::string> diagnostics(reading.diagnostics.begin(), reading.diagnostics.end());
+  for (const std::string& line : reading.diagnostics) {
+    if (currentDiagnostics_.count(line) == 0) SystemLog(line);
+  }
+  currentDiagnostics_ = std::move(diagnostics);
+  deviceNodeNames_ = {reading.deviceNodeNames.begin(), reading.deviceNodeNames.end()};
+  udevRecordNames_ = {reading.udevRecordNames.begin(), reading.udevRecordNames.end()};
+
+  cameras_.clear();
+  std::set<std::string> nodePaths;
+  for (v4l2::CameraDescription& description : reading.cameras) {
+    auto [entry, added] = idOfIdentity_.try_emplace(description.identity, nextDeviceID_);
+    if (added) ++nextDeviceID_;
+    nodePaths.insert(description.nodePaths.begin(), description.nodePaths.end());
+    cameras_.push_back(Camera{entry->second, std::move(description)});
+  }
+  probeCache_.keepOnly(nodePaths);
+  updateNodeWatches();
+  readRunningState();
+}
+
+void V4L2HardwareService::updateNodeWatches() {
+  std::set<std::string> wanted;
+  for (const Camera& camera : cameras_) {
+    wanted.insert(camera.description.nodePaths.begin(), camera.description.nodePaths.end());
+  }
+  for (auto watched = watchOfNode_.begin(); watched != watchOfNode_.end();) {
+    if (wanted.count(watched->first) != 0) {
+      ++watched;
+      continue;
+    }
+    auto nodes = nodesOfWatch_.find(watched->second);
+    if (nodes != nodesOfWatch_.end()) {
+      nodes->second.erase(watched->first);
+      if (nodes->second.empty()) {
+        watcher_.removeWatch(watched->second);
+        nodesOfWatch_.erase(nodes);
+      }
+    }
+    watched = watchOfNode_.erase(watched);
+  }
+  if (watcher_.error() != 0) return;
+  for (const std::string& path : wanted) {
+    if (watchOfNode_.count(path) != 0) continue;
+    const int watch = watcher_.addWatch(path, kNodeEvents);
+    if (watch < 0) {
+      logOnce("V4L2: cannot watch " + v4l2::QuotedForLog(path) + " for opens and closes (" +
+              v4l2::ErrorText(-watch) + "); its running state is updated with other changes only");
+      continue;
+    }
+    watchOfNode_[path] = watch;
+    nodesOfWatch_[watch].insert(path);
+  }
+}
+
+std::set<std::string> V4L2HardwareService::readRunningState() {
+  std::vector<std::string> paths;
+  for (const Camera& camera : cameras_) {
+    paths.insert(paths.end(), camera.description.nodePaths.begin(),
+                 camera.description.nodePaths.end());
+  }
+  std::sort(paths.begin(), paths.end());
+  paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
+
+  std::set<std::string> openNodes;
+  if (!paths.empty()) {
+    ++processScanCount_;
+    const v4l2::ProcessNodeScanner::Result scan = scanner_.scan(paths);
+    if (scan.procError != 0) {
+      logOnce("V4L2: cannot read " + v4l2::QuotedForLog(options_.procRoot) + " (" +
+              v4l2::ErrorText(scan.procError) + "); cameras are reported as not running");
+    }
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (scan.isOpen[i]) openNodes.insert(paths[i]);
+    }
+  }
+  publish(openNodes);
+  return openNodes;
+}
+
+void V4L2HardwareService::publish(const std::set<std::string>& openNodes) {
+  std::vector<v4l2::PublishedDevice> devices;
+  devices.reserve(cameras_.size());
+  for (const Camera& camera : cameras_) {
+    const v4l2::CameraDescription& description = camera.description;
+    const bool running =
+        std::any_of(description.nodePaths.begin(), description.nodePaths.end(),
+                    [&](const std::string& path) { return openNodes.count(path) != 0; });
+    devices.push_back(v4l2::PublishedDevice{
+        .deviceID = camera.deviceID,
+        .name = description.name,
+        .uid = description.uid,
+        .modelUID = description.modelUID,
+        .transportType = description.transportType,
+        .inputStreamCount = description.inputStreamCount,
+        .outputStreamCount = description.outputStreamCount,
+        .isRunningSomewhere = running,
+    });
+  }
+  notify(mirror_.publishDevices(std::move(devices)));
+}
+
+void V4L2HardwareService::notify(const std::vector<v4l2::PropertyChange>& changes) {
+  for (const v4l2::PropertyChange& change : changes) {
+    for (auto& listener : listeners_.listenersFor(change.object, change.address)) {
+      listener.queue->async(
+          [block = std::move(listener.block), address = change.address] { (*block)(1, &address); });
+    }
+  }
+}
+
+void V4L2HardwareService::logOnce(const std::string& line) {
+  if (loggedOnce_.insert(line).second) SystemLog(line);
+}
+
+}  // namespace harkwell

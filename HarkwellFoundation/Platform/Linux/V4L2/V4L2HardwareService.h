@@ -1,0 +1,188 @@
+// V4L2HardwareService: the video hardware service on Linux. It reads what the machine says about
+// its cameras from sysfs (/sys/class/video4linux), the udev database where there is one, and the
+// nodes themselves (VIDIOC_QUERYCAP); it learns of changes through inotify (nodes appearing and
+// disappearing under /dev, each node being opened and closed) and finds out who holds a node open
+// by reading /proc, only when inotify reports an open or a close, never on a timer.
+//
+// How the machine maps onto the video seam:
+//
+//   device       One physical camera: the video nodes (sysfs entries "video*") that share a
+//                parent device (the target of their "device" link) and have a node under /dev.
+//                A node without a parent (a loopback device) is a device of its own. A group
+//                with neither a capture nor an output node (metadata only, codecs) is no device.
+//   object ID    2, 3, ... given out per persistent identity (the UID) and kept for the life of
+//                the service: a camera plugged back into the same port gets its old ID.
+//   "dev#"  (1)  The devices, in ID order.
+//   "yes "  (1)  The screen-capture switch: a 4-byte write is accepted and kept, reads answer the
+//                last value (1 at first); it changes nothing, V4L2 has no screen-capture devices.
+//   "lnam"       The sysfs name of the camera's first capture node, bytes unaltered (only the
+//                trailing newline goes). Without one: the driver's card name, udev's
+//                ID_V4L_PRODUCT, the USB product string, the node's name, in that order.
+//   "uid "       USB: "usb:<idVendor>:<idProduct>:<serial>@<parent>", the parent being the USB
+//                interface ("usb:046d:0825:A1B2C3@1-2:1.0"; the serial is empty when the camera
+//                has none). Otherwise udev's by-id link without its "-video-indexN" ending
+//                ("by-id:..."), else the parent's path under /sys ("sysfs:devices/..."), and for
+//                a device without a parent "virtual:<node name>".
+//   "muid"       USB "usb:<idVendor>:<idProduct>"; PCI "pci:<vendor>:<device>"; else the parent's
+//                driver "driver:<name>"; else a null reference (no model is known).
+//   "tran"       From the parent upwards, the first bus met: usb "usb ", pci "pci ", platform
+//                "bltn" (built in). No parent, or a parent under devices/virtual: "virt".
+//                Anything else: "othr".
+//   "stm#"       Input scope: one 4-byte stream ID per capture node; output scope: one per
+//                output-capable node; global scope: both. What a node can do comes from
+//                VIDIOC_QUERYCAP; when the node cannot be opened, from udev's
+//                ID_V4L_CAPABILITIES; failing both, a driver's first node (index 0) captures and
+//                its later nodes carry metadata. Metadata nodes are no streams. A loopback node
+//                counts as one input and one output stream. Stream IDs are opaque, not objects.
+//   "gone"       1 while any of the camera's nodes (metadata nodes too) is open in a process
+//                other than this one, as /proc/<pid>/fd shows; otherwise 0. Processes whose
+//                descriptors this process may not read are not seen.
+//   "oink"       "who?" (kCMIOHardwareUnknownPropertyError): V4L2 has no exclusive-access owner.
+//   otherwise    "who?" for other selectors, "!obj" for unknown objects, "!siz" for a buffer too
+//                small for the value, "nope" for a write to anything but "yes ".
+//
+// False positives are avoided on purpose: this process's own opens (its capability queries
+// included) never count as running and cause no event; a process that opens a node and closes it
+// again within one burst of inotify events is not seen at all, and in any case yields at most one
+// pair of running events. After a burst with an open, when no other process is seen holding the
+// node, /proc is read once more a moment later (the kernel reports the open an instant before
+// the descriptor shows in /proc).
+//
+// Threads: every seam call may come from any thread; reads answer from the service's mirror under
+// a short lock. One background thread owns inotify, reads the trees and /proc, updates the mirror
+// and only then queues each listener block on its queue, once per changed value. A listener fires
+// only when its value really changed. Removal of a listener matches the closure its block wraps.
+//
+// Lifetime: create() reads the trees once before it returns, so the first read already shows the
+// cameras present; destroying the service stops and joins its thread. Blocks already queued may
+// still run after that; they hold nothing of the service.
+//
+// Problems with the trees (unreadable entries, symlink loops, nodes without a name, a /proc that
+// cannot be read) are written to the system log, one line each, once while they persist; the
+// other cameras are reported as usual.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2ListenerTable.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbe.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbeCache.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2PropertyMirror.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2SysfsReader.h"
+
+namespace harkwell {
+
+class V4L2HardwareService final : public VideoHardwareService {
+ public:
+  struct Options {
+    // The trees to read; a test tree can stand in for each. An empty udev folder means no udev.
+    std::string sysfsRoot = "/sys";
+    std::string devRoot = "/dev";
+    std::string procRoot = "/proc";
+    std::string udevDataRoot = "/run/udev/data";
+    // Asks a node for its capabilities; empty means VIDIOC_QUERYCAP on the node itself.
+    v4l2::NodeProbe probe;
+    // How long the events of one burst may be apart.
+    std::chrono::nanoseconds eventBurstWindow = std::chrono::milliseconds(2);
+    // When /proc is read once more after an open that no other process was seen holding.
+    std::chrono::nanoseconds openRecheckDelay = std::chrono::milliseconds(20);
+  };
+
+  static std::shared_ptr<V4L2HardwareService> create(Options options);
+  static std::shared_ptr<V4L2HardwareService> create() { return create(Options()); }
+
+  ~V4L2HardwareService() override;
+  V4L2HardwareService(const V4L2HardwareService&) = delete;
+  V4L2HardwareService& operator=(const V4L2HardwareService&) = delete;
+
+  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
+                               std::uint32_t qualifierDataSize, const void* qualifierData,
+                               std::uint32_t* outDataSize) override;
+  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void* qualifierData,
+                           std::uint32_t* ioDataSize, void* outData) override;
+  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void* qualifierData,
+                           std::uint32_t dataSize, void* data) override;
+  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                    std::shared_ptr<DispatchQueue> queue,
+                                    PlatformListenerBlockRef block) override;
+  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                       std::shared_ptr<DispatchQueue> queue,
+                                       PlatformListenerBlockRef block) override;
+
+  // Returns once the background thread has handled every file-system change made before the call
+  // (listener blocks are queued by then, not necessarily run). For tests and tools; must not be
+  // called from a listener block on a queue the caller then waits for.
+  void waitForPendingChanges();
+
+  // How many times /proc has been read (for tests and benchmarks).
+  std::uint64_t processScanCount() const { return processScanCount_.load(); }
+  std::size_t listenerCount() const { return listeners_.size(); }
+
+ private:
+  struct Camera {
+    ObjectID deviceID = 0;
+    v4l2::CameraDescription description;
+  };
+
+  explicit V4L2HardwareService(Options options);
+
+  void startWatching();
+  void run();
+  void handleEvents(const std::vector<v4l2::InotifyEvent>& events);
+  void readTree();
+  void updateNodeWatches();
+  // Reads /proc and publishes; returns the node paths that were found open.
+  std::set<std::string> readRunningState();
+  void publish(const std::set<std::string>& openNodes);
+  void notify(const std::vector<v4l2::PropertyChange>& changes);
+  void logOnce(const std::string& line);
+
+  const Options options_;
+  v4l2::PropertyMirror mirror_;
+  v4l2::ListenerTable listeners_;
+  std::atomic<std::uint64_t> processScanCount_{0};
+
+  // Owned by the background thread (and by create() before the thread starts).
+  v4l2::InotifyWatcher watcher_;
+  v4l2::NodeProbeCache probeCache_;
+  v4l2::ProcessNodeScanner scanner_;
+  int devWatch_ = -1;
+  int udevWatch_ = -1;
+  std::map<std::string, int> watchOfNode_;
+  std::map<int, std::set<std::string>> nodesOfWatch_;
+  std::set<std::string> deviceNodeNames_;
+  std::set<std::string> udevRecordNames_;
+  std::vector<Camera> cameras_;
+  std::map<std::string, ObjectID> idOfIdentity_;
+  ObjectID nextDeviceID_ = 2;
+  std::set<std::string> currentDiagnostics_;
+  std::set<std::string> loggedOnce_;
+  std::optional<std::chrono::steady_clock::time_point> recheckAt_;
+
+  // The hand-shake of waitForPendingChanges() and the stop request.
+  std::mutex barrierMutex_;
+  std::condition_variable barrierServed_;
+  std::uint64_t barrierRequested_ = 0;  // guarded by barrierMutex_
+  std::uint64_t barrierDone_ = 0;       // guarded by barrierMutex_
+  bool stopped_ = false;                // guarded by barrierMutex_
+  std::atomic<bool> stopRequested_{false};
+  std::thread thread_;
+};
+
+}  // namespace harkwell

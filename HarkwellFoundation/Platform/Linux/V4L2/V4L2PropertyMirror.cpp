@@ -1,0 +1,243 @@
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2PropertyMirror.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+
+namespace harkwell::v4l2 {
+namespace {
+
+constexpr PropertyAddress Global(std::uint32_t selector) {
+  return {selector, kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
+}
+
+// One property's value, or the status that answers instead of it.
+struct Value {
+  enum class Kind { Status, UInt32, String, List };
+  Kind kind = Kind::Status;
+  OSStatus status = kCMIOHardwareUnknownPropertyError;
+  std::uint32_t number = 0;
+  std::optional<std::string> text;
+  std::vector<std::uint32_t> list;
+
+  static Value Failure(OSStatus status) { return Value{.kind = Kind::Status, .status = status}; }
+  static Value UInt32(std::uint32_t number) {
+    return Value{.kind = Kind::UInt32, .status = kNoErr, .number = number};
+  }
+  static Value String(std::optional<std::string> text) {
+    return Value{.kind = Kind::String, .status = kNoErr, .text = std::move(text)};
+  }
+  static Value List(std::vector<std::uint32_t> list) {
+    return Value{.kind = Kind::List, .status = kNoErr, .list = std::move(list)};
+  }
+};
+
+std::vector<std::uint32_t> Streams(ObjectID deviceID, std::uint32_t first, std::uint32_t count) {
+  std::vector<std::uint32_t> ids;
+  for (std::uint32_t i = 0; i < count; ++i)
+    ids.push_back(PropertyMirror::streamID(deviceID, first + i));
+  return ids;
+}
+
+Value DeviceValue(const PublishedDevice& device, const PropertyAddress& address) {
+  switch (address.mSelector) {
+    case kCMIOObjectPropertyName:
+      return Value::String(device.name);
+    case kCMIODevicePropertyDeviceUID:
+      return Value::String(device.uid);
+    case kCMIODevicePropertyModelUID:
+      return Value::String(device.modelUID);
+    case kCMIODevicePropertyTransportType:
+      return Value::UInt32(device.transportType);
+    case kCMIODevicePropertyDeviceIsRunningSomewhere:
+      return Value::UInt32(device.isRunningSomewhere ? 1 : 0);
+    case kCMIODevicePropertyStreams:
+      // Input streams are numbered first, then output streams.
+      if (address.mScope == kCMIODevicePropertyScopeInput) {
+        return Value::List(Streams(device.deviceID, 0, device.inputStreamCount));
+      }
+      if (address.mScope == kCMIODevicePropertyScopeOutput) {
+        return Value::List(
+            Streams(device.deviceID, device.inputStreamCount, device.outputStreamCount));
+      }
+      if (address.mScope == kCMIOObjectPropertyScopeGlobal) {
+        return Value::List(
+            Streams(device.deviceID, 0, device.inputStreamCount + device.outputStreamCount));
+      }
+      return Value::Failure(kCMIOHardwareUnknownPropertyError);
+    default:
+      // Hog mode included: V4L2 has no exclusive-access owner to report.
+      return Value::Failure(kCMIOHardwareUnknownPropertyError);
+  }
+}
+
+void AppendDeviceChanges(const PublishedDevice& before, const PublishedDevice& after,
+                         std::vector<PropertyChange>& changes) {
+  const ObjectID id = after.deviceID;
+  auto note = [&](std::uint32_t selector, std::uint32_t scope = kCMIOObjectPropertyScopeGlobal) {
+    changes.push_back({id, PropertyAddress{selector, scope, kCMIOObjectPropertyElementMaster}});
+  };
+  if (before.name != after.name) note(kCMIOObjectPropertyName);
+  if (before.uid != after.uid) note(kCMIODevicePropertyDeviceUID);
+  if (before.modelUID != after.modelUID) note(kCMIODevicePropertyModelUID);
+  if (before.transportType != after.transportType) note(kCMIODevicePropertyTransportType);
+  const bool inputsChanged = before.inputStreamCount != after.inputStreamCount;
+  const bool outputsChanged = before.outputStreamCount != after.outputStreamCount;
+  if (inputsChanged) note(kCMIODevicePropertyStreams, kCMIODevicePropertyScopeInput);
+  if (inputsChanged || outputsChanged) {
+    note(kCMIODevicePropertyStreams, kCMIODevicePropertyScopeOutput);
+    note(kCMIODevicePropertyStreams, kCMIOObjectPropertyScopeGlobal);
+  }
+  if (before.isRunningSomewhere != after.isRunningSomewhere) {
+    note(kCMIODevicePropertyDeviceIsRunningSomewhere);
+  }
+}
+
+}  // namespace
+
+std::uint32_t PropertyMirror::streamID(ObjectID deviceID, std::uint32_t stream) {
+  return (deviceID << 8) + 1 + stream;
+}
+
+std::vector<PropertyChange> PropertyMirror::publishDevices(std::vector<PublishedDevice> devices) {
+  std::sort(devices.begin(), devices.end(),
+            [](const auto& a, const auto& b) { return a.deviceID < b.deviceID; });
+  std::vector<PropertyChange> changes;
+  std::lock_guard lock(mutex_);
+  bool listChanged = devices.size() != devices_.size();
+  for (const PublishedDevice& after : devices) {
+    if (const PublishedDevice* before = findLocked(after.deviceID)) {
+      AppendDeviceChanges(*before, after, changes);
+    } else {
+      listChanged = true;
+    }
+  }
+  if (listChanged)
+    changes.push_back({kCMIOObjectSystemObject, Global(kCMIOHardwarePropertyDevices)});
+  devices_ = std::move(devices);
+  return changes;
+}
+
+std::vector<PublishedDevice> PropertyMirror::devices() const {
+  std::lock_guard lock(mutex_);
+  return devices_;
+}
+
+const PublishedDevice* PropertyMirror::findLocked(ObjectID deviceID) const {
+  auto found =
+      std::lower_bound(devices_.begin(), devices_.end(), deviceID,
+                       [](const PublishedDevice& d, ObjectID id) { return d.deviceID < id; });
+  return found != devices_.end() && found->deviceID == deviceID ? &*found : nullptr;
+}
+
+namespace {
+
+Value ValueLocked(const std::vector<PublishedDevice>& devices, const PublishedDevice* device,
+                  std::uint32_t screenCaptureSwitch, ObjectID object,
+                  const PropertyAddress& address) {
+  if (object == kCMIOObjectSystemObject) {
+    if (address.mSelector == kCMIOHardwarePropertyDevices) {
+      std::vector<std::uint32_t> ids;
+      ids.reserve(devices.size());
+      for (const auto& each : devices) ids.push_back(each.deviceID);
+      return Value::List(std::move(ids));
+    }
+    if (address.mSelector == kCMIOHardwarePropertyAllowScreenCaptureDevices) {
+      return Value::UInt32(screenCaptureSwitch);
+    }
+    return Value::Failure(kCMIOHardwareUnknownPropertyError);
+  }
+  if (!device) return Value::Failure(kCMIOHardwareBadObjectError);
+  return DeviceValue(*device, address);
+}
+
+}  // namespace
+
+OSStatus PropertyMirror::checkProperty(ObjectID object, const PropertyAddress& address) const {
+  std::lock_guard lock(mutex_);
+  return ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address).status;
+}
+
+OSStatus PropertyMirror::dataSize(ObjectID object, const PropertyAddress& address,
+                                  std::uint32_t* outDataSize) const {
+  Value value;
+  {
+    std::lock_guard lock(mutex_);
+    value = ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
+  }
+  if (value.kind == Value::Kind::Status) return value.status;
+  if (!outDataSize) return kCMIOHardwareBadPropertySizeError;
+  switch (value.kind) {
+    case Value::Kind::UInt32:
+      *outDataSize = sizeof(std::uint32_t);
+      break;
+    case Value::Kind::String:
+      *outDataSize = sizeof(PlatformStringRef);
+      break;
+    default:
+      *outDataSize = static_cast<std::uint32_t>(value.list.size() * sizeof(std::uint32_t));
+      break;
+  }
+  return kNoErr;
+}
+
+OSStatus PropertyMirror::data(ObjectID object, const PropertyAddress& address,
+                              std::uint32_t* ioDataSize, void* outData) const {
+  Value value;
+  {
+    std::lock_guard lock(mutex_);
+    value = ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
+  }
+  if (value.kind == Value::Kind::Status) return value.status;
+  if (!ioDataSize) return kCMIOHardwareBadPropertySizeError;
+  const std::uint32_t capacity = outData ? *ioDataSize : 0;
+  switch (value.kind) {
+    case Value::Kind::UInt32:
+      if (capacity < sizeof(std::uint32_t)) return kCMIOHardwareBadPropertySizeError;
+      std::memcpy(outData, &value.number, sizeof value.number);
+      *ioDataSize = sizeof(std::uint32_t);
+      return kNoErr;
+    case Value::Kind::String: {
+      if (capacity < sizeof(PlatformStringRef)) return kCMIOHardwareBadPropertySizeError;
+      // The caller owns the new reference; an absent value is a null reference.
+      PlatformStringRef string = value.text ? PlatformStringCreate(*value.text) : nullptr;
+      std::memcpy(outData, &string, sizeof string);
+      *ioDataSize = sizeof(PlatformStringRef);
+      return kNoErr;
+    }
+    default: {
+      // As many whole IDs as fit the caller's buffer; never more than the list has.
+      const std::size_t count = std::min<std::size_t>(capacity / 4, value.list.size());
+      if (count > 0) std::memcpy(outData, value.list.data(), count * 4);
+      *ioDataSize = static_cast<std::uint32_t>(count * 4);
+      return kNoErr;
+    }
+  }
+}
+
+OSStatus PropertyMirror::setData(ObjectID object, const PropertyAddress& address,
+                                 std::uint32_t dataSize, const void* data,
+                                 std::vector<PropertyChange>* changes) {
+  std::lock_guard lock(mutex_);
+  const Value current =
+      ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
+  if (current.kind == Value::Kind::Status) return current.status;
+  if (object != kCMIOObjectSystemObject ||
+      address.mSelector != kCMIOHardwarePropertyAllowScreenCaptureDevices) {
+    return kCMIOHardwareIllegalOperationError;
+  }
+  // The screen-capture switch: kept so reads answer it, otherwise without effect (V4L2 has no
+  // screen-capture devices to include or leave out).
+  if (!data || dataSize != sizeof(std::uint32_t)) return kCMIOHardwareBadPropertySizeError;
+  std::uint32_t value;
+  std::memcpy(&value, data, sizeof value);
+  if (value != screenCaptureSwitch_ && changes) {
+    changes->push_back({kCMIOObjectSystemObject, address});
+  }
+  screenCaptureSwitch_ = value;
+  return kNoErr;
+}
+
+}  // namespace harkwell::v4l2
