@@ -1,0 +1,596 @@
+// The V4L2 service at the seam, on fake trees with real files and real processes: what it
+// answers, when its listeners fire, and what it says about broken trees.
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+
+#include "FakeV4L2Tree.h"
+#include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "PipedChildProcess.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Waiting.h"
+
+namespace harkwell::testing {
+namespace {
+
+constexpr PropertyAddress Global(std::uint32_t selector) {
+  return {selector, kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
+}
+constexpr PropertyAddress Streams(std::uint32_t scope) {
+  return {kCMIODevicePropertyStreams, scope, kCMIOObjectPropertyElementMaster};
+}
+const PropertyAddress kDeviceList = Global(kCMIOHardwarePropertyDevices);
+const PropertyAddress kRunning = Global(kCMIODevicePropertyDeviceIsRunningSomewhere);
+
+// A listener whose block records, on each call, the address count and the value it reads back
+// from the service. The block keeps the records alive, so it may run after the test body ends.
+struct RecordingListener {
+  struct Records {
+    Recorder<std::uint32_t> counts;
+    Recorder<std::uint32_t> values;
+  };
+
+  explicit RecordingListener(std::function<std::uint32_t()> readBack)
+      : closure(std::make_shared<const PropertyListener>(
+            [records = records, readBack = std::move(readBack)](std::uint32_t count,
+                                                                const PropertyAddress*) {
+              records->counts.append(count);
+              records->values.append(readBack());
+            })) {}
+
+  std::shared_ptr<Records> records = std::make_shared<Records>();
+  Recorder<std::uint32_t>& counts = records->counts;
+  Recorder<std::uint32_t>& values = records->values;
+  SharedPropertyListener closure;
+};
+
+class V4L2ServiceTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    if (service) service->waitForPendingChanges();
+    DrainQueue(queue);
+  }
+
+  void start(v4l2::NodeProbe probe = {}) {
+    service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                           .devRoot = tree.devRoot(),
+                                           .procRoot = "/proc",
+                                           .udevDataRoot = tree.udevDataRoot(),
+                                           .probe = std::move(probe)});
+  }
+
+  // Adds a USB camera with a capture node and a metadata node, both in /dev.
+  void addUsbCamera(const std::string& port = "1-2", unsigned firstMinor = 0) {
+    const std::string usb = tree.addUsbInterface({.port = port});
+    tree.addNode({.entry = "video" + std::to_string(firstMinor),
+                  .index = 0,
+                  .minor = firstMinor,
+                  .parent = usb});
+    tree.addNode({.entry = "video" + std::to_string(firstMinor + 1),
+                  .index = 1,
+                  .minor = firstMinor + 1,
+                  .parent = usb});
+  }
+
+  std::vector<ObjectID> deviceIDs() {
+    std::uint32_t size = 0;
+    if (service->getPropertyDataSize(kCMIOObjectSystemObject, kDeviceList, 0, nullptr, &size) !=
+        kNoErr) {
+      return {};
+    }
+    std::vector<ObjectID> ids(size / 4);
+    if (service->getPropertyData(kCMIOObjectSystemObject, kDeviceList, 0, nullptr, &size,
+                                 ids.data()) != kNoErr) {
+      return {};
+    }
+    ids.resize(size / 4);
+    return ids;
+  }
+
+  // The string, a null reference (nullopt inside), or the failing status.
+  std::variant<OSStatus, std::optional<std::string>> string(ObjectID id, std::uint32_t selector) {
+    OwnedPlatformString text;
+    std::uint32_t size = sizeof(PlatformStringRef);
+    const OSStatus status =
+        service->getPropertyData(id, Global(selector), 0, nullptr, &size, text.slot());
+    if (status != kNoErr) return status;
+    if (!text.get()) return std::optional<std::string>();
+    return std::optional<std::string>(PlatformStringText(text.get()));
+  }
+
+  std::optional<std::uint32_t> uint32(ObjectID id, const PropertyAddress& address) {
+    std::uint32_t value = 0;
+    std::uint32_t size = sizeof value;
+    if (service->getPropertyData(id, address, 0, nullptr, &size, &value) != kNoErr) {
+      return std::nullopt;
+    }
+    return value;
+  }
+
+  std::optional<std::uint32_t> streamCount(ObjectID id, std::uint32_t scope) {
+    std::uint32_t size = 0;
+    if (service->getPropertyDataSize(id, Streams(scope), 0, nullptr, &size) != kNoErr) {
+      return std::nullopt;
+    }
+    return size / 4;
+  }
+
+  OSStatus listen(ObjectID id, const PropertyAddress& address, RecordingListener& listener) {
+    return service->addPropertyListenerBlock(id, address, queue,
+                                             PlatformListenerBlock::copy(listener.closure));
+  }
+
+  // Lets the service handle what happened so far and the queue run what it was given.
+  void settle() {
+    service->waitForPendingChanges();
+    DrainQueue(queue);
+  }
+
+  FakeV4L2Tree tree;
+  std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("com.harkwell.test.v4l2");
+  std::shared_ptr<V4L2HardwareService> service;
+};
+
+TEST_F(V4L2ServiceTest, DevicesAnswerWithTheMappedProperties) {
+  addUsbCamera();
+  tree.addNode({.entry = "video5", .nameFile = "Loopback\n", .minor = 5});
+  start();
+
+  const auto ids = deviceIDs();
+  ASSERT_EQ(ids, (std::vector<ObjectID>{2, 3}));
+  const ObjectID camera = ids[0];
+  const ObjectID loopback = ids[1];
+  EXPECT_EQ(std::get<1>(string(camera, kCMIOObjectPropertyName)), "Webcam C270: Webcam C270");
+  EXPECT_EQ(std::get<1>(string(camera, kCMIODevicePropertyDeviceUID)),
+            "usb:046d:0825:A1B2C3@1-2:1.0");
+  EXPECT_EQ(std::get<1>(string(camera, kCMIODevicePropertyModelUID)), "usb:046d:0825");
+  EXPECT_EQ(uint32(camera, Global(kCMIODevicePropertyTransportType)), kVideoTransportTypeUSB);
+  EXPECT_EQ(streamCount(camera, kCMIODevicePropertyScopeInput), 1u);
+  EXPECT_EQ(streamCount(camera, kCMIODevicePropertyScopeOutput), 0u);
+  EXPECT_EQ(streamCount(camera, kCMIOObjectPropertyScopeGlobal), 1u);
+  EXPECT_EQ(uint32(camera, kRunning), 0u);
+
+  EXPECT_EQ(std::get<1>(string(loopback, kCMIOObjectPropertyName)), "Loopback");
+  EXPECT_EQ(std::get<1>(string(loopback, kCMIODevicePropertyModelUID)), std::nullopt);
+  EXPECT_EQ(uint32(loopback, Global(kCMIODevicePropertyTransportType)), kVideoTransportTypeVirtual);
+  EXPECT_EQ(streamCount(loopback, kCMIODevicePropertyScopeInput), 1u);
+  EXPECT_EQ(streamCount(loopback, kCMIODevicePropertyScopeOutput), 1u);
+  EXPECT_EQ(streamCount(loopback, kCMIOObjectPropertyScopeGlobal), 2u);
+}
+
+TEST_F(V4L2ServiceTest, HogModeAnswersUnknownProperty) {
+  addUsbCamera();
+  start();
+  const PropertyAddress hogMode = Global(kCMIODevicePropertyHogMode);
+  std::int32_t pid = 0;
+  std::uint32_t size = sizeof pid;
+
+  EXPECT_EQ(service->getPropertyDataSize(2, hogMode, 0, nullptr, &size),
+            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(service->getPropertyData(2, hogMode, 0, nullptr, &size, &pid),
+            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(service->setPropertyData(2, hogMode, 0, nullptr, sizeof pid, &pid),
+            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(pid, 0);
+  RecordingListener listener([] { return 0u; });
+  EXPECT_EQ(listen(2, hogMode, listener), kCMIOHardwareUnknownPropertyError);
+}
+
+TEST_F(V4L2ServiceTest, UnknownObjectsAndSelectorsAnswerLikeThePlatform) {
+  addUsbCamera();
+  start();
+  std::uint32_t value = 0;
+  std::uint32_t size = sizeof value;
+  RecordingListener listener([] { return 0u; });
+
+  EXPECT_EQ(service->getPropertyDataSize(99, kRunning, 0, nullptr, &size),
+            kCMIOHardwareBadObjectError);
+  EXPECT_EQ(service->getPropertyData(99, kRunning, 0, nullptr, &size, &value),
+            kCMIOHardwareBadObjectError);
+  EXPECT_EQ(service->setPropertyData(99, kRunning, 0, nullptr, size, &value),
+            kCMIOHardwareBadObjectError);
+  EXPECT_EQ(listen(99, kRunning, listener), kCMIOHardwareBadObjectError);
+  EXPECT_EQ(service->getPropertyData(2, Global(FourCharCode("abcd")), 0, nullptr, &size, &value),
+            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(service->getPropertyData(1, Global(kCMIOObjectPropertyName), 0, nullptr, &size, &value),
+            kCMIOHardwareUnknownPropertyError);
+}
+
+TEST_F(V4L2ServiceTest, ScreenCaptureSwitchIsAcceptedAndRemembered) {
+  start();
+  const PropertyAddress allow = Global(kCMIOHardwarePropertyAllowScreenCaptureDevices);
+  RecordingListener listener([this, allow] { return uint32(1, allow).value_or(99); });
+  ASSERT_EQ(listen(1, allow, listener), kNoErr);
+  EXPECT_EQ(uint32(1, allow), 1u);
+
+  std::uint32_t off = 0;
+  EXPECT_EQ(service->setPropertyData(1, allow, 0, nullptr, sizeof off, &off), kNoErr);
+  EXPECT_EQ(uint32(1, allow), 0u);
+  EXPECT_EQ(service->setPropertyData(1, allow, 0, nullptr, sizeof off, &off), kNoErr);
+  EXPECT_EQ(service->setPropertyData(1, allow, 0, nullptr, 2, &off),
+            kCMIOHardwareBadPropertySizeError);
+  DrainQueue(queue);
+
+  EXPECT_EQ(listener.values.entries(), std::vector<std::uint32_t>{0});
+  EXPECT_TRUE(deviceIDs().empty());
+}
+
+TEST_F(V4L2ServiceTest, WritingADevicePropertyIsRefused) {
+  addUsbCamera();
+  start();
+  std::uint32_t value = 1;
+
+  EXPECT_EQ(service->setPropertyData(2, kRunning, 0, nullptr, sizeof value, &value),
+            kCMIOHardwareIllegalOperationError);
+  EXPECT_EQ(uint32(2, kRunning), 0u);
+}
+
+TEST_F(V4L2ServiceTest, BuffersTooSmallAnswerBadPropertySize) {
+  addUsbCamera();
+  start();
+  std::uint8_t buffer[8] = {};
+  std::uint32_t size = 3;
+
+  EXPECT_EQ(service->getPropertyData(2, Global(kCMIODevicePropertyTransportType), 0, nullptr, &size,
+                                     buffer),
+            kCMIOHardwareBadPropertySizeError);
+  size = 4;
+  EXPECT_EQ(service->getPropertyData(2, Global(kCMIOObjectPropertyName), 0, nullptr, &size, buffer),
+            kCMIOHardwareBadPropertySizeError);
+  EXPECT_EQ(PlatformStringLiveCount(), 0u);
+}
+
+TEST_F(V4L2ServiceTest, DeviceListWritesOnlyTheWholeIDsThatFit) {
+  addUsbCamera("1-2", 0);
+  addUsbCamera("1-3", 2);
+  start();
+  ObjectID ids[2] = {0, 0};
+
+  std::uint32_t size = 6;
+  EXPECT_EQ(service->getPropertyData(1, kDeviceList, 0, nullptr, &size, ids), kNoErr);
+  EXPECT_EQ(size, 4u);
+  EXPECT_EQ(ids[0], 2u);
+  EXPECT_EQ(ids[1], 0u);
+
+  size = 0;
+  EXPECT_EQ(service->getPropertyData(1, kDeviceList, 0, nullptr, &size, ids), kNoErr);
+  EXPECT_EQ(size, 0u);
+}
+
+TEST_F(V4L2ServiceTest, ListenerRemovalMatchesTheWrappedClosure) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([] { return 0u; });
+  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  ASSERT_EQ(service->listenerCount(), 1u);
+
+  // A new block around the same closure finds the registration; another closure does not.
+  RecordingListener stranger([] { return 0u; });
+  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, queue,
+                                                 PlatformListenerBlock::copy(stranger.closure)),
+            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, DispatchQueue::createSerial("other"),
+                                                 PlatformListenerBlock::copy(listener.closure)),
+            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, queue,
+                                                 PlatformListenerBlock::copy(listener.closure)),
+            kNoErr);
+  EXPECT_EQ(service->listenerCount(), 0u);
+  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, queue,
+                                                 PlatformListenerBlock::copy(listener.closure)),
+            kCMIOHardwareUnknownPropertyError);
+}
+
+TEST_F(V4L2ServiceTest, CreatingANodeNotifiesTheDeviceListAfterTheMirrorShowsIt) {
+  start();
+  RecordingListener listener([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
+  ASSERT_EQ(listen(1, kDeviceList, listener), kNoErr);
+
+  const std::string usb = tree.addUsbInterface({});
+  tree.addNode({.entry = "video0", .parent = usb, .withDevNode = false});
+  tree.createDevNode("video0");
+
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  EXPECT_EQ(listener.values.entries()[0], 1u);
+  EXPECT_EQ(listener.counts.entries()[0], 1u);
+  EXPECT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+}
+
+TEST_F(V4L2ServiceTest, DeletedNodeRemovesItsDeviceAndAReturningCameraKeepsItsID) {
+  addUsbCamera("1-2", 0);
+  addUsbCamera("1-3", 2);
+  start();
+  ASSERT_EQ(deviceIDs(), (std::vector<ObjectID>{2, 3}));
+  RecordingListener listener([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
+  ASSERT_EQ(listen(1, kDeviceList, listener), kNoErr);
+
+  tree.removeDevNode("video0");
+  tree.removeDevNode("video1");
+  ASSERT_TRUE(listener.values.waitUntil(
+      [](const auto& values) { return !values.empty() && values.back() == 1; }));
+  EXPECT_EQ(deviceIDs(), std::vector<ObjectID>{3});
+
+  tree.createDevNode("video0");
+  ASSERT_TRUE(listener.values.waitUntil([](const auto& values) { return values.back() == 2; }));
+  EXPECT_EQ(deviceIDs(), (std::vector<ObjectID>{2, 3}));
+}
+
+TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilItExits) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+
+  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  ASSERT_TRUE(holder);
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  EXPECT_EQ(listener.values.entries()[0], 1u);
+
+  holder->kill();
+  ASSERT_TRUE(listener.values.waitForCount(2));
+  EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0}));
+  settle();
+  EXPECT_EQ(listener.values.size(), 2u);
+}
+
+TEST_F(V4L2ServiceTest, MetadataNodeHeldOpenAlsoCountsAsRunning) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+
+  auto holder = StartNodeHolder(tree.devNodePath("video1"));
+  ASSERT_TRUE(holder);
+
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  EXPECT_EQ(listener.values.entries()[0], 1u);
+}
+
+TEST_F(V4L2ServiceTest, ListenersRunOnTheirQueue) {
+  addUsbCamera();
+  start();
+  Recorder<bool> onQueue;
+  auto closure = std::make_shared<const PropertyListener>(
+      [&](std::uint32_t, const PropertyAddress*) { onQueue.append(queue->isCurrent()); });
+  ASSERT_EQ(
+      service->addPropertyListenerBlock(2, kRunning, queue, PlatformListenerBlock::copy(closure)),
+      kNoErr);
+
+  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  ASSERT_TRUE(holder);
+
+  ASSERT_TRUE(onQueue.waitForCount(1));
+  EXPECT_TRUE(onQueue.entries()[0]);
+  service->removePropertyListenerBlock(2, kRunning, queue, PlatformListenerBlock::copy(closure));
+  settle();
+}
+
+TEST_F(V4L2ServiceTest, OwnOpensNeverMakeADeviceRunningNorNotify) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs CAP_MKNOD for a real character device";
+  const std::string usb = tree.addUsbInterface({});
+  tree.addNode({.entry = "video0", .parent = usb, .withDevNode = false});
+  ASSERT_TRUE(tree.createCharDevNode("video0"));
+  // The first probe is refused, so the node is probed again (opened for real) once its mode
+  // changes, while its opens and closes are already watched.
+  std::atomic<int> probes{0};
+  start([&probes](const std::string& path) {
+    return probes++ == 0 ? v4l2::NodeProbeResult{std::nullopt, EACCES}
+                         : v4l2::ProbeNodeCapabilities(path);
+  });
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  const std::uint64_t scansBefore = service->processScanCount();
+
+  ASSERT_EQ(::chmod(tree.devNodePath("video0").c_str(), 0660), 0);
+  settle();
+  const int fd = ::open(tree.devNodePath("video0").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  settle();
+  ::close(fd);
+  settle();
+
+  EXPECT_EQ(probes.load(), 2);
+  EXPECT_GT(service->processScanCount(), scansBefore);
+  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(listener.values.size(), 0u);
+}
+
+TEST_F(V4L2ServiceTest, QuickOpenAndCloseYieldsAtMostOnePairOfEvents) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+
+  for (int round = 0; round < 20; ++round) {
+    const std::size_t before = listener.values.size();
+    auto prober = PipedChildProcess::start(
+        {"/bin/sh", "-c", "exec 3<\"$0\" && exec 3<&-", tree.devNodePath("video0")});
+    ASSERT_TRUE(prober);
+    ASSERT_TRUE(prober->waitForExit().has_value());
+    settle();
+
+    const auto values = listener.values.entries();
+    const std::size_t fired = values.size() - before;
+    EXPECT_TRUE(fired == 0 || fired == 2) << "round " << round << ": " << fired << " events";
+    if (fired == 2) {
+      EXPECT_EQ(values[before], 1u);
+      EXPECT_EQ(values[before + 1], 0u);
+    }
+    EXPECT_EQ(uint32(2, kRunning), 0u);
+  }
+}
+
+TEST_F(V4L2ServiceTest, ProcIsReadOnlyWhenANodeIsOpenedOrClosed) {
+  addUsbCamera();
+  start();
+  settle();
+  const std::uint64_t scans = service->processScanCount();
+
+  // Changes that are neither opens nor closes of a node.
+  tree.createDevNode("null");
+  tree.writeFile("sys/class/video4linux/video0/name", "Renamed\n");
+  const int other = ::open((tree.devRoot() + "/null").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(other, 0);
+  ::close(other);
+  settle();
+  settle();
+  EXPECT_EQ(service->processScanCount(), scans);
+
+  const int fd = ::open(tree.devNodePath("video0").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ::close(fd);
+  settle();
+  EXPECT_GT(service->processScanCount(), scans);
+}
+
+TEST_F(V4L2ServiceTest, ListenerFiresOnlyWhenItsValueChanged) {
+  addUsbCamera();
+  start();
+  RecordingListener name([] { return 0u; });
+  RecordingListener running([this] { return uint32(2, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2, Global(kCMIOObjectPropertyName), name), kNoErr);
+  ASSERT_EQ(listen(2, kRunning, running), kNoErr);
+
+  // Another camera coming changes the device list, not this device's running state.
+  addUsbCamera("1-3", 2);
+  settle();
+  EXPECT_EQ(deviceIDs().size(), 2u);
+  EXPECT_EQ(running.values.size(), 0u);
+
+  // Running changes fire the running listener only.
+  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  ASSERT_TRUE(holder);
+  ASSERT_TRUE(running.values.waitForCount(1));
+  auto secondHolder = StartNodeHolder(tree.devNodePath("video1"));
+  ASSERT_TRUE(secondHolder);
+  settle();
+  EXPECT_EQ(running.values.entries(), std::vector<std::uint32_t>{1});
+  EXPECT_EQ(name.values.size(), 0u);
+}
+
+TEST_F(V4L2ServiceTest, NodeThatCannotBeOpenedStillAppears) {
+  addUsbCamera();
+  start([](const std::string&) { return v4l2::NodeProbeResult{std::nullopt, EACCES}; });
+
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  EXPECT_EQ(std::get<1>(string(2, kCMIOObjectPropertyName)), "Webcam C270: Webcam C270");
+  EXPECT_EQ(streamCount(2, kCMIODevicePropertyScopeInput), 1u);
+}
+
+TEST_F(V4L2ServiceTest, ProblemsAreLoggedOnceWhileTheyLast) {
+  LogCapture log;
+  addUsbCamera();
+  tree.makeSymlink(tree.sysfsRoot() + "/class/video4linux/video7", "sys/class/video4linux/video7");
+  start();
+  const std::string loopLine = "V4L2: skipping \"video7\": cannot resolve \"" + tree.sysfsRoot() +
+                               "/class/video4linux/video7\": Too many levels of symbolic links";
+  EXPECT_EQ(log.lines(), std::vector<std::string>{loopLine});
+
+  // Later readings of the tree do not repeat it.
+  addUsbCamera("1-3", 2);
+  settle();
+  EXPECT_EQ(deviceIDs().size(), 2u);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{loopLine});
+}
+
+TEST_F(V4L2ServiceTest, GarbageInTheTreeStillReportsTheOtherDevices) {
+  LogCapture log;
+  addUsbCamera();
+  tree.addNode({.entry = "video8", .nameFile = std::string("Bad\nname \xff\xfe\n"), .minor = 8});
+  tree.addNode({.entry = "video9", .nameFile = std::nullopt, .minor = 9});
+  tree.writeFile("sys/class/video4linux/video9/index", "");
+  tree.makeSymlink(tree.sysfsRoot() + "/class/video4linux/video7", "sys/class/video4linux/video7");
+  tree.makeFolder("sys/class/video4linux/video6");
+  start();
+
+  const auto ids = deviceIDs();
+  ASSERT_EQ(ids.size(), 3u);
+  EXPECT_EQ(std::get<1>(string(ids[1], kCMIOObjectPropertyName)), "Bad\nname \xff\xfe");
+  EXPECT_EQ(std::get<1>(string(ids[2], kCMIOObjectPropertyName)), "video9");
+  for (const std::string& line : log.lines()) {
+    EXPECT_EQ(line.find('\n'), std::string::npos) << line;
+    EXPECT_EQ(line.rfind("V4L2: ", 0), 0u) << line;
+  }
+  EXPECT_EQ(log.lines().size(), 2u);
+}
+
+TEST_F(V4L2ServiceTest, ThousandNodesAreAllReportedAndFollowed) {
+  for (unsigned i = 0; i < 1000; ++i) {
+    tree.addNode({.entry = "video" + std::to_string(i),
+                  .nameFile = "Loop " + std::to_string(i) + "\n",
+                  .minor = i});
+  }
+  start();
+  ASSERT_EQ(deviceIDs().size(), 1000u);
+  RecordingListener listener([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
+  ASSERT_EQ(listen(1, kDeviceList, listener), kNoErr);
+
+  tree.removeDevNode("video500");
+  ASSERT_TRUE(
+      listener.values.waitUntil([](const auto& v) { return !v.empty() && v.back() == 999; }));
+
+  RecordingListener running([this] { return uint32(2 + 999, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2 + 999, kRunning, running), kNoErr);
+  auto holder = StartNodeHolder(tree.devNodePath("video999"));
+  ASSERT_TRUE(holder);
+  ASSERT_TRUE(running.values.waitForCount(1));
+  EXPECT_EQ(running.values.entries()[0], 1u);
+}
+
+TEST_F(V4L2ServiceTest, MissingDevFolderLogsOneLineAndHasNoDevices) {
+  LogCapture log;
+  std::filesystem::remove_all(tree.devRoot());
+  start();
+
+  EXPECT_TRUE(deviceIDs().empty());
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{"V4L2: cannot watch \"" + tree.devRoot() +
+                                     "\" (No such file or directory); cameras plugged in later "
+                                     "are not seen"});
+}
+
+TEST_F(V4L2ServiceTest, UnreadableProcLogsOneLineAndReportsNotRunning) {
+  LogCapture log;
+  addUsbCamera();
+  const std::string proc = tree.root() + "/no-proc";
+  service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                         .devRoot = tree.devRoot(),
+                                         .procRoot = proc,
+                                         .udevDataRoot = ""});
+  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  ASSERT_TRUE(holder);
+  settle();
+
+  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{"V4L2: cannot read \"" + proc +
+                                     "\" (No such file or directory); cameras are reported as "
+                                     "not running"});
+}
+
+TEST_F(V4L2ServiceTest, UdevFinishingANodeUpdatesItsStreams) {
+  const std::string pci = tree.addPciDevice("0000:03:00.0", "0x1131", "0x7160");
+  tree.addNode({.entry = "video0", .index = 1, .minor = 0, .parent = pci});
+  start([](const std::string&) { return v4l2::NodeProbeResult{std::nullopt, EACCES}; });
+  // A node at index 1 with nothing else known carries metadata: no camera yet.
+  ASSERT_TRUE(deviceIDs().empty());
+  RecordingListener listener([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
+  ASSERT_EQ(listen(1, kDeviceList, listener), kNoErr);
+
+  tree.writeUdevRecord(0, "E:ID_V4L_CAPABILITIES=:capture:\n");
+
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  EXPECT_EQ(listener.values.entries()[0], 1u);
+}
+
+}  // namespace
+}  // namespace harkwell::testing
