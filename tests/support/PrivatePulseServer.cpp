@@ -98,6 +98,16 @@ std::string PrivatePulseServer::start(std::chrono::milliseconds deadline) {
   return {};
 }
 
+std::string PrivatePulseServer::startRecorder(ChildProcess& recorder, const std::string& source) {
+  std::string error;
+  if (!recorder.start({"parecord", "--raw", "--device=" + source, "/dev/null"},
+                      {{"PULSE_SERVER", address()}, {"HOME", folder_ + "/home"}},
+                      folder_ + "/parecord.log", &error)) {
+    return error;
+  }
+  return {};
+}
+
 void PrivatePulseServer::kill() {
   daemon_.stop(SIGKILL, std::chrono::seconds(5));
 }

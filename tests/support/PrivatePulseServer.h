@@ -44,6 +44,10 @@ class PrivatePulseServer {
   void pause();
   void resume();
 
+  // Starts `parecord` recording from `source` on this server into /dev/null, as a program that
+  // uses the microphone would. Empty on success; otherwise why not.
+  std::string startRecorder(ChildProcess& recorder, const std::string& source);
+
   // The libpulse server string ("unix:/tmp/.../native").
   std::string address() const { return "unix:" + socketPath_; }
   const std::string& socketPath() const { return socketPath_; }

@@ -191,13 +191,8 @@ TEST_F(PulseAudioControllerTest, ParecordBringsChangedRunningTrueThenFalse) {
   }
   observe();
   ChildProcess parecord;
-  std::string error;
-  ASSERT_TRUE(
-      parecord.start({"parecord", "--raw",
-                      std::string("--device=") + PrivatePulseServer::kNullSourceName, "/dev/null"},
-                     {{"PULSE_SERVER", server_.address()}, {"HOME", server_.folder() + "/home"}},
-                     server_.folder() + "/parecord.log", &error))
-      << error;
+  const std::string error = server_.startRecorder(parecord, PrivatePulseServer::kNullSourceName);
+  ASSERT_EQ(error, "");
   ASSERT_TRUE(waitFor(MediaDeviceEvent::ChangedRunning, PrivatePulseServer::kNullSourceName, true));
 
   parecord.stop(SIGTERM, 5s);

@@ -167,6 +167,17 @@ class PulseAudioServiceTest : public ::testing::Test {
     return PulseAudioHardwareService::create(options);
   }
 
+  // Starts the daemon and a service connected to it, and finds the null source.
+  void startServerAndService() {
+    startServer();
+    ASSERT_FALSE(HasFatalFailure());
+    service_ = makeService();
+    ASSERT_TRUE(service_);
+    const auto source = DeviceWithUID(*service_, PrivatePulseServer::kNullSourceName);
+    ASSERT_TRUE(source);
+    nullSource_ = *source;
+  }
+
   PulseTestClient& client() {
     if (!client_) client_ = std::make_unique<PulseTestClient>(server_.address());
     return *client_;
@@ -186,42 +197,42 @@ class PulseAudioServiceTest : public ::testing::Test {
   }
 
   PrivatePulseServer server_;
+  std::shared_ptr<PulseAudioHardwareService> service_;
+  ObjectID nullSource_ = 0;
   std::unique_ptr<PulseTestClient> client_;
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("test.pulseaudio");
 };
 
 TEST_F(PulseAudioServiceTest, DevicesPresentAtStartAreListedByTheFirstRead) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
 
   // Read at once: creating the service waited for the server's whole state.
-  const std::vector<ObjectID> ids = DeviceIDs(*service);
+  const std::vector<ObjectID> ids = DeviceIDs(*service_);
   ASSERT_EQ(ids.size(), 2u) << "the null sink's monitor is not a device";
-  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
-  const auto sink = DeviceWithUID(*service, PrivatePulseServer::kNullSinkName);
-  ASSERT_TRUE(source && sink);
+  const auto sink = DeviceWithUID(*service_, PrivatePulseServer::kNullSinkName);
+  ASSERT_TRUE(sink);
 
-  EXPECT_EQ(StringProperty(*service, *source, kAudioObjectPropertyName),
+  EXPECT_EQ(StringProperty(*service_, nullSource_, kAudioObjectPropertyName),
             PrivatePulseServer::kNullSourceDescription);
-  EXPECT_EQ(StringProperty(*service, *sink, kAudioObjectPropertyName),
+  EXPECT_EQ(StringProperty(*service_, *sink, kAudioObjectPropertyName),
             PrivatePulseServer::kNullSinkDescription);
-  EXPECT_EQ(StringProperty(*service, *source, kAudioDevicePropertyModelUID), std::nullopt);
-  EXPECT_EQ(UInt32Property(*service, *source, Global(kAudioDevicePropertyTransportType)),
+  EXPECT_EQ(StringProperty(*service_, nullSource_, kAudioDevicePropertyModelUID), std::nullopt);
+  EXPECT_EQ(UInt32Property(*service_, nullSource_, Global(kAudioDevicePropertyTransportType)),
             kAudioDeviceTransportTypeVirtual);
-  EXPECT_EQ(UInt32Property(*service, *sink, Global(kAudioDevicePropertyTransportType)),
+  EXPECT_EQ(UInt32Property(*service_, *sink, Global(kAudioDevicePropertyTransportType)),
             kAudioDeviceTransportTypeVirtual);
-  EXPECT_EQ(SizeOf(*service, *source, Input(kAudioDevicePropertyStreams)), 4u);
-  EXPECT_EQ(SizeOf(*service, *source, Output(kAudioDevicePropertyStreams)), 0u);
-  EXPECT_EQ(SizeOf(*service, *sink, Input(kAudioDevicePropertyStreams)), 0u);
-  EXPECT_EQ(SizeOf(*service, *sink, Output(kAudioDevicePropertyStreams)), 4u);
-  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 0u);
-  EXPECT_FALSE(service->hasProperty(*source, Input(kAudioDevicePropertyDataSource)));
-  EXPECT_EQ(UInt32Property(*service, *source, Global(kAudioDevicePropertyHogMode)), std::nullopt);
+  EXPECT_EQ(SizeOf(*service_, nullSource_, Input(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(SizeOf(*service_, nullSource_, Output(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(SizeOf(*service_, *sink, Input(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(SizeOf(*service_, *sink, Output(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(UInt32Property(*service_, nullSource_, kRunning), 0u);
+  EXPECT_FALSE(service_->hasProperty(nullSource_, Input(kAudioDevicePropertyDataSource)));
+  EXPECT_EQ(UInt32Property(*service_, nullSource_, Global(kAudioDevicePropertyHogMode)),
+            std::nullopt);
   std::uint32_t size = 4;
   std::int32_t owner = 0;
-  EXPECT_EQ(service->getPropertyData(*source, Global(kAudioDevicePropertyHogMode), 0, nullptr,
-                                     &size, &owner),
+  EXPECT_EQ(service_->getPropertyData(nullSource_, Global(kAudioDevicePropertyHogMode), 0, nullptr,
+                                      &size, &owner),
             kAudioHardwareUnknownPropertyError);
 }
 
@@ -273,13 +284,11 @@ TEST_F(PulseAudioServiceTest, StartupWaitIsBoundedWhenTheServerDoesNotAnswer) {
 }
 
 TEST_F(PulseAudioServiceTest, ReadsAnswerFromTheMirrorWhileTheServerHangs) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
   server_.pause();
   auto reads = std::async(std::launch::async, [&] {
-    const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
-    return source && UInt32Property(*service, *source, kRunning) == 0u;
+    const auto source = DeviceWithUID(*service_, PrivatePulseServer::kNullSourceName);
+    return source && UInt32Property(*service_, nullSource_, kRunning) == 0u;
   });
   ASSERT_EQ(reads.wait_for(5s), std::future_status::ready) << "a read waited for the server";
   EXPECT_TRUE(reads.get());
@@ -287,11 +296,9 @@ TEST_F(PulseAudioServiceTest, ReadsAnswerFromTheMirrorWhileTheServerHangs) {
 }
 
 TEST_F(PulseAudioServiceTest, LoadingANullSourceAddsADeviceBeforeTheListenerRuns) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  const std::vector<ObjectID> before = DeviceIDs(*service);
-  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  const std::vector<ObjectID> before = DeviceIDs(*service_);
+  PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
 
   ASSERT_TRUE(
@@ -300,76 +307,61 @@ TEST_F(PulseAudioServiceTest, LoadingANullSourceAddsADeviceBeforeTheListenerRuns
   ASSERT_TRUE(list.calls().waitForCount(1));
   const std::vector<std::uint32_t> seenByListener = list.calls().entries()[0];
   ASSERT_EQ(seenByListener.size(), before.size() + 1);
-  const auto added = DeviceWithUID(*service, "extra_source");
+  const auto added = DeviceWithUID(*service_, "extra_source");
   ASSERT_TRUE(added);
   EXPECT_EQ(seenByListener.back(), *added);
-  EXPECT_EQ(StringProperty(*service, *added, kAudioObjectPropertyName), "Extra");
+  EXPECT_EQ(StringProperty(*service_, *added, kAudioObjectPropertyName), "Extra");
 }
 
 TEST_F(PulseAudioServiceTest, UnloadingTheModuleRemovesTheDevice) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
   const auto module = client().loadModule("module-null-source", "source_name=extra_source");
   ASSERT_TRUE(module);
-  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
   ASSERT_TRUE(list.calls().waitUntil(
-      [&](const auto&) { return DeviceWithUID(*service, "extra_source").has_value(); }));
-  const ObjectID extra = *DeviceWithUID(*service, "extra_source");
+      [&](const auto&) { return DeviceWithUID(*service_, "extra_source").has_value(); }));
+  const ObjectID extra = *DeviceWithUID(*service_, "extra_source");
   list.calls().clear();
 
   ASSERT_TRUE(client().unloadModule(*module));
 
   ASSERT_TRUE(list.calls().waitUntil(
       [&](const auto& values) { return !values.empty() && values.back().size() == 2; }));
-  EXPECT_FALSE(DeviceWithUID(*service, "extra_source"));
+  EXPECT_FALSE(DeviceWithUID(*service_, "extra_source"));
   std::uint32_t size = 0;
   EXPECT_EQ(
-      service->getPropertyDataSize(extra, Global(kAudioObjectPropertyName), 0, nullptr, &size),
+      service_->getPropertyDataSize(extra, Global(kAudioObjectPropertyName), 0, nullptr, &size),
       kAudioHardwareBadObjectError);
-  EXPECT_FALSE(service->hasProperty(extra, Global(kAudioObjectPropertyName)));
+  EXPECT_FALSE(service_->hasProperty(extra, Global(kAudioObjectPropertyName)));
 }
 
 TEST_F(PulseAudioServiceTest, RecordingStreamMakesTheSourceRunningUntilItCloses) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
-  ASSERT_TRUE(source);
-  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  PropertyProbe running(*service_, nullSource_, kRunning, queue_);
   ASSERT_EQ(running.add(), kNoErr);
 
   auto recording = client().record(PrivatePulseServer::kNullSourceName);
   ASSERT_TRUE(recording);
   ASSERT_TRUE(running.waitForValue({1}));
-  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 1u);
+  EXPECT_EQ(UInt32Property(*service_, nullSource_, kRunning), 1u);
 
   recording.reset();
   ASSERT_TRUE(running.waitForValue({0}));
-  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 0u);
+  EXPECT_EQ(UInt32Property(*service_, nullSource_, kRunning), 0u);
 }
 
 TEST_F(PulseAudioServiceTest, ParecordMakesTheSourceRunningUntilItExits) {
   if (!ChildProcess::findProgram("parecord")) {
     GTEST_SKIP() << "parecord is not installed (Debian package pulseaudio-utils)";
   }
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
-  ASSERT_TRUE(source);
-  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  PropertyProbe running(*service_, nullSource_, kRunning, queue_);
   ASSERT_EQ(running.add(), kNoErr);
 
   ChildProcess parecord;
-  std::string error;
-  ASSERT_TRUE(
-      parecord.start({"parecord", "--raw",
-                      std::string("--device=") + PrivatePulseServer::kNullSourceName, "/dev/null"},
-                     {{"PULSE_SERVER", server_.address()}, {"HOME", server_.folder() + "/home"}},
-                     server_.folder() + "/parecord.log", &error))
-      << error;
+  const std::string error = server_.startRecorder(parecord, PrivatePulseServer::kNullSourceName);
+  ASSERT_EQ(error, "");
   ASSERT_TRUE(running.waitForValue({1}));
 
   parecord.stop(SIGTERM, 5s);
@@ -377,12 +369,8 @@ TEST_F(PulseAudioServiceTest, ParecordMakesTheSourceRunningUntilItExits) {
 }
 
 TEST_F(PulseAudioServiceTest, LevelMetersAndCorkedStreamsDoNotMakeTheSourceRunning) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
-  ASSERT_TRUE(source);
-  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  PropertyProbe running(*service_, nullSource_, kRunning, queue_);
   ASSERT_EQ(running.add(), kNoErr);
 
   auto meter = client().record(PrivatePulseServer::kNullSourceName, {.levelMeter = true});
@@ -390,10 +378,10 @@ TEST_F(PulseAudioServiceTest, LevelMetersAndCorkedStreamsDoNotMakeTheSourceRunni
   ASSERT_TRUE(meter && corked);
   // The server itself calls the source running: the meter's stream is live.
   EXPECT_EQ(client().sourceState(PrivatePulseServer::kNullSourceName), "RUNNING");
-  loadBarrierSource(*service, queue_, "barrier_source");
+  loadBarrierSource(*service_, queue_, "barrier_source");
 
   EXPECT_EQ(running.calls().size(), 0u);
-  EXPECT_EQ(UInt32Property(*service, *source, kRunning), 0u);
+  EXPECT_EQ(UInt32Property(*service_, nullSource_, kRunning), 0u);
 
   // Uncorking the other stream is a real recording.
   ASSERT_TRUE(corked->setCorked(false));
@@ -401,71 +389,61 @@ TEST_F(PulseAudioServiceTest, LevelMetersAndCorkedStreamsDoNotMakeTheSourceRunni
 }
 
 TEST_F(PulseAudioServiceTest, SuspendingAnIdleSourceIsNoRunningChange) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  const auto source = DeviceWithUID(*service, PrivatePulseServer::kNullSourceName);
-  ASSERT_TRUE(source);
-  PropertyProbe running(*service, *source, kRunning, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  PropertyProbe running(*service_, nullSource_, kRunning, queue_);
   ASSERT_EQ(running.add(), kNoErr);
   ASSERT_EQ(client().sourceState(PrivatePulseServer::kNullSourceName), "IDLE");
 
   ASSERT_TRUE(client().suspendSource(PrivatePulseServer::kNullSourceName, true));
   ASSERT_EQ(client().sourceState(PrivatePulseServer::kNullSourceName), "SUSPENDED");
-  loadBarrierSource(*service, queue_, "barrier_source");
+  loadBarrierSource(*service_, queue_, "barrier_source");
 
   EXPECT_EQ(running.calls().size(), 0u);
 }
 
 TEST_F(PulseAudioServiceTest, KilledServerTakesEveryDeviceAndARestartBringsThemBack) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  const std::vector<ObjectID> before = DeviceIDs(*service);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  const std::vector<ObjectID> before = DeviceIDs(*service_);
   ASSERT_EQ(before.size(), 2u);
-  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
   LogCapture log;
 
   server_.kill();
   ASSERT_TRUE(list.waitForValue({}));
-  EXPECT_TRUE(DeviceIDs(*service).empty());
+  EXPECT_TRUE(DeviceIDs(*service_).empty());
 
   startServer();
   ASSERT_TRUE(list.waitForValue(before));
-  EXPECT_EQ(DeviceIDs(*service), before) << "devices that come back keep their IDs";
+  EXPECT_EQ(DeviceIDs(*service_), before) << "devices that come back keep their IDs";
   EXPECT_EQ(log.lines(), (std::vector<std::string>{
                              "PulseAudio: lost the server (Connection terminated); reconnecting",
                              "PulseAudio: connected to the server at " + server_.address()}));
 }
 
 TEST_F(PulseAudioServiceTest, RemovedListenerIsNotCalled) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
-  ASSERT_EQ(service->listenerCount(), 1u);
+  ASSERT_EQ(service_->listenerCount(), 1u);
   EXPECT_EQ(list.remove(), kNoErr) << "a new block around the same closure finds it";
-  EXPECT_EQ(service->listenerCount(), 0u);
+  EXPECT_EQ(service_->listenerCount(), 0u);
 
-  loadBarrierSource(*service, queue_, "barrier_source");
+  loadBarrierSource(*service_, queue_, "barrier_source");
   EXPECT_EQ(list.calls().size(), 0u);
 }
 
 TEST_F(PulseAudioServiceTest, ListenersNeedAPresentObject) {
-  startServer();
-  auto service = makeService();
-  ASSERT_TRUE(service);
-  PropertyProbe absent(*service, 99999, kRunning, queue_);
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  PropertyProbe absent(*service_, 99999, kRunning, queue_);
   EXPECT_EQ(absent.add(), kAudioHardwareBadObjectError);
   auto closure =
       std::make_shared<const PropertyListener>([](std::uint32_t, const PropertyAddress*) {});
-  EXPECT_EQ(service->removePropertyListenerBlock(99999, kRunning, queue_,
-                                                 PlatformListenerBlock::copy(closure)),
+  EXPECT_EQ(service_->removePropertyListenerBlock(99999, kRunning, queue_,
+                                                  PlatformListenerBlock::copy(closure)),
             kAudioHardwareBadObjectError);
-  EXPECT_EQ(service->removePropertyListenerBlock(kAudioObjectSystemObject, kDevices, queue_,
-                                                 PlatformListenerBlock::copy(closure)),
+  EXPECT_EQ(service_->removePropertyListenerBlock(kAudioObjectSystemObject, kDevices, queue_,
+                                                  PlatformListenerBlock::copy(closure)),
             kAudioHardwareIllegalOperationError);
 }
 

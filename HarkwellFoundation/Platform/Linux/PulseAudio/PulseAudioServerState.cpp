@@ -36,48 +36,35 @@ PulseEndpointState StateOf(int state) {
   }
 }
 
-std::optional<std::uint32_t> CardIndexOf(std::uint32_t card) {
-  if (card == PA_INVALID_INDEX) return std::nullopt;
-  return card;
-}
-
-// Sources and sinks hand over their ports in the same shape under different type names.
-template <class PortInfo>
-void CopyPorts(PortInfo* const* ports, std::uint32_t count, const PortInfo* active,
-               PulseEndpoint& endpoint) {
-  for (std::uint32_t i = 0; ports && i < count && ports[i]; ++i) {
-    endpoint.ports.push_back(PulsePort{TextOf(ports[i]->name), TextOf(ports[i]->description)});
+// Sources and sinks hand over the same fields, ports included, under different type names.
+template <class Info>
+PulseEndpoint EndpointFrom(const Info& info, PulseEndpointKind kind) {
+  PulseEndpoint endpoint;
+  endpoint.kind = kind;
+  endpoint.index = info.index;
+  endpoint.name = TextOf(info.name);
+  endpoint.description = TextOf(info.description);
+  if (info.card != PA_INVALID_INDEX) endpoint.cardIndex = info.card;
+  endpoint.state = StateOf(info.state);
+  for (std::uint32_t i = 0; info.ports && i < info.n_ports && info.ports[i]; ++i) {
+    endpoint.ports.push_back(
+        PulsePort{TextOf(info.ports[i]->name), TextOf(info.ports[i]->description)});
   }
-  if (active) endpoint.activePortName = TextOf(active->name);
+  if (info.active_port) endpoint.activePortName = TextOf(info.active_port->name);
+  endpoint.properties = PropertiesOf(info.proplist);
+  return endpoint;
 }
 
 }  // namespace
 
 PulseEndpoint PulseEndpointFromSourceInfo(const pa_source_info& info) {
-  PulseEndpoint endpoint;
-  endpoint.kind = PulseEndpointKind::Source;
-  endpoint.index = info.index;
-  endpoint.name = TextOf(info.name);
-  endpoint.description = TextOf(info.description);
-  endpoint.cardIndex = CardIndexOf(info.card);
+  PulseEndpoint endpoint = EndpointFrom(info, PulseEndpointKind::Source);
   endpoint.isMonitor = info.monitor_of_sink != PA_INVALID_INDEX;
-  endpoint.state = StateOf(info.state);
-  CopyPorts(info.ports, info.n_ports, info.active_port, endpoint);
-  endpoint.properties = PropertiesOf(info.proplist);
   return endpoint;
 }
 
 PulseEndpoint PulseEndpointFromSinkInfo(const pa_sink_info& info) {
-  PulseEndpoint endpoint;
-  endpoint.kind = PulseEndpointKind::Sink;
-  endpoint.index = info.index;
-  endpoint.name = TextOf(info.name);
-  endpoint.description = TextOf(info.description);
-  endpoint.cardIndex = CardIndexOf(info.card);
-  endpoint.state = StateOf(info.state);
-  CopyPorts(info.ports, info.n_ports, info.active_port, endpoint);
-  endpoint.properties = PropertiesOf(info.proplist);
-  return endpoint;
+  return EndpointFrom(info, PulseEndpointKind::Sink);
 }
 
 PulseCard PulseCardFromCardInfo(const pa_card_info& info) {
