@@ -123,17 +123,26 @@ ProcessNodeScanner::Result ProcessNodeScanner::scan(
       ++result.processesSkipped;
       continue;
     }
-    ++result.processesRead;
+    bool readable = true;
     while (const char* descriptor = descriptors.next(isProcfs)) {
       if (descriptor[0] == '.') continue;
       const ssize_t length =
           ::readlinkat(descriptors.fd(), descriptor, linkText.data(), linkText.size());
+      if (length < 0 && errno == EACCES) {
+        // A process may let its folder be listed but not its links read; one refusal means all.
+        readable = false;
+        break;
+      }
       if (length <= 0 || static_cast<std::size_t>(length) > longest) continue;
       auto found = indexOfPath.find(std::string_view(linkText.data(), length));
       if (found == indexOfPath.end() || result.isOpen[found->second]) continue;
       result.isOpen[found->second] = true;
-      if (--stillClosed == 0) return result;
+      if (--stillClosed == 0) {
+        ++result.processesRead;
+        return result;
+      }
     }
+    ++(readable ? result.processesRead : result.processesSkipped);
   }
   return result;
 }

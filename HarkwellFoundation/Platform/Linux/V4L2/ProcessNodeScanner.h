@@ -27,7 +27,7 @@ class ProcessNodeScanner {
     std::vector<bool> isOpen;  // one flag per requested path, in the requested order
     int procError = 0;         // the errno when the /proc folder itself could not be read
     std::size_t processesRead = 0;
-    std::size_t processesSkipped = 0;  // entries whose descriptor table could not be read
+    std::size_t processesSkipped = 0;  // processes whose descriptors could not be read
   };
 
   // `procRoot`: the proc file system to read ("/proc" or a test tree). `selfPid`: the process
