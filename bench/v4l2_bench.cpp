@@ -1,0 +1,264 @@
+// The V4L2 service's running-state check on a busy machine, and how quickly a process opening a
+// camera node reaches the client.
+//
+//   BM_ProcessNodeScan      the /proc scan the service runs after an open or a close: one pass over
+//                           every process's descriptors, looking for one node nobody holds (the
+//                           full-length case), with 500 extra idle processes started here.
+//   BM_Fuser, BM_Lsof       `fuser <node>` and `lsof -w <node>` answering the same question in the
+//                           same run (each includes starting the tool; BM_SpawnTrue shows that
+//                           part alone).
+//   Each of these runs twice: /0 by wall-clock time, /1 by processor time (the scanning thread's,
+//   or the tool process's), the fairer measure on a machine busy with other work.
+//   BM_OpenToChangedRunning a helper process opens the node; the time from just before its open()
+//                           to the client's ChangedRunning event, through the service, the observer
+//                           and the controller. Reports the median and the 99th percentile.
+//
+// The idle processes are `sleep` children that die with the benchmark (PR_SET_PDEATHSIG) and are
+// killed and reaped when it ends.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
+#include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "bench/support/RatioReporter.h"
+#include "tests/integration/v4l2/PipedChildProcess.h"
+#include "tests/support/Waiting.h"
+
+namespace harkwell {
+namespace {
+
+constexpr int kIdleProcesses = 500;
+
+std::int64_t MonotonicNanoseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// Starts `argv` with its output discarded; the child dies if this process does. -1 on failure.
+pid_t Spawn(const std::vector<std::string>& argv) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
+  arguments.push_back(nullptr);
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != parent) ::_exit(1);
+  const int null = ::open("/dev/null", O_RDWR);
+  if (null >= 0) {
+    ::dup2(null, STDIN_FILENO);
+    ::dup2(null, STDOUT_FILENO);
+    ::dup2(null, STDERR_FILENO);
+  }
+  // Nothing else of this process's (the camera node above all) may stay open in the child.
+  ::syscall(SYS_close_range, 3, ~0U, 0);
+  ::execv(arguments[0], arguments.data());
+  ::_exit(127);
+}
+
+double Seconds(const timeval& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+// Runs `argv` to its end; returns the processor time (user and system) the child used.
+double RunToCompletion(const std::vector<std::string>& argv) {
+  const pid_t pid = Spawn(argv);
+  if (pid <= 0) return 0;
+  int status = 0;
+  rusage usage{};
+  ::wait4(pid, &status, 0, &usage);
+  return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
+}
+
+double ThreadCpuSeconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// A temporary tree with one loopback camera node, and the busy machine around it.
+class Machine {
+ public:
+  Machine() {
+    std::string pattern = "/tmp/harkwell-v4l2-bench-XXXXXX";
+    root_ = std::filesystem::canonical(::mkdtemp(pattern.data())).string();
+    const std::string node = root_ + "/sys/devices/virtual/video4linux/video0";
+    std::filesystem::create_directories(node);
+    std::filesystem::create_directories(root_ + "/sys/class/video4linux");
+    std::filesystem::create_directories(root_ + "/dev");
+    std::ofstream(node + "/name") << "Bench Loopback\n";
+    std::ofstream(node + "/index") << "0\n";
+    std::filesystem::create_symlink(node, root_ + "/sys/class/video4linux/video0");
+    std::ofstream(nodePath(), std::ios::app).close();
+    for (int i = 0; i < kIdleProcesses; ++i) {
+      const pid_t pid = Spawn({"/bin/sleep", "600"});
+      if (pid > 0) idle_.push_back(pid);
+    }
+  }
+
+  ~Machine() {
+    for (pid_t pid : idle_) ::kill(pid, SIGKILL);
+    for (pid_t pid : idle_) ::waitpid(pid, nullptr, 0);
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
+
+  std::string nodePath() const { return root_ + "/dev/video0"; }
+  std::string sysfsRoot() const { return root_ + "/sys"; }
+  std::string devRoot() const { return root_ + "/dev"; }
+  std::size_t idleProcessCount() const { return idle_.size(); }
+
+ private:
+  std::string root_;
+  std::vector<pid_t> idle_;
+};
+
+Machine& SharedMachine() {
+  static Machine machine;
+  return machine;
+}
+
+// Each check twice: by the clock on the wall, and by the processor time it used (the scanning
+// thread's, or the tool process's), which stays comparable on a machine busy with other work.
+void BM_ProcessNodeScan(benchmark::State& state) {
+  const Machine& machine = SharedMachine();
+  const v4l2::ProcessNodeScanner scanner("/proc", ::getpid());
+  const std::vector<std::string> paths{machine.nodePath()};
+  const bool byProcessorTime = state.range(0) == 1;
+  std::size_t processes = 0;
+  for (auto _ : state) {
+    const double before = ThreadCpuSeconds();
+    const auto result = scanner.scan(paths);
+    if (byProcessorTime) state.SetIterationTime(ThreadCpuSeconds() - before);
+    processes = result.processesRead + result.processesSkipped;
+    benchmark::DoNotOptimize(result.isOpen);
+  }
+  state.counters["processes"] = static_cast<double>(processes);
+}
+
+void RunTool(benchmark::State& state, const std::vector<std::string>& argv) {
+  const bool byProcessorTime = state.range(0) == 1;
+  for (auto _ : state) {
+    const double used = RunToCompletion(argv);
+    if (byProcessorTime) state.SetIterationTime(used);
+  }
+}
+
+void BM_Fuser(benchmark::State& state) {
+  RunTool(state, {"/usr/bin/fuser", SharedMachine().nodePath()});
+}
+
+void BM_Lsof(benchmark::State& state) {
+  RunTool(state, {"/usr/bin/lsof", "-w", SharedMachine().nodePath()});
+}
+
+void BM_SpawnTrue(benchmark::State& state) {
+  RunTool(state, {"/bin/true"});
+}
+
+// Argument 0: wall-clock time; argument 1: processor time.
+BENCHMARK(BM_ProcessNodeScan)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ProcessNodeScan)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Fuser)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Fuser)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Lsof)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(20);
+BENCHMARK(BM_Lsof)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iterations(20);
+BENCHMARK(BM_SpawnTrue)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SpawnTrue)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// The client's view: the time each ChangedRunning event arrived, and the state it reported.
+struct RunningEvent {
+  bool isRunning = false;
+  std::int64_t arrived = 0;
+};
+
+void BM_OpenToChangedRunning(benchmark::State& state) {
+  const Machine& machine = SharedMachine();
+  const auto previousAudio = InstallAudioHardwareService(SimulatedAudioHardwareService::create());
+  auto service = V4L2HardwareService::create({.sysfsRoot = machine.sysfsRoot(),
+                                              .devRoot = machine.devRoot(),
+                                              .procRoot = "/proc",
+                                              .udevDataRoot = ""});
+  const auto previousVideo = InstallVideoHardwareService(service);
+  auto queue = DispatchQueue::createSerial("com.harkwell.bench.v4l2");
+  auto events = std::make_shared<testing::Recorder<RunningEvent>>();
+  auto controller = MediaDeviceController::create(queue);
+  controller->setDeviceEventHandler([events](MediaDeviceEvent event, const MediaDevice& device) {
+    if (event == MediaDeviceEvent::ChangedRunning) {
+      events->append({device.isRunning, MonotonicNanoseconds()});
+    }
+  });
+  controller->setObserveDevices(true);
+  testing::DrainQueue(queue);
+
+  auto helper = testing::PipedChildProcess::start({HARKWELL_V4L2_BENCH_HELPER, "hold"});
+  std::vector<double> latencies;
+  for (auto _ : state) {
+    const std::size_t seen = events->size();
+    helper->writeLine("open " + machine.nodePath());
+    const auto opened = helper->readLine();
+    if (!opened || opened->rfind("opened ", 0) != 0 || !events->waitForCount(seen + 1)) {
+      state.SkipWithError("no ChangedRunning after an open");
+      break;
+    }
+    const RunningEvent event = events->entries()[seen];
+    const double seconds = static_cast<double>(event.arrived - std::stoll(opened->substr(7))) / 1e9;
+    state.SetIterationTime(seconds);
+    latencies.push_back(seconds);
+    helper->writeLine("close");
+    if (!helper->readLine() || !events->waitForCount(seen + 2)) {
+      state.SkipWithError("no ChangedRunning after a close");
+      break;
+    }
+  }
+  if (!latencies.empty()) {
+    std::sort(latencies.begin(), latencies.end());
+    const std::size_t p99 = (latencies.size() * 99 + 99) / 100 - 1;
+    state.counters["median_ms"] = latencies[latencies.size() / 2] * 1e3;
+    state.counters["p99_ms"] = latencies[std::min(p99, latencies.size() - 1)] * 1e3;
+  }
+  helper.reset();
+  controller->setObserveDevices(false);
+  testing::DrainQueue(queue);
+  InstallVideoHardwareService(previousVideo);
+  InstallAudioHardwareService(previousAudio);
+}
+BENCHMARK(BM_OpenToChangedRunning)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(200);
+
+}  // namespace
+}  // namespace harkwell
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  harkwell::bench::RatioReporter reporter;
+  for (const char* tool : {"BM_Fuser", "BM_Lsof", "BM_SpawnTrue"}) {
+    const std::string iterations = std::string(tool) == "BM_Lsof" ? "/iterations:20" : "";
+    reporter.addRatio(tool + std::string("/0") + iterations + "/real_time",
+                      "BM_ProcessNodeScan/0/real_time");
+    reporter.addRatio(tool + std::string("/1") + iterations + "/manual_time",
+                      "BM_ProcessNodeScan/1/manual_time");
+  }
+  std::printf("idle processes started: %zu\n", harkwell::SharedMachine().idleProcessCount());
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
