@@ -25,7 +25,7 @@ namespace {
 using testing::SeededChoices;
 using testing::SimulatedFaultWorld;
 
-constexpr std::uint64_t kDefaultOperations = 20000;
+constexpr std::uint64_t kDefaultOperations = 10000;
 // A listener whose removal was made to fail stays registered with the simulated platform for good,
 // as it would on a real one, and every later notification of its property still queues its block.
 // Starting a fresh world this often keeps that pile, and so the cost per operation, bounded.

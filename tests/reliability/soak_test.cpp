@@ -29,7 +29,7 @@ using testing::ClientViewChecker;
 using testing::DeviceIncarnation;
 using testing::DrainQueueServingMainThread;
 
-constexpr std::uint64_t kDefaultCycles = 3000;
+constexpr std::uint64_t kDefaultCycles = 2000;
 // Memory is compared against its level after this many cycles, when every cache, map and pool
 // has reached its working size.
 constexpr std::uint64_t kWarmUpCycles = 1000;
