@@ -316,12 +316,14 @@ TEST_F(ScenarioPlayerTest, AppliesEachStepOnlyOnceItIsDueAndInOrder) {
   EXPECT_FALSE(player.nextDue().has_value()) << "no step is due before the clock starts";
 
   const auto origin = ScenarioPlayer::Clock::time_point{} + 100s;
-  player.start(origin);
+  int settled = 0;
+  player.start(origin, [&] { ++settled; });
   EXPECT_EQ(player.nextDue(), origin + 1s);
   EXPECT_EQ(player.applyDue(origin + 999ms), 0u);
   EXPECT_EQ(value(*audio, 5, kRunning), 0u);
 
   EXPECT_EQ(player.applyDue(origin + 1s), 2u);
+  EXPECT_EQ(settled, 2) << "the settling call runs after every step";
   EXPECT_EQ(value(*audio, 5, kRunning), 1u);
   EXPECT_EQ(value(*audio, 5, kSource), 2u);
   EXPECT_EQ(player.nextDue(), origin + 2s);

@@ -16,7 +16,8 @@ using nlohmann::json;
 
 constexpr auto kLineDeadline = 10s;
 
-// One audio device with input sources and one camera, then a few quick changes.
+// One audio device with input sources and one camera, then a few quick changes; steps due at the
+// same moment still reach the client one after the other.
 const char* const kScenario = R"({
   "audio": [{"deviceID": 100, "deviceUID": "usb-mic", "name": "USB Microphone",
              "modelUID": "0d8c:0014", "transportType": "USB",
@@ -29,9 +30,9 @@ const char* const kScenario = R"({
     {"at": 0.15, "action": "plug", "mediaType": "Video",
      "device": {"deviceID": 201, "deviceUID": "cam2", "name": "Second Camera",
                 "modelUID": "1234:5678", "transportType": "USB"}},
-    {"at": 0.20, "action": "run", "device": 201},
-    {"at": 0.25, "action": "stop", "device": 100},
-    {"at": 0.30, "action": "unplug", "device": 201}
+    {"at": 0.15, "action": "run", "device": 201},
+    {"at": 0.20, "action": "stop", "device": 100},
+    {"at": 0.20, "action": "unplug", "device": 201}
   ]
 })";
 

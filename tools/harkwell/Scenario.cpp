@@ -265,30 +265,31 @@ class ScenarioParser {
     return true;
   }
 
+  // The fields both simulated device types share, under the same names.
+  template <class Device>
+  static Device SimulatedDevice(const DeviceFields& fields) {
+    Device device;
+    device.deviceID = fields.deviceID;
+    device.name = fields.name;
+    device.deviceUID = fields.deviceUID;
+    device.modelUID = fields.modelUID;
+    device.transportType = fields.transportCode;
+    device.inputStreamCount = fields.inputStreamCount;
+    device.outputStreamCount = fields.outputStreamCount;
+    device.isRunning = fields.isRunning;
+    device.hogModePID = fields.hogModePID;
+    return device;
+  }
+
   static SimulatedAudioDevice AudioDevice(const DeviceFields& fields) {
-    return SimulatedAudioDevice{.deviceID = fields.deviceID,
-                                .name = fields.name,
-                                .deviceUID = fields.deviceUID,
-                                .modelUID = fields.modelUID,
-                                .transportType = fields.transportCode,
-                                .inputStreamCount = fields.inputStreamCount,
-                                .outputStreamCount = fields.outputStreamCount,
-                                .isRunning = fields.isRunning,
-                                .selectedDataSource = fields.selectedInputSource,
-                                .dataSourceNames = fields.inputSources,
-                                .hogModePID = fields.hogModePID};
+    auto device = SimulatedDevice<SimulatedAudioDevice>(fields);
+    device.selectedDataSource = fields.selectedInputSource;
+    device.dataSourceNames = fields.inputSources;
+    return device;
   }
 
   static SimulatedVideoDevice VideoDevice(const DeviceFields& fields) {
-    return SimulatedVideoDevice{.deviceID = fields.deviceID,
-                                .name = fields.name,
-                                .deviceUID = fields.deviceUID,
-                                .modelUID = fields.modelUID,
-                                .transportType = fields.transportCode,
-                                .inputStreamCount = fields.inputStreamCount,
-                                .outputStreamCount = fields.outputStreamCount,
-                                .isRunning = fields.isRunning,
-                                .hogModePID = fields.hogModePID};
+    return SimulatedDevice<SimulatedVideoDevice>(fields);
   }
 
   bool readDeviceList(const json& document, const std::string& key, MediaType mediaType,

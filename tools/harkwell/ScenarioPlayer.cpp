@@ -36,13 +36,14 @@ std::size_t ScenarioPlayer::applyDue(Clock::time_point now) {
   for (auto due = nextDue(); due && *due <= now; due = nextDue()) {
     apply(scenario_.steps[nextStep_++]);
     ++applied;
+    if (afterEachStep_) afterEachStep_();
   }
   return applied;
 }
 
 void ScenarioPlayer::apply(const ScenarioStep& step) {
   const bool audio = step.mediaType == MediaType::Audio;
-  // The parser only lets a step name a media type whose service the program installed.
+  // Service selection refuses a scenario whose devices have no simulated service to live in.
   if (audio ? !audio_ : !video_) return;
   switch (step.action) {
     case ScenarioAction::Plug:

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -24,8 +25,13 @@ class ScenarioPlayer {
 
   // Adds the devices that are connected from the start.
   void addStartingDevices();
-  // Step times count from `origin`.
-  void start(Clock::time_point origin) { origin_ = origin; }
+  // Step times count from `origin`. `afterEachStep`, when given, runs after every step and
+  // before the next one; the watch command uses it to let the controller handle what a step
+  // changed (a device plugged in is observed) before a later step changes it again.
+  void start(Clock::time_point origin, std::function<void()> afterEachStep = {}) {
+    origin_ = origin;
+    afterEachStep_ = std::move(afterEachStep);
+  }
   // When the next step is due; empty once every step has been applied (or before start()).
   std::optional<Clock::time_point> nextDue() const;
   // Applies, in order, every step due at `now`; returns how many it applied.
@@ -38,6 +44,7 @@ class ScenarioPlayer {
   const std::shared_ptr<SimulatedAudioHardwareService> audio_;
   const std::shared_ptr<SimulatedVideoHardwareService> video_;
   std::optional<Clock::time_point> origin_;
+  std::function<void()> afterEachStep_;
   std::size_t nextStep_ = 0;
 };
 

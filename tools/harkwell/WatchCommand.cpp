@@ -49,7 +49,9 @@ int RunWatch(const Options& options, CommandContext& context) {
   queue->sync([] {});
 
   const auto start = std::chrono::steady_clock::now();
-  if (scenario != nullptr) scenario->start(start);
+  // Each step's notifications are handled before the next step, so a device plugged in is
+  // observed before a later step starts it, however close together the steps are.
+  if (scenario != nullptr) scenario->start(start, [&queue] { queue->sync([] {}); });
   std::optional<std::chrono::steady_clock::time_point> deadline;
   if (options.durationSeconds) {
     deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
