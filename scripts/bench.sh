@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Builds the optimised (release) preset, runs every benchmark program and ends with one table of
+# ratios, each measurement beside its baseline from the same run:
+#   scripts/bench.sh                  everything (about five minutes)
+#   scripts/bench.sh --quick          shorter repetitions, for a smoke test
+# Each program's own output goes to build/release/bench-results/<program>.log, its numbers to
+# <program>.json beside it. Programs that need what the machine lacks (a pulseaudio daemon, a
+# V4L2 loopback node) skip those benchmarks, and the table says so.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+min_time=()
+if [ "${1:-}" = "--quick" ]; then min_time=(--benchmark_min_time=0.05); fi
+
+scripts/install-deps.sh
+cmake --preset release >/dev/null
+# Every target of the bench folder (the presets use Makefiles), and what they depend on.
+make -C build/release/bench -j "$(nproc)" >/dev/null
+
+results=build/release/bench-results
+rm -rf "$results"
+mkdir -p "$results"
+for program in observer_bench backend_bench controller_bench pulse_bench v4l2_bench; do
+  binary="build/release/bench/$program"
+  [ -x "$binary" ] || continue
+  echo "bench: $program"
+  if ! "$binary" "${min_time[@]}" --benchmark_out="$results/$program.json" \
+    --benchmark_out_format=json >"$results/$program.log" 2>&1; then
+    echo "bench: $program failed; see $results/$program.log"
+  fi
+done
+echo
+build/release/bench/bench_table "$results"
