@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
@@ -161,18 +162,24 @@ std::shared_ptr<PulseAudioHardwareService> ConnectedService(const PrivatePulseSe
   return PulseAudioHardwareService::create(options);
 }
 
-void BM_SwitchOnToDiscoveryEnd(benchmark::State& state) {
+// Times switching a fresh controller on until its initial discovery ends; with `connect`, each
+// start also connects a new PulseAudio service to the daemon first.
+void MeasureStartUps(benchmark::State& state, bool connect) {
   std::string error;
   PrivatePulseServer* server = SharedServer(&error);
   if (!server) {
     state.SkipWithError(error.c_str());
     return;
   }
-  InstalledServices installed(ConnectedService(*server), SimulatedVideoHardwareService::create());
+  std::optional<InstalledServices> connected;
+  if (!connect)
+    connected.emplace(ConnectedService(*server), SimulatedVideoHardwareService::create());
   auto queue = DispatchQueue::createSerial("bench.start-up");
   CallbackCounter events;
   CallbackCounter closingBrackets;
   for (auto _ : state) {
+    std::optional<InstalledServices> fresh;
+    if (connect) fresh.emplace(ConnectedService(*server), SimulatedVideoHardwareService::create());
     auto controller = MediaDeviceController::create(queue);
     if (!SwitchOn(*controller, events, closingBrackets)) {
       state.SkipWithError("the initial discovery did not end");
@@ -180,34 +187,20 @@ void BM_SwitchOnToDiscoveryEnd(benchmark::State& state) {
     }
     state.PauseTiming();
     SwitchOff(*controller);
+    fresh.reset();
     state.ResumeTiming();
   }
   state.counters["devices_discovered"] =
       benchmark::Counter(static_cast<double>(events.count()), benchmark::Counter::kAvgIterations);
 }
+
+void BM_SwitchOnToDiscoveryEnd(benchmark::State& state) {
+  MeasureStartUps(state, false);
+}
 BENCHMARK(BM_SwitchOnToDiscoveryEnd)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_ConnectAndSwitchOn(benchmark::State& state) {
-  std::string error;
-  PrivatePulseServer* server = SharedServer(&error);
-  if (!server) {
-    state.SkipWithError(error.c_str());
-    return;
-  }
-  auto queue = DispatchQueue::createSerial("bench.cold-start");
-  CallbackCounter events;
-  CallbackCounter closingBrackets;
-  for (auto _ : state) {
-    InstalledServices installed(ConnectedService(*server), SimulatedVideoHardwareService::create());
-    auto controller = MediaDeviceController::create(queue);
-    if (!SwitchOn(*controller, events, closingBrackets)) {
-      state.SkipWithError("the initial discovery did not end");
-      break;
-    }
-    state.PauseTiming();
-    SwitchOff(*controller);
-    state.ResumeTiming();
-  }
+  MeasureStartUps(state, true);
 }
 BENCHMARK(BM_ConnectAndSwitchOn)->UseRealTime()->Unit(benchmark::kMillisecond);
 
