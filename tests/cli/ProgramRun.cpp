@@ -33,6 +33,22 @@ std::vector<std::string> MergedEnvironment(const std::map<std::string, std::stri
   return merged;
 }
 
+// A pipe whose ends are above the standard descriptors, even when the test runs with some of them
+// closed, so the child's dup2 calls cannot clobber one end with another.
+bool MakePipe(int ends[2]) {
+  int raw[2];
+  if (pipe2(raw, O_CLOEXEC) != 0) return false;
+  for (int i = 0; i < 2; ++i) {
+    ends[i] = fcntl(raw[i], F_DUPFD_CLOEXEC, 3);
+    close(raw[i]);
+  }
+  if (ends[0] >= 0 && ends[1] >= 0) return true;
+  for (int i = 0; i < 2; ++i) {
+    if (ends[i] >= 0) close(ends[i]);
+  }
+  return false;
+}
+
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
   for (auto& text : texts) pointers.push_back(text.data());
@@ -53,8 +69,8 @@ std::unique_ptr<ProgramRun> ProgramRun::start(
     const std::map<std::string, std::string>& environment) {
   int outPipe[2];
   int errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0) return nullptr;
-  if (pipe2(errPipe, O_CLOEXEC) != 0) {
+  if (!MakePipe(outPipe)) return nullptr;
+  if (!MakePipe(errPipe)) {
     close(outPipe[0]);
     close(outPipe[1]);
     return nullptr;
@@ -67,6 +83,8 @@ std::unique_ptr<ProgramRun> ProgramRun::start(
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  // The program reads nothing from the test runner, whatever its stdin is.
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
   // The program gets the default signal dispositions and mask, whatever the test runner has.
