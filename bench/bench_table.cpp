@@ -162,7 +162,9 @@ int main(int argc, char** argv) {
     std::string ratio = "-";
     if (measured.amount && baseline.amount && *baseline.amount > 0) {
       char text[32];
-      std::snprintf(text, sizeof text, "%.2f", *measured.amount / *baseline.amount);
+      const double value = *measured.amount / *baseline.amount;
+      // Small ratios keep three significant digits instead of rounding to 0.00.
+      std::snprintf(text, sizeof text, value < 0.1 ? "%.3g" : "%.2f", value);
       ratio = text;
     } else if (measured.amount && baseline.amount) {
       ratio = "n/a";
