@@ -28,26 +28,6 @@ std::vector<std::uint32_t> streamIDs(ObjectID deviceID, std::uint32_t count,
 
 const PropertyAddress kDeviceList = global(kAudioHardwarePropertyDevices);
 
-// The device-list helpers both services share; the list lives on the system object (1).
-std::vector<ObjectID> readDeviceList(const SimulatedObjectGraph& graph) {
-  auto value = graph.property(kAudioObjectSystemObject, kDeviceList);
-  if (!value) return {};
-  return value->asIDList().value_or(std::vector<ObjectID>());
-}
-
-void appendToDeviceList(SimulatedObjectGraph& graph, ObjectID deviceID) {
-  auto ids = readDeviceList(graph);
-  ids.push_back(deviceID);
-  graph.setProperty(kAudioObjectSystemObject, kDeviceList, SimulatedPropertyValue::IDList(ids));
-}
-
-void removeFromDeviceList(SimulatedObjectGraph& graph, ObjectID deviceID) {
-  auto ids = readDeviceList(graph);
-  std::erase(ids, deviceID);
-  graph.removeObject(deviceID);
-  graph.setProperty(kAudioObjectSystemObject, kDeviceList, SimulatedPropertyValue::IDList(ids));
-}
-
 void setCommonDeviceProperties(SimulatedObjectGraph& graph, ObjectID id,
                                const std::optional<std::string>& name,
                                const std::optional<std::string>& uid,
@@ -84,11 +64,44 @@ static_assert(kAudioObjectPropertyScopeOutput == kCMIODevicePropertyScopeOutput)
 static_assert(kAudioDevicePropertyDeviceIsRunningSomewhere ==
               kCMIODevicePropertyDeviceIsRunningSomewhere);
 
-// --- Audio ---------------------------------------------------------------------------------------
+// --- Both media types ----------------------------------------------------------------------------
 
-SimulatedAudioHardwareService::SimulatedAudioHardwareService() {
+template <class ServiceInterface>
+SimulatedHardwareService<ServiceInterface>::SimulatedHardwareService() {
   setProperty(kAudioObjectSystemObject, kDeviceList, SimulatedPropertyValue::IDList({}), false);
 }
+
+template <class ServiceInterface>
+void SimulatedHardwareService<ServiceInterface>::removeDevice(ObjectID deviceID) {
+  auto ids = deviceList();
+  std::erase(ids, deviceID);
+  removeObject(deviceID);
+  setDeviceList(std::move(ids));
+}
+
+template <class ServiceInterface>
+void SimulatedHardwareService<ServiceInterface>::setDeviceList(std::vector<ObjectID> deviceIDs) {
+  setProperty(kAudioObjectSystemObject, kDeviceList,
+              SimulatedPropertyValue::IDList(std::move(deviceIDs)));
+}
+
+template <class ServiceInterface>
+std::vector<ObjectID> SimulatedHardwareService<ServiceInterface>::deviceList() const {
+  auto value = property(kAudioObjectSystemObject, kDeviceList);
+  if (!value) return {};
+  return value->asIDList().value_or(std::vector<ObjectID>());
+}
+
+template <class ServiceInterface>
+void SimulatedHardwareService<ServiceInterface>::setDeviceRunning(ObjectID deviceID, bool running) {
+  setProperty(deviceID, global(kAudioDevicePropertyDeviceIsRunningSomewhere),
+              SimulatedPropertyValue::UInt32(running ? 1 : 0));
+}
+
+template class SimulatedHardwareService<AudioHardwareService>;
+template class SimulatedHardwareService<VideoHardwareService>;
+
+// --- Audio ---------------------------------------------------------------------------------------
 
 void SimulatedAudioHardwareService::addDevice(const SimulatedAudioDevice& device) {
   setCommonDeviceProperties(*this, device.deviceID, device.name, device.deviceUID, device.modelUID,
@@ -100,25 +113,9 @@ void SimulatedAudioHardwareService::addDevice(const SimulatedAudioDevice& device
     setProperty(device.deviceID, input(kAudioDevicePropertyDataSourceNameForIDCFString),
                 SimulatedPropertyValue::TranslationTable(device.dataSourceNames), false);
   }
-  appendToDeviceList(*this, device.deviceID);
-}
-
-void SimulatedAudioHardwareService::removeDevice(ObjectID deviceID) {
-  removeFromDeviceList(*this, deviceID);
-}
-
-void SimulatedAudioHardwareService::setDeviceList(std::vector<ObjectID> deviceIDs) {
-  setProperty(kAudioObjectSystemObject, kDeviceList,
-              SimulatedPropertyValue::IDList(std::move(deviceIDs)));
-}
-
-std::vector<ObjectID> SimulatedAudioHardwareService::deviceList() const {
-  return readDeviceList(*this);
-}
-
-void SimulatedAudioHardwareService::setDeviceRunning(ObjectID deviceID, bool running) {
-  setProperty(deviceID, global(kAudioDevicePropertyDeviceIsRunningSomewhere),
-              SimulatedPropertyValue::UInt32(running ? 1 : 0));
+  auto ids = deviceList();
+  ids.push_back(device.deviceID);
+  setDeviceList(std::move(ids));
 }
 
 void SimulatedAudioHardwareService::setSelectedDataSource(ObjectID deviceID,
@@ -127,63 +124,9 @@ void SimulatedAudioHardwareService::setSelectedDataSource(ObjectID deviceID,
               SimulatedPropertyValue::UInt32(dataSource));
 }
 
-OSStatus SimulatedAudioHardwareService::getPropertyDataSize(ObjectID object,
-                                                            const PropertyAddress& address,
-                                                            std::uint32_t qualifierDataSize,
-                                                            const void*,
-                                                            std::uint32_t* outDataSize) {
-  return handleGetPropertyDataSize(object, address, qualifierDataSize, outDataSize);
-}
-
-OSStatus SimulatedAudioHardwareService::getPropertyData(ObjectID object,
-                                                        const PropertyAddress& address,
-                                                        std::uint32_t qualifierDataSize,
-                                                        const void*, std::uint32_t* ioDataSize,
-                                                        void* outData) {
-  return handleGetPropertyData(object, address, qualifierDataSize, ioDataSize, outData);
-}
-
-OSStatus SimulatedAudioHardwareService::setPropertyData(ObjectID object,
-                                                        const PropertyAddress& address,
-                                                        std::uint32_t qualifierDataSize,
-                                                        const void*, std::uint32_t dataSize,
-                                                        void* data) {
-  return handleSetPropertyData(object, address, qualifierDataSize, dataSize, data);
-}
-
-bool SimulatedAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
-  return handleHasProperty(object, address);
-}
-
-OSStatus SimulatedAudioHardwareService::addPropertyListenerBlock(
-    ObjectID object, const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
-    PlatformListenerBlockRef block) {
-  return handleAddListener(object, address, std::move(queue), std::move(block));
-}
-
-OSStatus SimulatedAudioHardwareService::removePropertyListenerBlock(
-    ObjectID object, const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
-    PlatformListenerBlockRef block) {
-  return handleRemoveListener(object, address, std::move(queue), std::move(block));
-}
-
-OSStatus SimulatedAudioHardwareService::badObjectStatus() const {
-  return kAudioHardwareBadObjectError;
-}
-OSStatus SimulatedAudioHardwareService::unknownPropertyStatus() const {
-  return kAudioHardwareUnknownPropertyError;
-}
-OSStatus SimulatedAudioHardwareService::badPropertySizeStatus() const {
-  return kAudioHardwareBadPropertySizeError;
-}
-bool SimulatedAudioHardwareService::isHogModeAddress(const PropertyAddress& address) const {
-  return address.mSelector == kAudioDevicePropertyHogMode;
-}
-
 // --- Video ---------------------------------------------------------------------------------------
 
 SimulatedVideoHardwareService::SimulatedVideoHardwareService() {
-  setProperty(kCMIOObjectSystemObject, kDeviceList, SimulatedPropertyValue::IDList({}), false);
   setProperty(kCMIOObjectSystemObject, global(kCMIOHardwarePropertyAllowScreenCaptureDevices),
               SimulatedPropertyValue::UInt32(1), false);
 }
@@ -192,25 +135,9 @@ void SimulatedVideoHardwareService::addDevice(const SimulatedVideoDevice& device
   setCommonDeviceProperties(*this, device.deviceID, device.name, device.deviceUID, device.modelUID,
                             device.transportType, device.inputStreamCount, device.outputStreamCount,
                             device.isRunning, device.hogModePID);
-  appendToDeviceList(*this, device.deviceID);
-}
-
-void SimulatedVideoHardwareService::removeDevice(ObjectID deviceID) {
-  removeFromDeviceList(*this, deviceID);
-}
-
-void SimulatedVideoHardwareService::setDeviceList(std::vector<ObjectID> deviceIDs) {
-  setProperty(kCMIOObjectSystemObject, kDeviceList,
-              SimulatedPropertyValue::IDList(std::move(deviceIDs)));
-}
-
-std::vector<ObjectID> SimulatedVideoHardwareService::deviceList() const {
-  return readDeviceList(*this);
-}
-
-void SimulatedVideoHardwareService::setDeviceRunning(ObjectID deviceID, bool running) {
-  setProperty(deviceID, global(kCMIODevicePropertyDeviceIsRunningSomewhere),
-              SimulatedPropertyValue::UInt32(running ? 1 : 0));
+  auto ids = deviceList();
+  ids.push_back(device.deviceID);
+  setDeviceList(std::move(ids));
 }
 
 std::optional<std::uint32_t> SimulatedVideoHardwareService::screenCaptureSwitch() const {
@@ -218,55 +145,6 @@ std::optional<std::uint32_t> SimulatedVideoHardwareService::screenCaptureSwitch(
       property(kCMIOObjectSystemObject, global(kCMIOHardwarePropertyAllowScreenCaptureDevices));
   if (!value) return std::nullopt;
   return value->asUInt32();
-}
-
-OSStatus SimulatedVideoHardwareService::getPropertyDataSize(ObjectID object,
-                                                            const PropertyAddress& address,
-                                                            std::uint32_t qualifierDataSize,
-                                                            const void*,
-                                                            std::uint32_t* outDataSize) {
-  return handleGetPropertyDataSize(object, address, qualifierDataSize, outDataSize);
-}
-
-OSStatus SimulatedVideoHardwareService::getPropertyData(ObjectID object,
-                                                        const PropertyAddress& address,
-                                                        std::uint32_t qualifierDataSize,
-                                                        const void*, std::uint32_t* ioDataSize,
-                                                        void* outData) {
-  return handleGetPropertyData(object, address, qualifierDataSize, ioDataSize, outData);
-}
-
-OSStatus SimulatedVideoHardwareService::setPropertyData(ObjectID object,
-                                                        const PropertyAddress& address,
-                                                        std::uint32_t qualifierDataSize,
-                                                        const void*, std::uint32_t dataSize,
-                                                        void* data) {
-  return handleSetPropertyData(object, address, qualifierDataSize, dataSize, data);
-}
-
-OSStatus SimulatedVideoHardwareService::addPropertyListenerBlock(
-    ObjectID object, const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
-    PlatformListenerBlockRef block) {
-  return handleAddListener(object, address, std::move(queue), std::move(block));
-}
-
-OSStatus SimulatedVideoHardwareService::removePropertyListenerBlock(
-    ObjectID object, const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,
-    PlatformListenerBlockRef block) {
-  return handleRemoveListener(object, address, std::move(queue), std::move(block));
-}
-
-OSStatus SimulatedVideoHardwareService::badObjectStatus() const {
-  return kCMIOHardwareBadObjectError;
-}
-OSStatus SimulatedVideoHardwareService::unknownPropertyStatus() const {
-  return kCMIOHardwareUnknownPropertyError;
-}
-OSStatus SimulatedVideoHardwareService::badPropertySizeStatus() const {
-  return kCMIOHardwareBadPropertySizeError;
-}
-bool SimulatedVideoHardwareService::isHogModeAddress(const PropertyAddress& address) const {
-  return address.mSelector == kCMIODevicePropertyHogMode;
 }
 
 }  // namespace harkwell

@@ -45,8 +45,52 @@ struct SimulatedVideoDevice {
   std::int32_t hogModePID = -1;
 };
 
-class SimulatedAudioHardwareService final : public AudioHardwareService,
-                                            public SimulatedObjectGraph {
+// The seam's calls answered from the graph, and the device-list and running-state helpers, which
+// are the same for both media types.
+template <class ServiceInterface>
+class SimulatedHardwareService : public ServiceInterface, public SimulatedObjectGraph {
+ public:
+  // Removes the device object and takes it out of the list, then notifies the list.
+  void removeDevice(ObjectID deviceID);
+  // Replaces the device list as is (duplicates and unknown IDs allowed) and notifies it.
+  void setDeviceList(std::vector<ObjectID> deviceIDs);
+  std::vector<ObjectID> deviceList() const;
+  void setDeviceRunning(ObjectID deviceID, bool running);
+
+  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
+                               std::uint32_t qualifierDataSize, const void*,
+                               std::uint32_t* outDataSize) override {
+    return handleGetPropertyDataSize(object, address, qualifierDataSize, outDataSize);
+  }
+  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void*, std::uint32_t* ioDataSize,
+                           void* outData) override {
+    return handleGetPropertyData(object, address, qualifierDataSize, ioDataSize, outData);
+  }
+  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void*, std::uint32_t dataSize,
+                           void* data) override {
+    return handleSetPropertyData(object, address, qualifierDataSize, dataSize, data);
+  }
+  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                    std::shared_ptr<DispatchQueue> queue,
+                                    PlatformListenerBlockRef block) override {
+    return handleAddListener(object, address, std::move(queue), std::move(block));
+  }
+  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                       std::shared_ptr<DispatchQueue> queue,
+                                       PlatformListenerBlockRef block) override {
+    return handleRemoveListener(object, address, std::move(queue), std::move(block));
+  }
+
+ protected:
+  SimulatedHardwareService();
+};
+
+extern template class SimulatedHardwareService<AudioHardwareService>;
+extern template class SimulatedHardwareService<VideoHardwareService>;
+
+class SimulatedAudioHardwareService final : public SimulatedHardwareService<AudioHardwareService> {
  public:
   static std::shared_ptr<SimulatedAudioHardwareService> create() {
     return std::shared_ptr<SimulatedAudioHardwareService>(new SimulatedAudioHardwareService);
@@ -54,77 +98,28 @@ class SimulatedAudioHardwareService final : public AudioHardwareService,
 
   // Adds the device's properties, appends it to the device list and notifies the list.
   void addDevice(const SimulatedAudioDevice& device);
-  // Removes the device object and takes it out of the list, then notifies the list.
-  void removeDevice(ObjectID deviceID);
-  // Replaces the device list as is (duplicates and unknown IDs allowed) and notifies it.
-  void setDeviceList(std::vector<ObjectID> deviceIDs);
-  std::vector<ObjectID> deviceList() const;
-  void setDeviceRunning(ObjectID deviceID, bool running);
   void setSelectedDataSource(ObjectID deviceID, std::uint32_t dataSource);
 
-  // The seam.
-  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
-                               std::uint32_t qualifierDataSize, const void* qualifierData,
-                               std::uint32_t* outDataSize) override;
-  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
-                           std::uint32_t qualifierDataSize, const void* qualifierData,
-                           std::uint32_t* ioDataSize, void* outData) override;
-  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
-                           std::uint32_t qualifierDataSize, const void* qualifierData,
-                           std::uint32_t dataSize, void* data) override;
-  bool hasProperty(ObjectID object, const PropertyAddress& address) override;
-  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
-                                    std::shared_ptr<DispatchQueue> queue,
-                                    PlatformListenerBlockRef block) override;
-  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
-                                       std::shared_ptr<DispatchQueue> queue,
-                                       PlatformListenerBlockRef block) override;
+  bool hasProperty(ObjectID object, const PropertyAddress& address) override {
+    return handleHasProperty(object, address);
+  }
 
  private:
-  SimulatedAudioHardwareService();
-  OSStatus badObjectStatus() const override;
-  OSStatus unknownPropertyStatus() const override;
-  OSStatus badPropertySizeStatus() const override;
-  bool isHogModeAddress(const PropertyAddress& address) const override;
+  SimulatedAudioHardwareService() = default;
 };
 
-class SimulatedVideoHardwareService final : public VideoHardwareService,
-                                            public SimulatedObjectGraph {
+class SimulatedVideoHardwareService final : public SimulatedHardwareService<VideoHardwareService> {
  public:
   static std::shared_ptr<SimulatedVideoHardwareService> create() {
     return std::shared_ptr<SimulatedVideoHardwareService>(new SimulatedVideoHardwareService);
   }
 
   void addDevice(const SimulatedVideoDevice& device);
-  void removeDevice(ObjectID deviceID);
-  void setDeviceList(std::vector<ObjectID> deviceIDs);
-  std::vector<ObjectID> deviceList() const;
-  void setDeviceRunning(ObjectID deviceID, bool running);
   // The value of the system object's screen-capture switch (1 after creation).
   std::optional<std::uint32_t> screenCaptureSwitch() const;
 
-  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
-                               std::uint32_t qualifierDataSize, const void* qualifierData,
-                               std::uint32_t* outDataSize) override;
-  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
-                           std::uint32_t qualifierDataSize, const void* qualifierData,
-                           std::uint32_t* ioDataSize, void* outData) override;
-  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
-                           std::uint32_t qualifierDataSize, const void* qualifierData,
-                           std::uint32_t dataSize, void* data) override;
-  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
-                                    std::shared_ptr<DispatchQueue> queue,
-                                    PlatformListenerBlockRef block) override;
-  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
-                                       std::shared_ptr<DispatchQueue> queue,
-                                       PlatformListenerBlockRef block) override;
-
  private:
   SimulatedVideoHardwareService();
-  OSStatus badObjectStatus() const override;
-  OSStatus unknownPropertyStatus() const override;
-  OSStatus badPropertySizeStatus() const override;
-  bool isHogModeAddress(const PropertyAddress& address) const override;
 };
 
 }  // namespace harkwell

@@ -7,8 +7,15 @@
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 
 namespace harkwell {
+
+// Audio and video services answer with the same codes, so one graph serves both.
+static_assert(kAudioHardwareBadObjectError == kCMIOHardwareBadObjectError);
+static_assert(kAudioHardwareUnknownPropertyError == kCMIOHardwareUnknownPropertyError);
+static_assert(kAudioHardwareBadPropertySizeError == kCMIOHardwareBadPropertySizeError);
+static_assert(kAudioDevicePropertyHogMode == kCMIODevicePropertyHogMode);
 
 // --- SimulatedPropertyValue ----------------------------------------------------------------------
 
@@ -237,8 +244,8 @@ OSStatus SimulatedObjectGraph::record(SimulatedCall call, OSStatus status) {
 std::optional<OSStatus> SimulatedObjectGraph::checkObjectAndPropertyLocked(
     ObjectID object, const PropertyAddress& address) const {
   auto found = objects_.find(object);
-  if (found == objects_.end()) return badObjectStatus();
-  if (found->second.count(keyFor(object, address)) == 0) return unknownPropertyStatus();
+  if (found == objects_.end()) return kAudioHardwareBadObjectError;
+  if (found->second.count(keyFor(object, address)) == 0) return kAudioHardwareUnknownPropertyError;
   return std::nullopt;
 }
 
@@ -285,7 +292,7 @@ OSStatus SimulatedObjectGraph::handleGetPropertyData(ObjectID object,
         case 0: {
           const auto& bytes = std::get<0>(value.storage_);
           if (capacity < bytes.size()) {
-            status = badPropertySizeStatus();
+            status = kAudioHardwareBadPropertySizeError;
             break;
           }
           std::memcpy(outData, bytes.data(), bytes.size());
@@ -294,7 +301,7 @@ OSStatus SimulatedObjectGraph::handleGetPropertyData(ObjectID object,
         }
         case 1: {
           if (capacity < sizeof(PlatformStringRef)) {
-            status = badPropertySizeStatus();
+            status = kAudioHardwareBadPropertySizeError;
             break;
           }
           const auto& text = std::get<1>(value.storage_);
@@ -313,14 +320,14 @@ OSStatus SimulatedObjectGraph::handleGetPropertyData(ObjectID object,
         }
         default: {
           if (capacity < kAudioValueTranslationDataSize) {
-            status = badPropertySizeStatus();
+            status = kAudioHardwareBadPropertySizeError;
             break;
           }
           AudioValueTranslation translation;
           std::memcpy(&translation, outData, kAudioValueTranslationDataSize);
           if (translation.mInputDataSize != 4 || translation.mOutputDataSize != 8 ||
               !translation.mInputData || !translation.mOutputData) {
-            status = badPropertySizeStatus();
+            status = kAudioHardwareBadPropertySizeError;
             break;
           }
           std::uint32_t key;
@@ -356,15 +363,15 @@ OSStatus SimulatedObjectGraph::handleSetPropertyData(ObjectID object,
     if (auto problem = checkObjectAndPropertyLocked(object, address)) {
       status = *problem;
     } else if (!data) {
-      status = badPropertySizeStatus();
+      status = kAudioHardwareBadPropertySizeError;
     } else {
       auto& value = objects_.at(object).at(keyFor(object, address));
-      if (isHogModeAddress(address)) {
+      if (address.mSelector == kAudioDevicePropertyHogMode) {
         // The platform's toggle: take a free device, release one this process holds, leave one
         // another process holds; the owner afterwards is written back to the caller.
         auto owner = value.asInt32();
         if (!owner || dataSize != 4) {
-          status = badPropertySizeStatus();
+          status = kAudioHardwareBadPropertySizeError;
         } else {
           const std::int32_t self = getpid();
           std::int32_t next = *owner;
@@ -381,7 +388,7 @@ OSStatus SimulatedObjectGraph::handleSetPropertyData(ObjectID object,
         value = SimulatedPropertyValue::Bytes(bytesOf(data, dataSize));
         toNotify = listenersForLocked(keyFor(object, address));
       } else {
-        status = unknownPropertyStatus();
+        status = kAudioHardwareUnknownPropertyError;
       }
     }
   }
@@ -418,9 +425,9 @@ OSStatus SimulatedObjectGraph::handleAddListener(ObjectID object, const Property
   {
     std::lock_guard lock(mutex_);
     if (objects_.count(object) == 0) {
-      status = badObjectStatus();
+      status = kAudioHardwareBadObjectError;
     } else if (!queue || !block) {
-      status = unknownPropertyStatus();
+      status = kAudioHardwareUnknownPropertyError;
     } else {
       listeners_.push_back(Listener{keyFor(object, address), std::move(queue), std::move(block)});
     }
@@ -449,9 +456,9 @@ OSStatus SimulatedObjectGraph::handleRemoveListener(ObjectID object, const Prope
                  : l.block->closure() == block->closure();
     });
     if (objects_.count(object) == 0) {
-      status = badObjectStatus();
+      status = kAudioHardwareBadObjectError;
     } else if (match == listeners_.end()) {
-      status = unknownPropertyStatus();
+      status = kAudioHardwareUnknownPropertyError;
     }
     // A listener of an object that went away is dropped all the same.
     if (match != listeners_.end()) listeners_.erase(match);

@@ -139,13 +139,6 @@ class SimulatedObjectGraph {
   void setRecordingCalls(bool recording);
 
  protected:
-  // The status every call on a missing object answers ("!obj").
-  virtual OSStatus badObjectStatus() const = 0;
-  virtual OSStatus unknownPropertyStatus() const = 0;
-  virtual OSStatus badPropertySizeStatus() const = 0;
-  // A set on this address toggles exclusive access instead of storing the value.
-  virtual bool isHogModeAddress(const PropertyAddress& address) const = 0;
-
   OSStatus handleGetPropertyDataSize(ObjectID object, const PropertyAddress& address,
                                      std::uint32_t qualifierDataSize, std::uint32_t* outDataSize);
   OSStatus handleGetPropertyData(ObjectID object, const PropertyAddress& address,
