@@ -65,8 +65,8 @@
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
-#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioListenerRegistry.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
+#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
 
 namespace harkwell {
 
@@ -120,7 +120,7 @@ class PulseAudioHardwareService final : public AudioHardwareService {
 
   mutable std::mutex mutex_;
   PulseAudioDeviceMirror mirror_;  // guarded by mutex_
-  PulseAudioListenerRegistry listeners_;
+  PropertyListenerRegistry listeners_;
   // Last, so it is destroyed first: no state arrives while the members above are torn down.
   std::unique_ptr<PulseAudioServerConnection> connection_;
 };

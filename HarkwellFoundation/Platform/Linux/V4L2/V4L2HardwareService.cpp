@@ -85,7 +85,7 @@ OSStatus V4L2HardwareService::addPropertyListenerBlock(ObjectID object,
   if (!queue || !block) return kCMIOHardwareIllegalOperationError;
   const OSStatus status = mirror_.checkProperty(object, address);
   if (status != kNoErr) return status;
-  listeners_.add({object, address, std::move(queue), std::move(block)});
+  listeners_.add(object, address, std::move(queue), std::move(block));
   return kNoErr;
 }
 
@@ -315,10 +315,7 @@ void V4L2HardwareService::publish(const std::set<std::string>& openNodes) {
 
 void V4L2HardwareService::notify(const std::vector<v4l2::PropertyChange>& changes) {
   for (const v4l2::PropertyChange& change : changes) {
-    for (auto& listener : listeners_.listenersFor(change.object, change.address)) {
-      listener.queue->async(
-          [block = std::move(listener.block), address = change.address] { (*block)(1, &address); });
-    }
+    listeners_.notify(change.object, change.address);
   }
 }
 

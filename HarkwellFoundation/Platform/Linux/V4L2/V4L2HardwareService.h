@@ -78,11 +78,11 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
-#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2ListenerTable.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbe.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbeCache.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2PropertyMirror.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2SysfsReader.h"
+#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
 
 namespace harkwell {
 
@@ -132,7 +132,7 @@ class V4L2HardwareService final : public VideoHardwareService {
 
   // How many times /proc has been read (for tests and benchmarks).
   std::uint64_t processScanCount() const { return processScanCount_.load(); }
-  std::size_t listenerCount() const { return listeners_.size(); }
+  std::size_t listenerCount() const { return listeners_.count(); }
 
  private:
   struct Camera {
@@ -155,7 +155,7 @@ class V4L2HardwareService final : public VideoHardwareService {
 
   const Options options_;
   v4l2::PropertyMirror mirror_;
-  v4l2::ListenerTable listeners_;
+  PropertyListenerRegistry listeners_;
   std::atomic<std::uint64_t> processScanCount_{0};
 
   // Owned by the background thread (and by create() before the thread starts).

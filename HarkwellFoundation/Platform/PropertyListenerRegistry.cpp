@@ -1,17 +1,17 @@
-#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioListenerRegistry.h"
+#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
 
 #include <algorithm>
 
 namespace harkwell {
 
-PulseAudioListenerRegistry::~PulseAudioListenerRegistry() {
+PropertyListenerRegistry::~PropertyListenerRegistry() {
   std::lock_guard lock(mutex_);
   for (Registration& registration : registrations_) *registration.live = false;
 }
 
-bool PulseAudioListenerRegistry::add(ObjectID object, const PropertyAddress& address,
-                                     std::shared_ptr<DispatchQueue> queue,
-                                     PlatformListenerBlockRef block) {
+bool PropertyListenerRegistry::add(ObjectID object, const PropertyAddress& address,
+                                   std::shared_ptr<DispatchQueue> queue,
+                                   PlatformListenerBlockRef block) {
   if (!queue || !block) return false;
   std::lock_guard lock(mutex_);
   registrations_.push_back({object, address, std::move(queue), std::move(block),
@@ -19,9 +19,9 @@ bool PulseAudioListenerRegistry::add(ObjectID object, const PropertyAddress& add
   return true;
 }
 
-bool PulseAudioListenerRegistry::remove(ObjectID object, const PropertyAddress& address,
-                                        const std::shared_ptr<DispatchQueue>& queue,
-                                        const PlatformListenerBlockRef& block) {
+bool PropertyListenerRegistry::remove(ObjectID object, const PropertyAddress& address,
+                                      const std::shared_ptr<DispatchQueue>& queue,
+                                      const PlatformListenerBlockRef& block) {
   if (!block) return false;
   std::lock_guard lock(mutex_);
   auto match = std::find_if(
@@ -35,7 +35,7 @@ bool PulseAudioListenerRegistry::remove(ObjectID object, const PropertyAddress& 
   return true;
 }
 
-void PulseAudioListenerRegistry::notify(ObjectID object, const PropertyAddress& address) const {
+void PropertyListenerRegistry::notify(ObjectID object, const PropertyAddress& address) const {
   std::vector<Registration> matching;
   {
     std::lock_guard lock(mutex_);
@@ -53,7 +53,7 @@ void PulseAudioListenerRegistry::notify(ObjectID object, const PropertyAddress& 
   }
 }
 
-std::size_t PulseAudioListenerRegistry::count() const {
+std::size_t PropertyListenerRegistry::count() const {
   std::lock_guard lock(mutex_);
   return registrations_.size();
 }

@@ -1,4 +1,4 @@
-// The property listeners registered with a PulseAudio service, and their notification. A removal
+// The property listeners registered with a hardware service, and their notification. A removal
 // finds its registration by object, address, queue and the closure its block wraps (each add and
 // remove brings a block made anew around the same closure).
 //
@@ -20,12 +20,12 @@
 
 namespace harkwell {
 
-class PulseAudioListenerRegistry {
+class PropertyListenerRegistry {
  public:
-  PulseAudioListenerRegistry() = default;
-  PulseAudioListenerRegistry(const PulseAudioListenerRegistry&) = delete;
-  PulseAudioListenerRegistry& operator=(const PulseAudioListenerRegistry&) = delete;
-  ~PulseAudioListenerRegistry();
+  PropertyListenerRegistry() = default;
+  PropertyListenerRegistry(const PropertyListenerRegistry&) = delete;
+  PropertyListenerRegistry& operator=(const PropertyListenerRegistry&) = delete;
+  ~PropertyListenerRegistry();
 
   // False when the queue or the block is missing.
   bool add(ObjectID object, const PropertyAddress& address, std::shared_ptr<DispatchQueue> queue,

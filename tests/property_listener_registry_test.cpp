@@ -1,4 +1,4 @@
-// The PulseAudio service's listener registrations: removal by the wrapped closure, notification on
+// The Linux services' listener registrations: removal by the wrapped closure, notification on
 // each listener's own queue, and nothing run after a removal.
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <future>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioListenerRegistry.h"
+#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -35,8 +35,8 @@ SharedPropertyListener RecordingClosure(Recorder<Call>& calls,
       });
 }
 
-TEST(PulseAudioListenerRegistryTest, NotificationRunsTheBlockOnItsQueueWithTheAddress) {
-  PulseAudioListenerRegistry registry;
+TEST(PropertyListenerRegistryTest, NotificationRunsTheBlockOnItsQueueWithTheAddress) {
+  PropertyListenerRegistry registry;
   auto queue = DispatchQueue::createSerial("test.listeners");
   Recorder<Call> calls;
   auto closure = RecordingClosure(calls, queue);
@@ -49,8 +49,8 @@ TEST(PulseAudioListenerRegistryTest, NotificationRunsTheBlockOnItsQueueWithTheAd
   EXPECT_EQ(calls.entries()[0].address, kRunning);
 }
 
-TEST(PulseAudioListenerRegistryTest, OnlyListenersOfExactlyThatObjectAndAddressRun) {
-  PulseAudioListenerRegistry registry;
+TEST(PropertyListenerRegistryTest, OnlyListenersOfExactlyThatObjectAndAddressRun) {
+  PropertyListenerRegistry registry;
   auto queue = DispatchQueue::createSerial("test.listeners");
   Recorder<Call> calls;
   auto closure = RecordingClosure(calls, queue);
@@ -66,8 +66,8 @@ TEST(PulseAudioListenerRegistryTest, OnlyListenersOfExactlyThatObjectAndAddressR
   EXPECT_EQ(calls.size(), 1u);
 }
 
-TEST(PulseAudioListenerRegistryTest, RemovalWithANewBlockAroundTheSameClosureMatches) {
-  PulseAudioListenerRegistry registry;
+TEST(PropertyListenerRegistryTest, RemovalWithANewBlockAroundTheSameClosureMatches) {
+  PropertyListenerRegistry registry;
   auto queue = DispatchQueue::createSerial("test.listeners");
   Recorder<Call> calls;
   auto closure = RecordingClosure(calls, queue);
@@ -80,8 +80,8 @@ TEST(PulseAudioListenerRegistryTest, RemovalWithANewBlockAroundTheSameClosureMat
   EXPECT_EQ(calls.size(), 0u);
 }
 
-TEST(PulseAudioListenerRegistryTest, RemovalNeedsTheSameObjectAddressQueueAndClosure) {
-  PulseAudioListenerRegistry registry;
+TEST(PropertyListenerRegistryTest, RemovalNeedsTheSameObjectAddressQueueAndClosure) {
+  PropertyListenerRegistry registry;
   auto queue = DispatchQueue::createSerial("test.listeners");
   auto otherQueue = DispatchQueue::createSerial("test.other");
   Recorder<Call> calls;
@@ -97,8 +97,8 @@ TEST(PulseAudioListenerRegistryTest, RemovalNeedsTheSameObjectAddressQueueAndClo
   EXPECT_EQ(registry.count(), 1u);
 }
 
-TEST(PulseAudioListenerRegistryTest, MissingQueueOrBlockIsRefused) {
-  PulseAudioListenerRegistry registry;
+TEST(PropertyListenerRegistryTest, MissingQueueOrBlockIsRefused) {
+  PropertyListenerRegistry registry;
   auto queue = DispatchQueue::createSerial("test.listeners");
   Recorder<Call> calls;
   EXPECT_FALSE(registry.add(1, kDevices, nullptr,
@@ -107,8 +107,8 @@ TEST(PulseAudioListenerRegistryTest, MissingQueueOrBlockIsRefused) {
   EXPECT_EQ(registry.count(), 0u);
 }
 
-TEST(PulseAudioListenerRegistryTest, BlockRemovedBeforeItsQueuedCallStartsDoesNotRun) {
-  PulseAudioListenerRegistry registry;
+TEST(PropertyListenerRegistryTest, BlockRemovedBeforeItsQueuedCallStartsDoesNotRun) {
+  PropertyListenerRegistry registry;
   auto queue = DispatchQueue::createSerial("test.listeners");
   Recorder<Call> calls;
   auto closure = RecordingClosure(calls, queue);
@@ -126,8 +126,8 @@ TEST(PulseAudioListenerRegistryTest, BlockRemovedBeforeItsQueuedCallStartsDoesNo
   EXPECT_EQ(calls.size(), 0u);
 }
 
-TEST(PulseAudioListenerRegistryTest, QueuedCallsDoNotRunOnceTheRegistryIsGone) {
-  auto registry = std::make_unique<PulseAudioListenerRegistry>();
+TEST(PropertyListenerRegistryTest, QueuedCallsDoNotRunOnceTheRegistryIsGone) {
+  auto registry = std::make_unique<PropertyListenerRegistry>();
   auto queue = DispatchQueue::createSerial("test.listeners");
   Recorder<Call> calls;
   registry->add(100, kRunning, queue, PlatformListenerBlock::copy(RecordingClosure(calls, queue)));
