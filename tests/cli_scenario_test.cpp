@@ -130,6 +130,14 @@ TEST(ScenarioErrors, MalformedJsonNamesFileLineAndColumn) {
   EXPECT_EQ(error.text().rfind("test.json:3:20: ", 0), 0u) << error.text();
 }
 
+TEST(ScenarioErrors, ANumberTooLargeForADoubleIsAnErrorAtTheNumber) {
+  const auto error = ErrorOf("{\n  \"steps\": [{\"at\": 3e308}]\n}\n");
+  EXPECT_EQ(error.file, "test.json");
+  EXPECT_EQ(error.position, (TextPosition{2, 20}));
+  EXPECT_EQ(error.message, "number too large");
+  EXPECT_EQ(ErrorOf("-1e999").position, (TextPosition{1, 1}));
+}
+
 TEST(ScenarioErrors, AnEmptyFileIsAnErrorAtItsStart) {
   const auto error = ErrorOf("");
   EXPECT_EQ(error.position, (TextPosition{1, 1}));

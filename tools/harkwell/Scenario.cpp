@@ -61,6 +61,8 @@ class ScenarioParser {
       document = json::parse(text_);
     } catch (const json::parse_error& error) {
       return syntaxError(error);
+    } catch (const json::out_of_range& error) {
+      return numberOverflowError(error);
     }
     Scenario scenario;
     if (readScenario(document, scenario)) return scenario;
@@ -77,6 +79,20 @@ class ScenarioParser {
     if (colon != std::string::npos) message = message.substr(colon + 2);
     const std::size_t offset = error.byte > 0 ? error.byte - 1 : 0;
     return ScenarioError{file_, PositionOfOffset(text_, offset), message};
+  }
+
+  // A number too large for a double ("1e999") fails while parsing, but without a position; the
+  // message quotes the literal, whose first appearance in the text is where it stands.
+  ScenarioError numberOverflowError(const json::out_of_range& error) const {
+    const std::string message = error.what();
+    std::size_t offset = 0;
+    const auto open = message.find('\'');
+    const auto close = message.rfind('\'');
+    if (open != std::string::npos && close > open + 1) {
+      const auto found = text_.find(message.substr(open + 1, close - open - 1));
+      if (found != std::string_view::npos) offset = found;
+    }
+    return ScenarioError{file_, PositionOfOffset(text_, offset), "number too large"};
   }
 
   bool fail(const Pointer& at, std::string message, bool atKey = false) {
