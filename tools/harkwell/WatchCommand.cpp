@@ -13,11 +13,10 @@
 namespace harkwell::cli {
 
 int RunWatch(const Options& options, CommandContext& context) {
-  // Before any service starts a thread: every thread must inherit the blocked signals.
   const StopSignals signals;
   const StopRequest stop;
   if (!stop.isValid()) {
-    context.err.writeLine("harkwell: cannot create an event descriptor");
+    context.err.writeLine("harkwell: cannot create a pipe");
     return 1;
   }
   // A closed stdout shows up as a failed write, which ends the watch below.

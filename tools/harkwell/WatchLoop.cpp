@@ -1,12 +1,12 @@
 #include "tools/harkwell/WatchLoop.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 
@@ -16,6 +16,18 @@ namespace harkwell::cli {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// Where the signal handler writes; -1 while no StopSignals is alive.
+std::atomic<int> gSignalPipe{-1};
+
+extern "C" void WriteSignalByte(int) {
+  const int saved = errno;
+  const int fd = gSignalPipe.load();
+  const char byte = 1;
+  if (fd >= 0) [[maybe_unused]]
+    const ssize_t written = write(fd, &byte, 1);
+  errno = saved;
+}
 
 // Milliseconds until `when`, rounded up so the loop never wakes just before it; -1 for never.
 int TimeoutUntil(std::optional<Clock::time_point> when) {
@@ -33,47 +45,79 @@ std::optional<Clock::time_point> Earliest(std::optional<Clock::time_point> a,
   return std::min(*a, *b);
 }
 
+bool SetNonBlockingAndCloseOnExec(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0 &&
+         fcntl(fd, F_SETFD, FD_CLOEXEC) == 0;
+}
+
 }  // namespace
 
+WakePipe::WakePipe() {
+  int fds[2];
+  if (pipe(fds) != 0) return;
+  if (!SetNonBlockingAndCloseOnExec(fds[0]) || !SetNonBlockingAndCloseOnExec(fds[1])) {
+    close(fds[0]);
+    close(fds[1]);
+    return;
+  }
+  readFd_ = fds[0];
+  writeFd_ = fds[1];
+}
+
+WakePipe::~WakePipe() {
+  if (readFd_ >= 0) close(readFd_);
+  if (writeFd_ >= 0) close(writeFd_);
+}
+
+void WakePipe::wake() const {
+  const char byte = 1;
+  // A full pipe is already readable, so a failed write loses nothing.
+  [[maybe_unused]] const ssize_t written = write(writeFd_, &byte, 1);
+}
+
 StopSignals::StopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return;
-  fd_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-  // Without the descriptor the signals must keep their usual effect, or Ctrl-C would do nothing.
-  if (fd_ < 0) pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  if (!pipe_.isValid()) return;
+  gSignalPipe.store(pipe_.writeFd());
+  struct sigaction action {};
+  action.sa_handler = WriteSignalByte;
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: a wait under way returns at once and the loop sees the byte.
+  action.sa_flags = 0;
+  installed_ =
+      sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
 }
 
 StopSignals::~StopSignals() {
-  if (fd_ >= 0) close(fd_);
-}
-
-StopRequest::StopRequest() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-StopRequest::~StopRequest() {
-  if (fd_ >= 0) close(fd_);
-}
-
-void StopRequest::request() const {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(fd_, &one, sizeof one);
+  if (installed_) {
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+  }
+  gSignalPipe.store(-1);
 }
 
 WatchEnd RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
                       std::optional<Clock::time_point> deadline, ScenarioPlayer* scenario) {
   MainRunLoop& loop = MainRunLoop::shared();
+  const int loopFd = loop.fileDescriptor();
   for (;;) {
     if (scenario != nullptr) scenario->applyDue(Clock::now());
     if (deadline && Clock::now() >= *deadline) return WatchEnd::DurationEnded;
 
-    pollfd descriptors[] = {
-        {signals.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {loop.fileDescriptor(), POLLIN, 0}};
+    pollfd descriptors[] = {{signals.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {loopFd, POLLIN, 0}};
     const auto wakeAt =
         Earliest(deadline, scenario != nullptr ? scenario->nextDue() : std::nullopt);
-    const int ready = poll(descriptors, 3, TimeoutUntil(wakeAt));
-    if (ready < 0 && errno != EINTR) return WatchEnd::StopRequested;
+    if (loopFd >= 0) {
+      const int ready = poll(descriptors, 3, TimeoutUntil(wakeAt));
+      if (ready < 0 && errno != EINTR) return WatchEnd::StopRequested;
+    } else {
+      // A run loop without a descriptor (macOS's CFRunLoop) runs itself until a pipe is readable
+      // or the next due time comes.
+      const int slice = TimeoutUntil(wakeAt);
+      loop.runUntil([&] { return poll(descriptors, 2, 0) > 0; },
+                    std::chrono::milliseconds(slice < 0 ? 60'000 : slice));
+      poll(descriptors, 2, 0);
+    }
     if (descriptors[0].revents != 0) return WatchEnd::Interrupted;
     if (descriptors[1].revents != 0) return WatchEnd::StopRequested;
     if (descriptors[2].revents != 0) loop.performDueWork();

@@ -1,8 +1,8 @@
-// The main thread's loop while `harkwell watch` runs. It waits on three descriptors at once: the
-// MainRunLoop's (main-queue work and the polling timer), a signalfd for SIGINT and SIGTERM, and an
-// eventfd that other threads write to ask for the end (when stdout is closed). Between waits it
-// applies the scenario steps that are due. No signal handler runs: the signals are blocked and
-// read from the signalfd, so nothing needs to be async-signal-safe.
+// The main thread's loop while `harkwell watch` runs. It waits for three things at once: the
+// MainRunLoop's work (main-queue work and the polling timer), SIGINT or SIGTERM, and a request
+// from another thread to end (when stdout is closed). Between waits it applies the scenario steps
+// that are due. Signals and requests each arrive as a byte on a pipe; the signal handler does
+// nothing but write that byte, which is safe in a handler.
 #pragma once
 
 #include <chrono>
@@ -12,34 +12,49 @@
 
 namespace harkwell::cli {
 
-// SIGINT and SIGTERM, blocked and readable from a descriptor. Create it on the main thread before
-// any other thread starts, so every thread inherits the blocked mask and no thread is killed.
+// A non-blocking pipe whose read end becomes readable once anything was written to it.
+class WakePipe {
+ public:
+  WakePipe();
+  ~WakePipe();
+  WakePipe(const WakePipe&) = delete;
+  WakePipe& operator=(const WakePipe&) = delete;
+  bool isValid() const { return readFd_ >= 0; }
+  int readFd() const { return readFd_; }
+  int writeFd() const { return writeFd_; }
+  // Any thread, and a signal handler, may call it.
+  void wake() const;
+
+ private:
+  int readFd_ = -1;
+  int writeFd_ = -1;
+};
+
+// SIGINT and SIGTERM, turned into a readable pipe for as long as the object lives; their usual
+// effect comes back when it goes. One at a time per process.
 class StopSignals {
  public:
   StopSignals();
   ~StopSignals();
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
-  bool isValid() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
+  bool isValid() const { return installed_; }
+  int fd() const { return pipe_.readFd(); }
 
  private:
-  int fd_ = -1;
+  WakePipe pipe_;
+  bool installed_ = false;
 };
 
-// An eventfd any thread may write to ask the loop to end.
+// A pipe any thread may write to ask the loop to end.
 class StopRequest {
  public:
-  StopRequest();
-  ~StopRequest();
-  StopRequest(const StopRequest&) = delete;
-  StopRequest& operator=(const StopRequest&) = delete;
-  bool isValid() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
-  void request() const;
+  bool isValid() const { return pipe_.isValid(); }
+  int fd() const { return pipe_.readFd(); }
+  void request() const { pipe_.wake(); }
 
  private:
-  int fd_ = -1;
+  WakePipe pipe_;
 };
 
 enum class WatchEnd { Interrupted, DurationEnded, StopRequested };
