@@ -199,9 +199,9 @@ std::unique_ptr<PulseTestClient::Recording> PulseTestClient::record(const std::s
                                                                     RecordingOptions options) {
   LoopLock lock(loop_);
   // A level meter asks for one float peak per fragment at a low rate, as volume controls do.
-  const pa_sample_spec spec = options.levelMeter ? pa_sample_spec{PA_SAMPLE_FLOAT32LE, 25, 1}
-                                                 : pa_sample_spec{PA_SAMPLE_S16LE, 44100, 1};
-  pa_stream* stream = pa_stream_new(context_, "harkwell-test-recording", &spec, nullptr);
+  const pa_sample_spec format = options.levelMeter ? pa_sample_spec{PA_SAMPLE_FLOAT32LE, 25, 1}
+                                                   : pa_sample_spec{PA_SAMPLE_S16LE, 44100, 1};
+  pa_stream* stream = pa_stream_new(context_, "harkwell-test-recording", &format, nullptr);
   if (!stream) return nullptr;
   pa_stream_set_state_callback(stream, &SignalLoopForStream, loop_);
   pa_stream_set_read_callback(stream, &DiscardRecorded, nullptr);

@@ -245,7 +245,7 @@ class LinuxMainRunLoop final : public MainRunLoop {
   }
 
   void rearmTimerFd() {
-    itimerspec spec{};
+    itimerspec due{};
     {
       std::lock_guard lock(mutex_);
       if (!manualClock_ && !timers_.empty()) {
@@ -253,11 +253,11 @@ class LinuxMainRunLoop final : public MainRunLoop {
         for (auto& timer : timers_) earliest = std::min(earliest, timer->fireDate_);
         auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(earliest - Clock::now());
         if (wait.count() <= 0) wait = std::chrono::nanoseconds(1);
-        spec.it_value.tv_sec = static_cast<time_t>(wait.count() / 1'000'000'000);
-        spec.it_value.tv_nsec = static_cast<long>(wait.count() % 1'000'000'000);
+        due.it_value.tv_sec = static_cast<time_t>(wait.count() / 1'000'000'000);
+        due.it_value.tv_nsec = static_cast<long>(wait.count() % 1'000'000'000);
       }
     }
-    timerfd_settime(timerFd_, 0, &spec, nullptr);
+    timerfd_settime(timerFd_, 0, &due, nullptr);
   }
 
   mutable std::mutex mutex_;
