@@ -144,6 +144,9 @@ class PulseAudioServerFaultTest : public ::testing::Test {
   PrivatePulseServer server_;
   std::shared_ptr<PulseAudioHardwareService> service_;
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("test.server-faults");
+  // A member, so that it outlives the observation TearDown switches off: the controller's
+  // callbacks write to it until then, even when an assertion ends the test early.
+  ClientViewChecker checker_{queue_, PulseRecordProblem};
   std::shared_ptr<MediaDeviceController> controller_;
 
  private:
@@ -162,7 +165,7 @@ bool Lists(const View& view, const std::string& uid, std::optional<bool> running
 TEST_F(PulseAudioServerFaultTest, KilledAndRestartedServerLeavesTheClientWithTheServersView) {
   const std::uint64_t restarts =
       testing::RunLengthFromEnvironment("HARKWELL_SERVER_RESTARTS", kDefaultRestarts);
-  ClientViewChecker checker(queue_, PulseRecordProblem);
+  ClientViewChecker& checker = checker_;
   controller_ = MediaDeviceController::create(queue_);
   checker.attach(*controller_);
   controller_->setObserveDevices(true);

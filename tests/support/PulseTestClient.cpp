@@ -2,18 +2,6 @@
 
 #include <pulse/pulseaudio.h>
 
-// ThreadSanitizer and libpulse: libpulse hands packet and tag buffers between threads through its
-// own lock-free lists, which ThreadSanitizer cannot see because libpulse is not built with it. With
-// two libpulse clients in one process (the service under test and this client) every reuse of such
-// a buffer looks like a race inside these libpulse functions; they are told apart here, and no
-// other report is suppressed.
-extern "C" __attribute__((used, visibility("default"))) const char* __tsan_default_suppressions() {
-  return "race:pa_packet_new_data\n"
-         "race:pa_srbchannel_read\n"
-         "race:pa_iochannel_read_with_ancil_data\n"
-         "race:pa_tagstruct_put*\n";
-}
-
 namespace harkwell::testing {
 namespace {
 
