@@ -10,8 +10,6 @@
 namespace harkwell {
 namespace {
 
-constexpr std::uint32_t kStreamIDSize = sizeof(std::uint32_t);
-
 PropertyAddress GlobalAddress(std::uint32_t selector) {
   return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
 }
