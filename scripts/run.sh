@@ -3,9 +3,9 @@
 # the machine's microphones, speakers and cameras live for a few seconds.
 #
 # When no sound server answers (a fresh machine, a container, CI), it starts a private PulseAudio
-# daemon with a null microphone on a private socket, and a moment after the watch starts it opens
-# a short recording on that microphone, so Connected/InitialDiscovery and then ChangedRunning
-# true and false show up as they happen. The daemon is stopped again on exit.
+# daemon on a private socket and, while the watch runs, plugs in a null microphone, records from
+# it for two seconds and unplugs it again, so Connected, ChangedRunning true and false, and
+# Disconnected show up as they happen. The daemon is stopped again on exit.
 #
 #   scripts/run.sh                  watch for 8 seconds
 #   scripts/run.sh --json           any further options go to `harkwell watch`
@@ -26,7 +26,7 @@ if pactl info >/dev/null 2>&1; then
   exec "$harkwell" watch --duration "$seconds" "$@"
 fi
 
-echo "No sound server answers here: starting a private PulseAudio with a null microphone."
+echo "No sound server answers here: starting a private PulseAudio."
 folder="$(mktemp -d)"
 daemon=""
 recorder=""
@@ -49,7 +49,6 @@ env HOME="$folder/home" XDG_RUNTIME_DIR="$folder/runtime" XDG_CONFIG_HOME="$fold
   PULSE_RUNTIME_PATH="$folder/runtime/pulse" PULSE_STATE_PATH="$folder/state" \
   pulseaudio -n --daemonize=no --system=no --exit-idle-time=-1 --disallow-exit=yes \
   --use-pid-file=no --realtime=no --high-priority=no --log-target=stderr \
-  -L "module-null-source source_name=$microphone description=\"Demo Microphone (null)\"" \
   -L "module-native-protocol-unix auth-anonymous=1 socket=$socket" \
   2>"$folder/pulseaudio.log" &
 daemon=$!
@@ -66,16 +65,23 @@ for _ in $(seq 100); do
 done
 pactl info >/dev/null 2>&1 || { echo "pulseaudio did not answer:" >&2; cat "$folder/pulseaudio.log" >&2; exit 1; }
 
-# Two seconds into the watch, record from the null microphone for two seconds.
+# The demonstration's timeline: plug the microphone in at 1 s, record from it from 2 s to 4 s,
+# unplug it at 5 s.
 (
-  sleep 2
+  sleep 1
+  module="$(pactl load-module module-null-source "source_name=$microphone" \
+    'description="Demo Microphone (null)"')"
+  sleep 1
   parec --device="$microphone" >/dev/null &
   recording=$!
   sleep 2
   kill "$recording" 2>/dev/null || true
   wait "$recording" 2>/dev/null || true
+  sleep 1
+  pactl unload-module "$module"
 ) &
 recorder=$!
 
-echo "Watching for ${seconds} s; a recording opens on \"Demo Microphone (null)\" after 2 s."
+echo "Watching for ${seconds} s: a demo microphone is plugged in at 1 s, records from 2 s to 4 s"
+echo "and is unplugged at 5 s."
 "$harkwell" watch --duration "$seconds" "$@"
