@@ -13,6 +13,7 @@
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/SimulatedServicesFixture.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -66,19 +67,13 @@ SimulatedVideoDevice Camera(ObjectID id, const std::string& name) {
                               .transportType = kVideoTransportTypeBuiltIn};
 }
 
-class ControllerTest : public ::testing::Test {
+class ControllerTest : public testing::SimulatedServicesTest {
  protected:
-  void SetUp() override {
-    previousAudio_ = InstallAudioHardwareService(audio_);
-    previousVideo_ = InstallVideoHardwareService(video_);
-  }
-
   void TearDown() override {
     if (controller_) controller_->setObserveDevices(false);
     controller_.reset();
     DrainQueue(queue_);
-    InstallAudioHardwareService(previousAudio_);
-    InstallVideoHardwareService(previousVideo_);
+    SimulatedServicesTest::TearDown();
   }
 
   std::shared_ptr<MediaDeviceController> makeController() {
@@ -95,8 +90,8 @@ class ControllerTest : public ::testing::Test {
       seen_.append(Seen{.event = event,
                         .device = device,
                         .onQueue = queue_->isCurrent(),
-                        .audioListenersAdded = ListenerAdds(*audio_, device.deviceID),
-                        .videoListenersAdded = ListenerAdds(*video_, device.deviceID)});
+                        .audioListenersAdded = ListenerAdds(*audio, device.deviceID),
+                        .videoListenersAdded = ListenerAdds(*video, device.deviceID)});
     });
   }
 
@@ -114,17 +109,13 @@ class ControllerTest : public ::testing::Test {
   }
 
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("controller-test");
-  std::shared_ptr<SimulatedAudioHardwareService> audio_ = SimulatedAudioHardwareService::create();
-  std::shared_ptr<SimulatedVideoHardwareService> video_ = SimulatedVideoHardwareService::create();
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
   std::shared_ptr<MediaDeviceController> controller_;
   Recorder<Seen> seen_;
   testing::LogCapture log_;
 };
 
 TEST_F(ControllerTest, NeverObservingHasEmptyListsAndCallsNothing) {
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   controller_ = makeController();
   DrainQueue(queue_);
   EXPECT_FALSE(controller_->observeDevices());
@@ -132,11 +123,11 @@ TEST_F(ControllerTest, NeverObservingHasEmptyListsAndCallsNothing) {
   EXPECT_TRUE(controller_->connectedInputDevices().empty());
   EXPECT_TRUE(controller_->connectedSupportedDevices().empty());
   EXPECT_EQ(seen_.size(), 0u);
-  EXPECT_TRUE(audio_->calls().empty());
+  EXPECT_TRUE(audio->calls().empty());
 }
 
 TEST_F(ControllerTest, WritingTrueTwiceMakesOnePairOfObserversAndOneDiscovery) {
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
   auto audioObserver = controller_->audioDeviceObserver();
@@ -153,14 +144,14 @@ TEST_F(ControllerTest, WritingFalseWhileIdleTouchesNoObserver) {
   controller_->setObserveDevices(false);
   DrainQueue(queue_);
   EXPECT_FALSE(controller_->audioDeviceObserver());
-  EXPECT_TRUE(audio_->calls().empty());
-  EXPECT_TRUE(video_->calls().empty());
+  EXPECT_TRUE(audio->calls().empty());
+  EXPECT_TRUE(video->calls().empty());
   EXPECT_EQ(seen_.size(), 0u);
 }
 
 TEST_F(ControllerTest, TrueFalseTrueMakesNewObserversAndRepeatsTheDiscovery) {
-  audio_->addDevice(Microphone(10, "mic"));
-  video_->addDevice(Camera(20, "cam"));
+  audio->addDevice(Microphone(10, "mic"));
+  video->addDevice(Camera(20, "cam"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
@@ -183,10 +174,10 @@ TEST_F(ControllerTest, NoDeviceGivesOneBracketPairAndNoEvent) {
 }
 
 TEST_F(ControllerTest, DiscoveryReportsAudioThenVideoInsideOneBracketPair) {
-  audio_->addDevice(Microphone(10, "mic-a"));
-  audio_->addDevice(Microphone(11, "mic-b"));
-  video_->addDevice(Camera(20, "cam-a"));
-  video_->addDevice(Camera(21, "cam-b"));
+  audio->addDevice(Microphone(10, "mic-a"));
+  audio->addDevice(Microphone(11, "mic-b"));
+  video->addDevice(Camera(20, "cam-a"));
+  video->addDevice(Camera(21, "cam-b"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
@@ -206,8 +197,8 @@ TEST_F(ControllerTest, DiscoveryReportsAudioThenVideoInsideOneBracketPair) {
 }
 
 TEST_F(ControllerTest, PropertyObservationStartsBeforeEachDiscoveredDeviceIsReported) {
-  audio_->addDevice(Microphone(10, "mic"));
-  video_->addDevice(Camera(20, "cam"));
+  audio->addDevice(Microphone(10, "mic"));
+  video->addDevice(Camera(20, "cam"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
@@ -233,16 +224,16 @@ TEST_F(ControllerTest, PropertyObservationStartsBeforeConnectedAndStopsBeforeDis
     if (event == MediaDeviceEvent::Connected) {
       seen_.append(Seen{.event = event,
                         .device = device,
-                        .audioListenersAdded = audio_->listenerCount(10, kRunningAddress)});
+                        .audioListenersAdded = audio->listenerCount(10, kRunningAddress)});
     } else if (event == MediaDeviceEvent::Disconnected) {
-      listeningWhenDisconnected = audio_->listenerCount(10, kRunningAddress) != 0;
+      listeningWhenDisconnected = audio->listenerCount(10, kRunningAddress) != 0;
       seen_.append(Seen{.event = event, .device = device});
     }
   });
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   ASSERT_TRUE(seen_.waitForCount(1));
   EXPECT_EQ(seen_.entries()[0].audioListenersAdded, 1u);
-  audio_->removeDevice(10);
+  audio->removeDevice(10);
   ASSERT_TRUE(seen_.waitForCount(2));
   EXPECT_FALSE(listeningWhenDisconnected);
 }
@@ -251,15 +242,15 @@ TEST_F(ControllerTest, WithBothCallbacksEmptyEventsAreStillHandled) {
   controller_ = MediaDeviceController::create(queue_);
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   DrainQueue(queue_);
-  EXPECT_EQ(audio_->listenerCount(10, kRunningAddress), 1u);
-  EXPECT_EQ(audio_->listenerCount(10, kDataSourceAddress), 1u);
-  audio_->removeDevice(10);
+  EXPECT_EQ(audio->listenerCount(10, kRunningAddress), 1u);
+  EXPECT_EQ(audio->listenerCount(10, kDataSourceAddress), 1u);
+  audio->removeDevice(10);
   DrainQueue(queue_);
   // The device object is gone, so its removals answer "!obj", silently; its listeners are gone.
-  EXPECT_EQ(audio_->listenerCount(10, kRunningAddress), 0u);
-  const auto calls = audio_->calls();
+  EXPECT_EQ(audio->listenerCount(10, kRunningAddress), 0u);
+  const auto calls = audio->calls();
   EXPECT_TRUE(std::any_of(calls.begin(), calls.end(), [](const SimulatedCall& c) {
     return c.kind == SimulatedCallKind::RemovePropertyListener && c.object == 10 &&
            c.address == kRunningAddress;
@@ -268,13 +259,13 @@ TEST_F(ControllerTest, WithBothCallbacksEmptyEventsAreStillHandled) {
 }
 
 TEST_F(ControllerTest, RunningAndInputSourceChangesReachTheClientWithoutTouchingObservation) {
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  audio_->clearCalls();
-  audio_->setDeviceRunning(10, true);
-  audio_->setSelectedDataSource(10, 2);
+  audio->clearCalls();
+  audio->setDeviceRunning(10, true);
+  audio->setSelectedDataSource(10, 2);
   ASSERT_TRUE(seen_.waitForCount(5));
   DrainQueue(queue_);
   const auto entries = seen_.entries();
@@ -282,25 +273,25 @@ TEST_F(ControllerTest, RunningAndInputSourceChangesReachTheClientWithoutTouching
   EXPECT_TRUE(entries[3].device.isRunning);
   EXPECT_EQ(entries[4].event, MediaDeviceEvent::ChangedInputSource);
   EXPECT_EQ(entries[4].device.inputSourceName, "Line In");
-  for (const auto& call : audio_->calls()) {
+  for (const auto& call : audio->calls()) {
     EXPECT_NE(call.kind, SimulatedCallKind::AddPropertyListener);
     EXPECT_NE(call.kind, SimulatedCallKind::RemovePropertyListener);
   }
 }
 
 TEST_F(ControllerTest, ListsPutAudioFirstAndFilterKeepingOrder) {
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   auto speaker = Microphone(11, "speaker");
   speaker.inputStreamCount = 0;
   speaker.outputStreamCount = 1;
-  audio_->addDevice(speaker);
+  audio->addDevice(speaker);
   auto headset = Microphone(12, "headset");
   headset.outputStreamCount = 1;
-  audio_->addDevice(headset);
-  video_->addDevice(Camera(20, "cam"));
+  audio->addDevice(headset);
+  video->addDevice(Camera(20, "cam"));
   auto loopback = Camera(21, "loopback");
   loopback.outputStreamCount = 1;
-  video_->addDevice(loopback);
+  video->addDevice(loopback);
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
@@ -329,8 +320,8 @@ TEST_F(ControllerTest, ListsPutAudioFirstAndFilterKeepingOrder) {
 }
 
 TEST_F(ControllerTest, SwitchingOffBeforeTheDiscoveryRanDoesNotCancelIt) {
-  audio_->addDevice(Microphone(10, "mic"));
-  video_->addDevice(Camera(20, "cam"));
+  audio->addDevice(Microphone(10, "mic"));
+  video->addDevice(Camera(20, "cam"));
   controller_ = makeController();
   std::promise<void> gate;
   queue_->async([opened = gate.get_future().share()] { opened.wait(); });
@@ -343,8 +334,8 @@ TEST_F(ControllerTest, SwitchingOffBeforeTheDiscoveryRanDoesNotCancelIt) {
             (std::vector<std::string>{"[", "InitialDiscovery mic", "InitialDiscovery cam", "]"}));
   // Property observation was started on the observers the controller no longer owns (their
   // teardown, once the discovery released them, removed it again).
-  EXPECT_EQ(ListenerAdds(*audio_, 10), 2u);
-  EXPECT_EQ(ListenerAdds(*video_, 20), 1u);
+  EXPECT_EQ(ListenerAdds(*audio, 10), 2u);
+  EXPECT_EQ(ListenerAdds(*video, 20), 1u);
   EXPECT_TRUE(controller_->connectedDevices().empty());
 }
 
@@ -373,7 +364,7 @@ TEST_F(ControllerTest, DroppedWhileObservingItStaysAliveAndKeepsReporting) {
   controller.reset();
   ASSERT_FALSE(weak.expired());
 
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   ASSERT_TRUE(seen_.waitUntil([](const auto& entries) {
     return std::any_of(entries.begin(), entries.end(),
                        [](const Seen& s) { return s.event == MediaDeviceEvent::Connected; });
@@ -386,12 +377,12 @@ TEST_F(ControllerTest, DroppedWhileObservingItStaysAliveAndKeepsReporting) {
 }
 
 TEST_F(ControllerTest, EveryCallbackRunsOnTheEventHandlerQueue) {
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);  // the device's running state is listened to from here on
-  audio_->setDeviceRunning(10, true);
-  audio_->removeDevice(10);
+  audio->setDeviceRunning(10, true);
+  audio->removeDevice(10);
   ASSERT_TRUE(seen_.waitForCount(7));
   for (const auto& entry : seen_.entries()) EXPECT_TRUE(entry.onQueue);
 }
@@ -410,15 +401,15 @@ TEST_F(ControllerTest, WholeFlowOfOneMicrophone) {
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  audio_->addDevice(Microphone(10, "mic"));
+  audio->addDevice(Microphone(10, "mic"));
   DrainQueue(queue_);
-  audio_->setDeviceRunning(10, true);
+  audio->setDeviceRunning(10, true);
   DrainQueue(queue_);
-  audio_->setSelectedDataSource(10, 2);
+  audio->setSelectedDataSource(10, 2);
   DrainQueue(queue_);
-  audio_->setDeviceRunning(10, false);
+  audio->setDeviceRunning(10, false);
   DrainQueue(queue_);
-  audio_->removeDevice(10);
+  audio->removeDevice(10);
   DrainQueue(queue_);
 
   const auto entries = seen_.entries();
@@ -456,21 +447,21 @@ TEST_F(ControllerTest, WholeFlowOfOneMicrophone) {
 }
 
 TEST_F(ControllerTest, ClientThreadTogglesAndReadsWhileChangesArriveFromAnother) {
-  audio_->setRecordingCalls(false);
-  video_->setRecordingCalls(false);
+  audio->setRecordingCalls(false);
+  video->setRecordingCalls(false);
   controller_ = makeController();
   std::atomic<bool> stop{false};
   std::thread platform([&] {
     for (std::uint32_t i = 0; !stop.load(); ++i) {
       const ObjectID id = 100 + (i % 8);
       if (i % 3 == 0) {
-        audio_->addDevice(Microphone(id, "mic" + std::to_string(id)));
+        audio->addDevice(Microphone(id, "mic" + std::to_string(id)));
       } else if (i % 3 == 1) {
-        audio_->setDeviceRunning(id, i % 2 == 0);
-        video_->addDevice(Camera(id, "cam"));
+        audio->setDeviceRunning(id, i % 2 == 0);
+        video->addDevice(Camera(id, "cam"));
       } else {
-        audio_->removeDevice(id);
-        video_->removeDevice(id);
+        audio->removeDevice(id);
+        video->removeDevice(id);
       }
     }
   });
