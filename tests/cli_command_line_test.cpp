@@ -2,6 +2,11 @@
 // service is installed.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -125,8 +130,17 @@ TEST(CommandLine, HelpGoesToStdoutAndSucceeds) {
 
 class ServiceSetupTest : public testing::SimulatedServicesTest {
  protected:
+  // ctest runs every test in its own process, several at a time, so each one writes its scenario
+  // to a file of its own.
   std::string writeScenario(const std::string& text) {
-    path_ = ::testing::TempDir() + "harkwell_cli_scenario.json";
+    std::string pattern = ::testing::TempDir() + "harkwell-cli-scenario-XXXXXX";
+    const int fd = ::mkstemp(pattern.data());
+    if (fd < 0) {
+      ADD_FAILURE() << "mkstemp: " << std::strerror(errno);
+      return pattern;
+    }
+    ::close(fd);
+    path_ = pattern;
     std::ofstream(path_) << text;
     return path_;
   }
