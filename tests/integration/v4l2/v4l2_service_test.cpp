@@ -421,8 +421,10 @@ TEST_F(V4L2ServiceTest, QuickOpenAndCloseYieldsAtMostOnePairOfEvents) {
     const auto values = listener.values.entries();
     const std::size_t fired = values.size() - before;
     EXPECT_TRUE(fired == 0 || fired == 2) << "round " << round << ": " << fired << " events";
+    // Each call reads the value when it runs, so a call delayed past the close may already read 0;
+    // the last one always reads the settled state.
     if (fired == 2) {
-      EXPECT_EQ(values[before], 1u);
+      EXPECT_LE(values[before], 1u);
       EXPECT_EQ(values[before + 1], 0u);
     }
     EXPECT_EQ(uint32(2, kRunning), 0u);
