@@ -104,8 +104,7 @@ SimulatedFaultWorld::SimulatedFaultWorld()
   video_->setRecordingCalls(false);
   audio_->setCallHook([this](const SimulatedCall& call) { beforeCall(MediaType::Audio, call); });
   video_->setCallHook([this](const SimulatedCall& call) { beforeCall(MediaType::Video, call); });
-  previousAudio_ = InstallAudioHardwareService(audio_);
-  previousVideo_ = InstallVideoHardwareService(video_);
+  services_.install(audio_, video_);
   previousSink_ = InstallLogSink([this](std::string_view line) { onLogLine(line); });
   MainRunLoop::shared().useManualClock();
 
@@ -126,8 +125,7 @@ SimulatedFaultWorld::~SimulatedFaultWorld() {
   DrainQueueServingMainThread(queue_);
   MainRunLoop::shared().useSystemClock();
   InstallLogSink(std::move(previousSink_));
-  InstallAudioHardwareService(previousAudio_);
-  InstallVideoHardwareService(previousVideo_);
+  services_.restore();
 }
 
 SimulatedObjectGraph& SimulatedFaultWorld::graph(MediaType mediaType) {

@@ -29,6 +29,7 @@
 #include "HarkwellFoundation/Platform/SystemLog.h"
 #include "tests/reliability/ChoiceSource.h"
 #include "tests/reliability/ClientViewChecker.h"
+#include "tests/support/ScopedHardwareServices.h"
 
 namespace harkwell::testing {
 
@@ -85,8 +86,7 @@ class SimulatedFaultWorld {
   std::unique_ptr<ClientViewChecker> checker_;
   std::shared_ptr<MediaDeviceController> controller_;
 
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
+  ScopedHardwareServices services_;
   LogSink previousSink_;
 
   // The next generation of each (media type, ID), so a reused ID names a new device.

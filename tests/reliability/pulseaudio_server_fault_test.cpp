@@ -15,6 +15,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -29,6 +30,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
+#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -89,11 +91,9 @@ class PulseAudioServerFaultTest : public ::testing::Test {
     options.server = server_.address();
     service_ = PulseAudioHardwareService::create(options);
     ASSERT_TRUE(service_);
-    previousAudio_ = InstallAudioHardwareService(service_);
-    previousVideo_ = InstallVideoHardwareService(SimulatedVideoHardwareService::create());
+    services_.install(service_, SimulatedVideoHardwareService::create());
     // The service logs each lost connection; those lines are expected here.
     previousSink_ = InstallLogSink([](std::string_view) {});
-    installed_ = true;
   }
 
   void TearDown() override {
@@ -102,11 +102,9 @@ class PulseAudioServerFaultTest : public ::testing::Test {
       testing::DrainQueue(queue_);
     }
     controller_.reset();
-    if (installed_) {
-      InstallLogSink(std::move(previousSink_));
-      InstallAudioHardwareService(previousAudio_);
-      InstallVideoHardwareService(previousVideo_);
-    }
+    if (previousSink_) InstallLogSink(std::move(*previousSink_));
+    previousSink_.reset();
+    services_.restore();
   }
 
   // What `pactl list short sources` and `... sinks` say: each device's name and whether its state
@@ -150,10 +148,9 @@ class PulseAudioServerFaultTest : public ::testing::Test {
   std::shared_ptr<MediaDeviceController> controller_;
 
  private:
-  bool installed_ = false;
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
-  LogSink previousSink_;
+  testing::ScopedHardwareServices services_;
+  // Set once SetUp has put in its own sink.
+  std::optional<LogSink> previousSink_;
 };
 
 bool Lists(const View& view, const std::string& uid, std::optional<bool> running = std::nullopt) {

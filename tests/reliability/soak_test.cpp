@@ -21,6 +21,7 @@
 #include "tests/reliability/LeakCheck.h"
 #include "tests/reliability/QueueDrain.h"
 #include "tests/reliability/RunLength.h"
+#include "tests/support/ScopedHardwareServices.h"
 
 namespace harkwell {
 namespace {
@@ -85,8 +86,7 @@ class SoakTest : public ::testing::Test {
   void SetUp() override {
     audio_->setRecordingCalls(false);
     video_->setRecordingCalls(false);
-    previousAudio_ = InstallAudioHardwareService(audio_);
-    previousVideo_ = InstallVideoHardwareService(video_);
+    services_.install(audio_, video_);
     previousSink_ = InstallLogSink([this](std::string_view) { ++logLines_; });
     // Bluetooth microphones are polled; the poll timer waits for a clock that only the test moves.
     MainRunLoop::shared().useManualClock();
@@ -95,8 +95,7 @@ class SoakTest : public ::testing::Test {
   void TearDown() override {
     MainRunLoop::shared().useSystemClock();
     InstallLogSink(std::move(previousSink_));
-    InstallAudioHardwareService(previousAudio_);
-    InstallVideoHardwareService(previousVideo_);
+    services_.restore();
   }
 
   // Everything the last change caused has reached the client, and it broke no rule.
@@ -112,8 +111,7 @@ class SoakTest : public ::testing::Test {
   std::atomic<std::uint64_t> logLines_{0};
 
  private:
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
+  testing::ScopedHardwareServices services_;
   LogSink previousSink_;
 };
 

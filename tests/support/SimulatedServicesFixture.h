@@ -15,20 +15,14 @@
 #include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "tests/support/ScopedHardwareServices.h"
 
 namespace harkwell::testing {
 
 class SimulatedServicesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    previousAudio_ = InstallAudioHardwareService(audio);
-    previousVideo_ = InstallVideoHardwareService(video);
-  }
-
-  void TearDown() override {
-    InstallAudioHardwareService(previousAudio_);
-    InstallVideoHardwareService(previousVideo_);
-  }
+  void SetUp() override { services_.install(audio, video); }
+  void TearDown() override { services_.restore(); }
 
   const std::shared_ptr<SimulatedAudioHardwareService> audio =
       SimulatedAudioHardwareService::create();
@@ -36,8 +30,7 @@ class SimulatedServicesTest : public ::testing::Test {
       SimulatedVideoHardwareService::create();
 
  private:
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
+  ScopedHardwareServices services_;
 };
 
 // Expects, when it goes away, as many platform strings alive as when it was made: every string

@@ -16,6 +16,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
+#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -60,10 +61,8 @@ class PulseAudioControllerTest : public ::testing::Test {
     options.server = server_.address();
     service_ = PulseAudioHardwareService::create(options);
     ASSERT_TRUE(service_);
-    previousAudio_ = InstallAudioHardwareService(service_);
     // No cameras: the client hears of audio devices only.
-    previousVideo_ = InstallVideoHardwareService(SimulatedVideoHardwareService::create());
-    installed_ = true;
+    services_.install(service_, SimulatedVideoHardwareService::create());
     client_ = std::make_unique<PulseTestClient>(server_.address());
     ASSERT_TRUE(client_->isConnected());
 
@@ -83,10 +82,7 @@ class PulseAudioControllerTest : public ::testing::Test {
       testing::DrainQueue(queue_);
     }
     controller_.reset();
-    if (installed_) {
-      InstallAudioHardwareService(previousAudio_);
-      InstallVideoHardwareService(previousVideo_);
-    }
+    services_.restore();
   }
 
   // Starts observing and waits for the initial discovery to end (its closing bracket is the
@@ -131,9 +127,7 @@ class PulseAudioControllerTest : public ::testing::Test {
   Recorder<bool> brackets_;
 
  private:
-  bool installed_ = false;
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
+  testing::ScopedHardwareServices services_;
 };
 
 TEST_F(PulseAudioControllerTest, DevicesPresentAtStartArriveAsInitialDiscovery) {

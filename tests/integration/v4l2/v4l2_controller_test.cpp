@@ -11,6 +11,7 @@
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "PipedChildProcess.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell::testing {
@@ -31,10 +32,6 @@ std::vector<Event> EventsOfKind(const std::vector<Event>& events, MediaDeviceEve
 
 class V4L2ControllerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    previousAudio_ = InstallAudioHardwareService(SimulatedAudioHardwareService::create());
-  }
-
   void TearDown() override {
     if (controller) {
       controller->setObserveDevices(false);
@@ -42,8 +39,7 @@ class V4L2ControllerTest : public ::testing::Test {
     }
     if (service) service->waitForPendingChanges();
     DrainQueue(queue);
-    InstallAudioHardwareService(previousAudio_);
-    if (previousVideo_) InstallVideoHardwareService(previousVideo_);
+    services_.restore();
   }
 
   // Starts the service on the tree and a controller on it; returns once the initial discovery
@@ -53,7 +49,8 @@ class V4L2ControllerTest : public ::testing::Test {
                                            .devRoot = tree.devRoot(),
                                            .procRoot = "/proc",
                                            .udevDataRoot = tree.udevDataRoot()});
-    previousVideo_ = InstallVideoHardwareService(service);
+    // No microphones: the client hears of cameras only.
+    services_.install(SimulatedAudioHardwareService::create(), service);
     controller = MediaDeviceController::create(queue);
     controller->setDeviceEventHandler(
         [events = events](MediaDeviceEvent event, const MediaDevice& device) {
@@ -105,8 +102,7 @@ class V4L2ControllerTest : public ::testing::Test {
   std::shared_ptr<MediaDeviceController> controller;
 
  private:
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
+  ScopedHardwareServices services_;
 };
 
 TEST_F(V4L2ControllerTest, CreatingANodeYieldsConnectedWithTheMappedRecord) {
