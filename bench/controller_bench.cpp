@@ -23,6 +23,7 @@
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 #include "bench/support/RatioReporter.h"
+#include "tests/support/ScopedHardwareServices.h"
 #ifdef HARKWELL_HAVE_PULSEAUDIO
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "tests/support/ChildProcess.h"
@@ -31,6 +32,8 @@
 
 namespace harkwell {
 namespace {
+
+using testing::ScopedHardwareServices;
 
 // Counts callbacks and lets the benchmark's thread wait for the next one.
 class CallbackCounter {
@@ -54,25 +57,6 @@ class CallbackCounter {
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   std::uint64_t count_ = 0;
-};
-
-// Installs the given services process-wide for a benchmark's lifetime.
-class InstalledServices {
- public:
-  InstalledServices(std::shared_ptr<AudioHardwareService> audio,
-                    std::shared_ptr<VideoHardwareService> video)
-      : previousAudio_(InstallAudioHardwareService(std::move(audio))),
-        previousVideo_(InstallVideoHardwareService(std::move(video))) {}
-  ~InstalledServices() {
-    InstallAudioHardwareService(previousAudio_);
-    InstallVideoHardwareService(previousVideo_);
-  }
-  InstalledServices(const InstalledServices&) = delete;
-  InstalledServices& operator=(const InstalledServices&) = delete;
-
- private:
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
 };
 
 // Switches a controller on, with both callbacks counting, and waits for the initial discovery's
@@ -107,7 +91,7 @@ void BM_SimulatedChangeToClient(benchmark::State& state) {
                                         .transportType = kAudioDeviceTransportTypeUSB,
                                         .selectedDataSource = 1,
                                         .dataSourceNames = {{1, "Front"}}});
-  InstalledServices installed(audio, SimulatedVideoHardwareService::create());
+  ScopedHardwareServices installed(audio, SimulatedVideoHardwareService::create());
   auto controller = MediaDeviceController::create(DispatchQueue::createSerial("bench.controller"));
   CallbackCounter events;
   CallbackCounter closingBrackets;
@@ -171,14 +155,14 @@ void MeasureStartUps(benchmark::State& state, bool connect) {
     state.SkipWithError(error.c_str());
     return;
   }
-  std::optional<InstalledServices> connected;
+  std::optional<ScopedHardwareServices> connected;
   if (!connect)
     connected.emplace(ConnectedService(*server), SimulatedVideoHardwareService::create());
   auto queue = DispatchQueue::createSerial("bench.start-up");
   CallbackCounter events;
   CallbackCounter closingBrackets;
   for (auto _ : state) {
-    std::optional<InstalledServices> fresh;
+    std::optional<ScopedHardwareServices> fresh;
     if (connect) fresh.emplace(ConnectedService(*server), SimulatedVideoHardwareService::create());
     auto controller = MediaDeviceController::create(queue);
     if (!SwitchOn(*controller, events, closingBrackets)) {

@@ -23,6 +23,7 @@
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
+#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -51,16 +52,11 @@ class ObservedServer {
       error_ = "the PulseAudio service did not start";
       return;
     }
-    previousAudio_ = InstallAudioHardwareService(service);
-    previousVideo_ = InstallVideoHardwareService(SimulatedVideoHardwareService::create());
-    installed_ = true;
+    services_.install(service, SimulatedVideoHardwareService::create());
   }
   ~ObservedServer() {
     stopObserving();
-    if (installed_) {
-      InstallAudioHardwareService(previousAudio_);
-      InstallVideoHardwareService(previousVideo_);
-    }
+    services_.restore();
   }
   ObservedServer(const ObservedServer&) = delete;
   ObservedServer& operator=(const ObservedServer&) = delete;
@@ -93,9 +89,7 @@ class ObservedServer {
  private:
   PrivatePulseServer server_;
   std::string error_;
-  bool installed_ = false;
-  std::shared_ptr<AudioHardwareService> previousAudio_;
-  std::shared_ptr<VideoHardwareService> previousVideo_;
+  testing::ScopedHardwareServices services_;
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("bench.pulseaudio");
   std::shared_ptr<MediaDeviceController> controller_;
 };

@@ -40,6 +40,7 @@
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "bench/support/RatioReporter.h"
 #include "tests/integration/v4l2/PipedChildProcess.h"
+#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -193,12 +194,11 @@ struct RunningEvent {
 
 void BM_OpenToChangedRunning(benchmark::State& state) {
   const Machine& machine = SharedMachine();
-  const auto previousAudio = InstallAudioHardwareService(SimulatedAudioHardwareService::create());
   auto service = V4L2HardwareService::create({.sysfsRoot = machine.sysfsRoot(),
                                               .devRoot = machine.devRoot(),
                                               .procRoot = "/proc",
                                               .udevDataRoot = ""});
-  const auto previousVideo = InstallVideoHardwareService(service);
+  testing::ScopedHardwareServices installed(SimulatedAudioHardwareService::create(), service);
   auto queue = DispatchQueue::createSerial("com.harkwell.bench.v4l2");
   auto events = std::make_shared<testing::Recorder<RunningEvent>>();
   auto controller = MediaDeviceController::create(queue);
@@ -239,8 +239,6 @@ void BM_OpenToChangedRunning(benchmark::State& state) {
   helper.reset();
   controller->setObserveDevices(false);
   testing::DrainQueue(queue);
-  InstallVideoHardwareService(previousVideo);
-  InstallAudioHardwareService(previousAudio);
 }
 BENCHMARK(BM_OpenToChangedRunning)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(200);
 

@@ -11,6 +11,10 @@ namespace harkwell::testing {
 class ScopedHardwareServices {
  public:
   ScopedHardwareServices() = default;
+  ScopedHardwareServices(std::shared_ptr<AudioHardwareService> audio,
+                         std::shared_ptr<VideoHardwareService> video) {
+    install(std::move(audio), std::move(video));
+  }
   ~ScopedHardwareServices() { restore(); }
   ScopedHardwareServices(const ScopedHardwareServices&) = delete;
   ScopedHardwareServices& operator=(const ScopedHardwareServices&) = delete;
