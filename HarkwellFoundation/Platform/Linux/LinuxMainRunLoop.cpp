@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -273,6 +274,8 @@ class LinuxMainRunLoop final : public MainRunLoop {
 };
 
 void LinuxRunLoopTimer::invalidate() {
+  // Debug builds catch a caller that skipped the hop to the main thread.
+  assert(IsMainThread() && "run loop timers are invalidated on the main thread");
   loop_.invalidate(*this);
 }
 
