@@ -239,6 +239,16 @@ TEST_F(AudioObserverTest, StartingPropertiesTwiceLeavesOneRecordPerMap) {
   EXPECT_EQ(observer->deviceSelectedInputSourceObserverCount(), 0u);
   EXPECT_EQ(audio->listenerCount(kMic, kRunning), 1u);
   EXPECT_EQ(audio->listenerCount(kMic, kDataSource), 1u);
+
+  // What was removed is the second registration: the record kept is the newer one.
+  for (const PropertyAddress& address : {kRunning, kDataSource}) {
+    const auto calls = audio->calls();
+    const auto adds = CallsAt(calls, SimulatedCallKind::AddPropertyListener, kMic, address);
+    const auto removes = CallsAt(calls, SimulatedCallKind::RemovePropertyListener, kMic, address);
+    ASSERT_EQ(adds.size(), 2u);
+    ASSERT_EQ(removes.size(), 1u);
+    EXPECT_EQ(removes[0].closure, adds[1].closure);
+  }
 }
 
 TEST_F(AudioObserverTest, StartRegistersRunningThenInputSourceThenReadsTheTransport) {

@@ -202,7 +202,10 @@ TEST_F(ControllerTest, PropertyObservationStartsBeforeEachDiscoveredDeviceIsRepo
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  for (const auto& entry : seen_.entries()) {
+  const auto entries = seen_.entries();
+  ASSERT_EQ(
+      std::count_if(entries.begin(), entries.end(), [](const auto& e) { return !e.isBracket; }), 2);
+  for (const auto& entry : entries) {
     if (entry.isBracket) continue;
     if (entry.device.mediaType == MediaType::Audio) {
       // Running state and selected input source.

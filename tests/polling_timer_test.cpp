@@ -139,8 +139,7 @@ TEST_F(PollingTimerTest, HandlersRunOnTheEventHandlerQueue) {
 }
 
 TEST_F(PollingTimerTest, HandlerThatRemovesItselfDoesNotStopTheOthers) {
-  // Removing happens on the queue, so an invalidation hops to the main thread: the main thread
-  // runs the loop while the pass is under way.
+  // The pass runs on the queue while the main thread runs the loop, so runUntil waits for it.
   std::atomic<int> passes{0};
   observer_->addPollingHandlerForDeviceID(1, [this] {
     calls_.append("one");
@@ -221,10 +220,17 @@ TEST_F(PollingTimerTest, HandlerAddedDuringAPassIsFirstCalledAtTheNextFiring) {
 }
 
 TEST_F(PollingTimerTest, WithoutHandlersThereIsNoTimerAndNothingFires) {
+  // Only the timer starts a polling pass, so with no timer on the loop nothing can fire.
   EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
   EXPECT_EQ(loop().scheduledTimerCount(), 0u);
+
+  // The same holds once the map has been emptied again.
+  observer_->addPollingHandlerForDeviceID(1, [] {});
+  ASSERT_EQ(loop().scheduledTimerCount(), 1u);
+  observer_->removePollingHandlerForDeviceID(1);
   advance(60s);
-  EXPECT_EQ(calls_.size(), 0u);
+  EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
+  EXPECT_EQ(loop().scheduledTimerCount(), 0u);
 }
 
 TEST_F(PollingTimerTest, ObserverWithALiveTimerIsNotTornDown) {
