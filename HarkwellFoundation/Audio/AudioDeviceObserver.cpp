@@ -120,12 +120,11 @@ void AudioDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t devi
 }
 
 void AudioDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
-  if (auto running = FindLocked(observersMutex_, _deviceIsRunningObservers, deviceID,
-                                /*erase=*/true)) {
+  if (auto running = TakeLocked(observersMutex_, _deviceIsRunningObservers, deviceID)) {
     AudioDeviceRemoveObserverForDeviceIsRunning(*running);
   }
-  if (auto inputSource = FindLocked(observersMutex_, _deviceSelectedInputSourceObservers, deviceID,
-                                    /*erase=*/true)) {
+  if (auto inputSource =
+          TakeLocked(observersMutex_, _deviceSelectedInputSourceObservers, deviceID)) {
     AudioDeviceRemoveObserverForSelectedInputSource(*inputSource);
   }
   removePollingHandlerForDeviceID(deviceID);

@@ -44,20 +44,30 @@ void StoreLocked(std::mutex& mutex, Map& map, std::uint32_t deviceID,
                  typename Map::mapped_type record) {
   std::optional<typename Map::mapped_type> replaced;
   std::lock_guard lock(mutex);
-  auto [slot, inserted] = map.try_emplace(deviceID, record);
+  // try_emplace leaves `record` untouched when the device already has an entry.
+  auto [slot, inserted] = map.try_emplace(deviceID, std::move(record));
   if (!inserted) replaced = std::exchange(slot->second, std::move(record));
 }
 
-// The record stored under `deviceID`, read while holding `mutex`; with `erase` it also leaves the
-// map.
+// A copy of the record stored under `deviceID`, read while holding `mutex`.
 template <class Map>
-std::optional<typename Map::mapped_type> FindLocked(std::mutex& mutex, Map& map,
-                                                    std::uint32_t deviceID, bool erase) {
+std::optional<typename Map::mapped_type> CopyLocked(std::mutex& mutex, Map& map,
+                                                    std::uint32_t deviceID) {
   std::lock_guard lock(mutex);
   auto found = map.find(deviceID);
   if (found == map.end()) return std::nullopt;
-  std::optional<typename Map::mapped_type> record = found->second;
-  if (erase) map.erase(found);
+  return found->second;
+}
+
+// The record stored under `deviceID`, taken out of the map while holding `mutex`.
+template <class Map>
+std::optional<typename Map::mapped_type> TakeLocked(std::mutex& mutex, Map& map,
+                                                    std::uint32_t deviceID) {
+  std::lock_guard lock(mutex);
+  auto found = map.find(deviceID);
+  if (found == map.end()) return std::nullopt;
+  std::optional<typename Map::mapped_type> record = std::move(found->second);
+  map.erase(found);
   return record;
 }
 

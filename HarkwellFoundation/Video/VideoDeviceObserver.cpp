@@ -93,8 +93,7 @@ void VideoDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t devi
 
 void VideoDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
   // The entry stays in the map: a later start overwrites it and stopping all devices clears it.
-  if (auto record = FindLocked(observersMutex_, _deviceIsRunningObservers, deviceID,
-                               /*erase=*/false)) {
+  if (auto record = CopyLocked(observersMutex_, _deviceIsRunningObservers, deviceID)) {
     VideoDeviceRemoveObserverForDeviceIsRunning(*record);
   }
 }
