@@ -64,6 +64,11 @@ std::optional<MediaDevice> MediaDeviceObserver::cachedDeviceForDeviceID(
   return found->second;
 }
 
+bool MediaDeviceObserver::_isCached(std::uint32_t deviceID) const {
+  std::lock_guard lock(cacheMutex_);
+  return _cachedDevices.count(deviceID) != 0;
+}
+
 std::optional<MediaDevice> MediaDeviceObserver::_buildDeviceForDeviceID(
     std::uint32_t deviceID) const {
   // The first four answers are required; the first one missing abandons the device.
@@ -166,7 +171,7 @@ void MediaDeviceObserver::noteConnectedDevicesDidChange() {
 }
 
 void MediaDeviceObserver::noteIsRunningChangedForDeviceID(std::uint32_t deviceID) {
-  if (!cachedDeviceForDeviceID(deviceID)) return;
+  if (!_isCached(deviceID)) return;
   const bool isRunning = deviceIsRunningForDeviceID(deviceID).value_or(false);
   MediaDevice patched;
   {
@@ -182,7 +187,7 @@ void MediaDeviceObserver::noteIsRunningChangedForDeviceID(std::uint32_t deviceID
 }
 
 void MediaDeviceObserver::noteSelectedInputSourceChangedForDeviceID(std::uint32_t deviceID) {
-  if (!cachedDeviceForDeviceID(deviceID)) return;
+  if (!_isCached(deviceID)) return;
   auto inputSourceName = deviceInputSourceNameForDeviceID(deviceID);
   if (!inputSourceName) return;
   MediaDevice patched;
@@ -226,8 +231,7 @@ void MediaDeviceObserver::removePollingHandlerForDeviceID(std::uint32_t deviceID
     }
     if (!_devicePropertiesPollingHandlers.empty()) return;
     // Cleared before the invalidation so that a concurrent add schedules a fresh timer.
-    timer = std::move(_devicePropertiesPollingTimer);
-    _devicePropertiesPollingTimer = nullptr;
+    timer = std::exchange(_devicePropertiesPollingTimer, nullptr);
   }
   if (!timer) return;
   // The run loop that holds the timer is the main thread's, so that is where it is invalidated.

@@ -137,6 +137,7 @@ class MediaDeviceObserver : public std::enable_shared_from_this<MediaDeviceObser
       const std::vector<std::uint32_t>& connectedDeviceIDs);
   std::vector<std::uint32_t> _newDeviceIDsForConnectedDeviceIDs(
       const std::vector<std::uint32_t>& connectedDeviceIDs) const;
+  bool _isCached(std::uint32_t deviceID) const;
   std::optional<MediaDevice> _buildDeviceForDeviceID(std::uint32_t deviceID) const;
   void _cacheDevice(const MediaDevice& device);
   void _pollDeviceProperties();
@@ -145,7 +146,9 @@ class MediaDeviceObserver : public std::enable_shared_from_this<MediaDeviceObser
   const double devicePropertiesPollingInterval_ = kDevicePropertiesPollingInterval;
   const std::shared_ptr<DispatchQueue> deviceEventHandlerQueue_;
 
-  // Short critical sections only: copy in or out, never call out while holding one.
+  // Short critical sections only: copy in or out, never call out while holding one. The one
+  // exception: the polling timer is scheduled under pollingMutex_, so that two first adds racing
+  // each other cannot both create one; the run loop never calls back under its own lock.
   mutable std::mutex handlersMutex_;
   UpdatingDevicesHandler updatingDevicesHandler_;
   DeviceEventHandler deviceEventHandler_;
