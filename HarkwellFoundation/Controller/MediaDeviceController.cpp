@@ -72,7 +72,8 @@ std::shared_ptr<Observer> MediaDeviceController::_makeObserver() {
       [self = shared_from_this()](MediaDeviceObserver&, bool finished) {
         if (auto handler = self->updatingDevicesHandler()) handler(finished);
       });
-  // The event forwarder does not; the stop sequence clears it before the controller can go.
+  // The event forwarder does not. Once the controller is gone it does nothing: a note already
+  // running on the queue when the last reference went can still reach it.
   observer->setDeviceEventHandler([weakSelf = weak_from_this()](MediaDeviceObserver& source,
                                                                 MediaDeviceEvent event,
                                                                 const MediaDevice& device) {

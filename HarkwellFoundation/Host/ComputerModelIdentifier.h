@@ -5,7 +5,6 @@
 // logged, nothing is kept, and every call asks again.
 #pragma once
 
-#include <functional>
 #include <optional>
 #include <string>
 

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
-#include <iterator>
 
 #include "HarkwellFoundation/Host/ModelIdentifierSources.h"
 

@@ -22,8 +22,9 @@ using SysctlFunction =
 std::optional<std::string> ComputerModelIdentifierFromSysctl(const SysctlFunction& sysctl);
 
 // The Linux sources under `root` (normally "/"): the DMI product name from
-// sys/class/dmi/id, prefixed with the system vendor unless the name already starts with it, or,
-// where DMI says nothing useful, the device-tree model. Placeholder names that firmware leaves
+// sys/class/dmi/id, prefixed with the system vendor unless the name already starts with it or is
+// an Apple-style "Name<major>,<minor>" identifier (it contains a comma), or, where DMI says
+// nothing useful, the device-tree model. Placeholder names that firmware leaves
 // unfilled ("To Be Filled By O.E.M.", "System Product Name", "Default string", ...) count as none.
 std::optional<std::string> ComputerModelIdentifierFromLinuxFirmware(
     const std::filesystem::path& root);
