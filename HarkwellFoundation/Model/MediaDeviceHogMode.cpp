@@ -22,10 +22,10 @@ constexpr PropertyAddress kVideoHogModeAddress{
     kCMIODevicePropertyHogMode, kCMIOObjectPropertyScopeGlobal, kCMIOObjectPropertyElementMaster};
 
 // The owner's pid is a signed 32-bit value read as 4 bytes.
-std::optional<MediaDeviceHogMode> ReadHogMode(const HardwarePropertyReader& access,
+std::optional<MediaDeviceHogMode> ReadHogMode(const HardwarePropertyReader& reader,
                                               std::uint32_t deviceID,
                                               const PropertyAddress& address) {
-  auto pid = access.readUInt32(deviceID, address, "hog mode PID");
+  auto pid = reader.readUInt32(deviceID, address, "hog mode PID");
   if (!pid) return std::nullopt;
   return MediaDeviceHogMode(static_cast<std::int32_t>(*pid));
 }
@@ -33,13 +33,13 @@ std::optional<MediaDeviceHogMode> ReadHogMode(const HardwarePropertyReader& acce
 // Any write toggles: the service takes a free device, releases one this process holds, leaves one
 // another process holds, and writes the owner afterwards back into the value. A failed write leaves
 // the 0 in place, which is never this process.
-bool ToggleHogMode(const HardwarePropertyReader& access, std::uint32_t deviceID,
+bool ToggleHogMode(const HardwarePropertyReader& reader, std::uint32_t deviceID,
                    const PropertyAddress& address) {
   std::int32_t owner = 0;
   const OSStatus status =
-      access.service().setPropertyData(deviceID, address, 0, nullptr, sizeof owner, &owner);
+      reader.service().setPropertyData(deviceID, address, 0, nullptr, sizeof owner, &owner);
   if (status != kNoErr) {
-    access.logFailure(status, DeviceMessage("Unable to set hog mode PID", deviceID));
+    reader.logFailure(status, DeviceMessage("Unable to set hog mode PID", deviceID));
   }
   return owner == getpid();
 }

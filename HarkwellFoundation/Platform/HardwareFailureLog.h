@@ -23,12 +23,8 @@ struct HardwareFailureLogFormat {
   OSStatus badObjectStatus;      // the status that is never logged
 };
 
-// The composed line, or empty when the status is the bad-object status.
-std::optional<std::string> ComposeHardwareFailureLine(const HardwareFailureLogFormat& format,
-                                                      std::optional<OSStatus> status,
-                                                      std::string_view message);
-
-// Writes the composed line to the system log as it stands.
+// Writes "<errorPrefix><status>: <message>" to the system log as it stands, with
+// "(unknown error)" when there is no status; nothing for the bad-object status.
 void LogHardwareFailure(const HardwareFailureLogFormat& format, std::optional<OSStatus> status,
                         std::string_view message);
 

@@ -41,13 +41,11 @@ constexpr std::uint32_t kVideoTransportTypeBluetooth = FourCharCode("blue");
 constexpr std::uint32_t kVideoTransportTypeNetwork = FourCharCode("ntwk");
 constexpr std::uint32_t kVideoTransportTypeAVB = FourCharCode("eavb");
 constexpr std::uint32_t kVideoTransportTypePCI = FourCharCode("pci ");
-constexpr std::uint32_t kVideoTransportTypeAggregate = FourCharCode("grup");
 
 // Statuses.
 constexpr OSStatus kCMIOHardwareBadObjectError = static_cast<OSStatus>(FourCharCode("!obj"));
 constexpr OSStatus kCMIOHardwareUnknownPropertyError = static_cast<OSStatus>(FourCharCode("who?"));
 constexpr OSStatus kCMIOHardwareBadPropertySizeError = static_cast<OSStatus>(FourCharCode("!siz"));
 constexpr OSStatus kCMIOHardwareIllegalOperationError = static_cast<OSStatus>(FourCharCode("nope"));
-constexpr OSStatus kCMIOHardwareUnspecifiedError = static_cast<OSStatus>(FourCharCode("what"));
 
 }  // namespace harkwell

@@ -42,8 +42,6 @@ static_assert(SameSdkValue(harkwell::kCMIOHardwareBadPropertySizeError,
                            ::kCMIOHardwareBadPropertySizeError));
 static_assert(SameSdkValue(harkwell::kCMIOHardwareIllegalOperationError,
                            ::kCMIOHardwareIllegalOperationError));
-static_assert(SameSdkValue(harkwell::kCMIOHardwareUnspecifiedError,
-                           ::kCMIOHardwareUnspecifiedError));
 
 CMIOObjectPropertyAddress native(const PropertyAddress& address) {
   return ToNativeAddress<CMIOObjectPropertyAddress>(address);
