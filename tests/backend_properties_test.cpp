@@ -11,7 +11,7 @@
 
 #include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "HarkwellFoundation/Platform/SharedHardwareCodes.h"
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SimulatedServicesFixture.h"
@@ -91,15 +91,6 @@ struct VideoBackend {
 
 // Selectors and the device-list object are the same codes for both services.
 constexpr ObjectID kSystemObject = kAudioObjectSystemObject;
-static_assert(kAudioObjectSystemObject == kCMIOObjectSystemObject);
-static_assert(kAudioHardwarePropertyDevices == kCMIOHardwarePropertyDevices);
-static_assert(kAudioObjectPropertyName == kCMIOObjectPropertyName);
-static_assert(kAudioDevicePropertyDeviceUID == kCMIODevicePropertyDeviceUID);
-static_assert(kAudioDevicePropertyModelUID == kCMIODevicePropertyModelUID);
-static_assert(kAudioDevicePropertyStreams == kCMIODevicePropertyStreams);
-static_assert(kAudioDevicePropertyDeviceIsRunningSomewhere ==
-              kCMIODevicePropertyDeviceIsRunningSomewhere);
-static_assert(kAudioDevicePropertyTransportType == kCMIODevicePropertyTransportType);
 
 template <class Backend>
 class BackendPropertiesTest : public testing::SimulatedServicesTest {

@@ -13,8 +13,8 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/SharedHardwareCodes.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "tests/support/ScopedHardwareServices.h"
 
 namespace harkwell::testing {
@@ -48,9 +48,6 @@ class PlatformStringLeakCheck {
 
 // Addresses as the library builds them, with element 0. The audio and video services use the same
 // scope codes.
-static_assert(kAudioObjectPropertyScopeGlobal == kCMIOObjectPropertyScopeGlobal);
-static_assert(kAudioObjectPropertyScopeInput == kCMIODevicePropertyScopeInput);
-static_assert(kAudioObjectPropertyScopeOutput == kCMIODevicePropertyScopeOutput);
 constexpr PropertyAddress GlobalAddress(std::uint32_t selector) {
   return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
 }

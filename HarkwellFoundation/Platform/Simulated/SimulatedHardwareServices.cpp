@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+// One set of helpers fills audio and video devices alike.
+#include "HarkwellFoundation/Platform/SharedHardwareCodes.h"
 
 namespace harkwell {
 namespace {
@@ -55,14 +55,6 @@ void setCommonDeviceProperties(SimulatedObjectGraph& graph, ObjectID id,
 }
 
 }  // namespace
-
-// The audio and video codes coincide for every selector and scope used here; the static_asserts
-// keep the shared helpers honest.
-static_assert(kAudioHardwarePropertyDevices == kCMIOHardwarePropertyDevices);
-static_assert(kAudioObjectPropertyScopeInput == kCMIODevicePropertyScopeInput);
-static_assert(kAudioObjectPropertyScopeOutput == kCMIODevicePropertyScopeOutput);
-static_assert(kAudioDevicePropertyDeviceIsRunningSomewhere ==
-              kCMIODevicePropertyDeviceIsRunningSomewhere);
 
 // --- Both media types ----------------------------------------------------------------------------
 

@@ -5,17 +5,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
-#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+// Audio and video services answer with the same codes, so one graph serves both.
+#include "HarkwellFoundation/Platform/SharedHardwareCodes.h"
 
 namespace harkwell {
-
-// Audio and video services answer with the same codes, so one graph serves both.
-static_assert(kAudioHardwareBadObjectError == kCMIOHardwareBadObjectError);
-static_assert(kAudioHardwareUnknownPropertyError == kCMIOHardwareUnknownPropertyError);
-static_assert(kAudioHardwareBadPropertySizeError == kCMIOHardwareBadPropertySizeError);
-static_assert(kAudioDevicePropertyHogMode == kCMIODevicePropertyHogMode);
 
 // --- SimulatedPropertyValue ----------------------------------------------------------------------
 
