@@ -22,10 +22,10 @@ namespace {
 using testing::DrainQueue;
 using testing::Recorder;
 
-constexpr PropertyAddress kRunningAddress{kAudioDevicePropertyDeviceIsRunningSomewhere,
-                                          kAudioObjectPropertyScopeGlobal, 0};
-constexpr PropertyAddress kDataSourceAddress{kAudioDevicePropertyDataSource,
-                                             kAudioObjectPropertyScopeInput, 0};
+constexpr PropertyAddress kRunningAddress =
+    testing::GlobalAddress(kAudioDevicePropertyDeviceIsRunningSomewhere);
+constexpr PropertyAddress kDataSourceAddress =
+    testing::InputAddress(kAudioDevicePropertyDataSource);
 
 // What the client saw, in order; for events, also how many listener registrations each service
 // had received by the time the event was delivered.
