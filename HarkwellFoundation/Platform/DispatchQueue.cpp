@@ -1,5 +1,7 @@
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 
+#include <future>
+
 namespace harkwell {
 namespace {
 thread_local const DispatchQueue* tCurrentQueue = nullptr;
@@ -16,6 +18,15 @@ DispatchQueue::CurrentQueueScope::CurrentQueueScope(const DispatchQueue* queue)
 
 DispatchQueue::CurrentQueueScope::~CurrentQueueScope() {
   tCurrentQueue = previous_;
+}
+
+void DispatchQueue::asyncAndWait(Work work) {
+  std::promise<void> done;
+  async([&work, &done] {
+    work();
+    done.set_value();
+  });
+  done.get_future().wait();
 }
 
 }  // namespace harkwell

@@ -36,6 +36,9 @@ class DispatchQueue {
 
  protected:
   explicit DispatchQueue(std::string label) : label_(std::move(label)) {}
+  // Queues `work` with async() and blocks until it has run: sync() for a caller that is not on
+  // the queue's thread.
+  void asyncAndWait(Work work);
   // Marks the calling thread as running this queue's work for the lifetime of the scope.
   class CurrentQueueScope {
    public:

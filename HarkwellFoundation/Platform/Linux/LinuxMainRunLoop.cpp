@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
-#include <future>
 #include <mutex>
 #include <vector>
 
@@ -288,12 +287,7 @@ void MainDispatchQueue::sync(Work work) {
     runItem(work);
     return;
   }
-  std::promise<void> done;
-  loop_.postMainWork([&work, &done] {
-    work();
-    done.set_value();
-  });
-  done.get_future().wait();
+  asyncAndWait(std::move(work));
 }
 
 LinuxMainRunLoop& sharedLoop() {

@@ -5,7 +5,6 @@
 
 #include <condition_variable>
 #include <deque>
-#include <future>
 #include <mutex>
 #include <thread>
 
@@ -51,12 +50,7 @@ class SerialDispatchQueue final : public DispatchQueue {
       work();
       return;
     }
-    std::promise<void> done;
-    async([&work, &done] {
-      work();
-      done.set_value();
-    });
-    done.get_future().wait();
+    asyncAndWait(std::move(work));
   }
 
  private:
