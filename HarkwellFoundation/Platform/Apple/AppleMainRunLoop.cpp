@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
+#include "HarkwellFoundation/Platform/RunLoopTimerSchedule.h"
 
 namespace harkwell {
 namespace {
@@ -29,10 +30,6 @@ constexpr CFTimeInterval kParkedDelay = 1.0e10;
 // The longest slice runUntil() waits in the loop before it checks its condition again; the
 // condition may turn true on another thread, which does not wake the loop.
 constexpr CFTimeInterval kRunUntilSlice = 0.002;
-
-std::chrono::nanoseconds secondsToDuration(double seconds) {
-  return std::chrono::nanoseconds(static_cast<std::int64_t>(std::llround(seconds * 1e9)));
-}
 
 double durationToSeconds(ManualClock::duration duration) {
   return std::chrono::duration<double>(duration).count();
@@ -97,7 +94,7 @@ class AppleMainRunLoop final : public MainRunLoop {
       timer->cfTimer_ =
           CFRunLoopTimerCreateWithHandler(kCFAllocatorDefault, firstFire, interval, 0, 0, fire);
       CFRunLoopTimerSetTolerance(timer->cfTimer_, tolerance);
-      timer->manualFireDate_ = manualNow_ + secondsToDuration(interval);
+      timer->manualFireDate_ = manualNow_ + SecondsToDuration(interval);
       timers_.push_back(timer);
     }
     // Any thread may add a timer to the main thread's loop.
@@ -165,7 +162,7 @@ class AppleMainRunLoop final : public MainRunLoop {
     const CFAbsoluteTime now = CFAbsoluteTimeGetCurrent();
     for (auto& timer : timers_) {
       const double remaining = std::max(0.0, CFRunLoopTimerGetNextFireDate(timer->cfTimer_) - now);
-      timer->manualFireDate_ = manualNow_ + secondsToDuration(remaining);
+      timer->manualFireDate_ = manualNow_ + SecondsToDuration(remaining);
       CFRunLoopTimerSetNextFireDate(timer->cfTimer_, now + kParkedDelay);
     }
     manualClock_ = true;
@@ -218,9 +215,8 @@ class AppleMainRunLoop final : public MainRunLoop {
       if (!manualClock_) return;
       for (auto& timer : timers_) {
         if (timer->manualFireDate_ > manualNow_) continue;
-        const auto period = std::max(secondsToDuration(timer->interval_),
-                                     std::chrono::nanoseconds(std::chrono::microseconds(100)));
-        while (timer->manualFireDate_ <= manualNow_) timer->manualFireDate_ += period;
+        timer->manualFireDate_ =
+            NextFireDateAfter(timer->manualFireDate_, timer->interval_, manualNow_);
         due.emplace_back(timer, timer->action_);
       }
     }

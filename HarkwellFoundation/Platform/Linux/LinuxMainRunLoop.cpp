@@ -19,15 +19,12 @@
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
+#include "HarkwellFoundation/Platform/RunLoopTimerSchedule.h"
 
 namespace harkwell {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::chrono::nanoseconds secondsToDuration(double seconds) {
-  return std::chrono::nanoseconds(static_cast<std::int64_t>(std::llround(seconds * 1e9)));
-}
 
 class LinuxMainRunLoop;
 
@@ -104,7 +101,7 @@ class LinuxMainRunLoop final : public MainRunLoop {
     {
       std::lock_guard lock(mutex_);
       timer = std::make_shared<LinuxRunLoopTimer>(
-          *this, interval, tolerance, nowLocked() + secondsToDuration(interval), std::move(action));
+          *this, interval, tolerance, nowLocked() + SecondsToDuration(interval), std::move(action));
       timers_.push_back(timer);
     }
     wake();
@@ -231,10 +228,7 @@ class LinuxMainRunLoop final : public MainRunLoop {
       const auto now = nowLocked();
       for (auto& timer : timers_) {
         if (timer->fireDate_ > now) continue;
-        // Like a run-loop timer, missed firings are skipped, not replayed.
-        const auto period = std::max(secondsToDuration(timer->interval_),
-                                     std::chrono::nanoseconds(std::chrono::microseconds(100)));
-        while (timer->fireDate_ <= now) timer->fireDate_ += period;
+        timer->fireDate_ = NextFireDateAfter(timer->fireDate_, timer->interval_, now);
         due.emplace_back(timer, timer->action_);
       }
     }
