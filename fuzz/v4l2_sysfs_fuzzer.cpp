@@ -45,7 +45,7 @@ std::string Attribute(FuzzedDataProvider& input, const std::string& usual) {
   return input.ConsumeIntegralInRange(0, 3) == 0 ? input.ConsumeRandomLengthString(24) : usual;
 }
 
-// One fresh folder per process, emptied before every input.
+// One folder per process, made for each input and removed once the input has been read.
 const fs::path& Root() {
   static const fs::path root =
       fs::temp_directory_path() / ("harkwell-v4l2-fuzz-" + std::to_string(getpid()));
@@ -138,6 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return NodeProbeResult{std::nullopt, 2};  // ENOENT
   };
   const TreeReading reading = ReadV4L2Tree(location, probe);
+  fs::remove_all(root);
 
   std::set<std::string> identities;
   for (const auto& camera : reading.cameras) {
