@@ -13,8 +13,9 @@ prefix="$work/prefix"
 jobs="$(nproc)"
 
 echo "== building and installing into $prefix"
-cmake -S . -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DHARKWELL_BUILD_TESTS=OFF \
-  -DHARKWELL_BUILD_BENCHMARKS=OFF -DHARKWELL_BUILD_TOOLS=ON -DCMAKE_INSTALL_PREFIX="$prefix" \
+cmake -S . -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DHARKWELL_WARNINGS_AS_ERRORS=ON \
+  -DHARKWELL_BUILD_TESTS=OFF -DHARKWELL_BUILD_BENCHMARKS=OFF -DHARKWELL_BUILD_TOOLS=ON \
+  -DCMAKE_INSTALL_PREFIX="$prefix" \
   >/dev/null
 cmake --build "$work/build" -j "$jobs" >/dev/null
 cmake --install "$work/build" >/dev/null
