@@ -24,7 +24,14 @@ fi
 
 echo "Installing: ${missing[*]}"
 sudo_cmd=()
-if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo); fi
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    echo "install-deps: these packages are missing and sudo is not installed; run this script" \
+      "as root or install sudo" >&2
+    exit 1
+  fi
+  sudo_cmd=(sudo)
+fi
 "${sudo_cmd[@]}" apt-get update -q
 DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -q --no-install-recommends \
   "${missing[@]}"
