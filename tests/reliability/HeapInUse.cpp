@@ -11,6 +11,8 @@
 #ifdef HARKWELL_SANITIZER_ALLOCATOR
 // Exported by the ASan and TSan runtimes of both GCC and clang; GCC ships no header for it.
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#elif defined(__APPLE__)
+#include <malloc/malloc.h>
 #else
 #include <malloc.h>
 #endif
@@ -20,6 +22,11 @@ namespace harkwell::testing {
 std::size_t HeapBytesInUse() {
 #ifdef HARKWELL_SANITIZER_ALLOCATOR
   return __sanitizer_get_current_allocated_bytes();
+#elif defined(__APPLE__)
+  // Bytes in use across every malloc zone.
+  malloc_statistics_t statistics{};
+  malloc_zone_statistics(nullptr, &statistics);
+  return statistics.size_in_use;
 #else
   // Bytes in chunks handed out from the arenas plus those in separately mapped large chunks.
   const struct mallinfo2 info = mallinfo2();
