@@ -1,5 +1,7 @@
 #include "HarkwellFoundation/Platform/EscapedUTF16.h"
 
+#include "HarkwellFoundation/Platform/UTF8.h"
+
 namespace harkwell {
 namespace {
 
@@ -7,48 +9,6 @@ constexpr std::uint16_t kEscapeBase = 0xDC00;
 constexpr std::uint16_t kFirstEscape = 0xDC80;
 constexpr std::uint16_t kLastEscape = 0xDCFF;
 constexpr char32_t kReplacementCharacter = 0xFFFD;
-
-struct Decoded {
-  char32_t codePoint = 0;
-  std::size_t length = 0;  // 0: the bytes at the position do not start a well-formed sequence
-};
-
-bool inRange(unsigned char byte, unsigned char low, unsigned char high) {
-  return byte >= low && byte <= high;
-}
-
-// One well-formed UTF-8 sequence at the start of `bytes`, by the ranges of Unicode's table of
-// well-formed byte sequences: the second byte's range depends on the lead (no overlong forms, no
-// surrogates, nothing above U+10FFFF); every later byte is 80..BF.
-Decoded decodeOne(std::string_view bytes) {
-  const auto lead = static_cast<unsigned char>(bytes[0]);
-  if (lead < 0x80) return {lead, 1};
-  std::size_t length;
-  unsigned char secondLow = 0x80;
-  unsigned char secondHigh = 0xBF;
-  char32_t codePoint;
-  if (inRange(lead, 0xC2, 0xDF)) {
-    length = 2, codePoint = lead & 0x1F;
-  } else if (inRange(lead, 0xE0, 0xEF)) {
-    length = 3, codePoint = lead & 0x0F;
-    if (lead == 0xE0) secondLow = 0xA0;
-    if (lead == 0xED) secondHigh = 0x9F;
-  } else if (inRange(lead, 0xF0, 0xF4)) {
-    length = 4, codePoint = lead & 0x07;
-    if (lead == 0xF0) secondLow = 0x90;
-    if (lead == 0xF4) secondHigh = 0x8F;
-  } else {
-    return {};
-  }
-  if (bytes.size() < length) return {};
-  for (std::size_t i = 1; i < length; ++i) {
-    const auto next = static_cast<unsigned char>(bytes[i]);
-    const bool fits = i == 1 ? inRange(next, secondLow, secondHigh) : inRange(next, 0x80, 0xBF);
-    if (!fits) return {};
-    codePoint = (codePoint << 6) | (next & 0x3F);
-  }
-  return {codePoint, length};
-}
 
 void appendUTF16(std::vector<std::uint16_t>& units, char32_t codePoint) {
   if (codePoint < 0x10000) {
@@ -93,16 +53,16 @@ std::vector<std::uint16_t> EscapedUTF16FromBytes(std::string_view bytes) {
   std::vector<std::uint16_t> units;
   units.reserve(bytes.size());
   while (!bytes.empty()) {
-    const Decoded decoded = decodeOne(bytes);
-    if (decoded.length == 0) {
+    const auto decoded = DecodeUTF8(bytes);
+    if (!decoded) {
       // Only the lead byte is escaped; the next byte gets its own chance to start a sequence.
       units.push_back(
           static_cast<std::uint16_t>(kEscapeBase + static_cast<unsigned char>(bytes[0])));
       bytes.remove_prefix(1);
       continue;
     }
-    appendUTF16(units, decoded.codePoint);
-    bytes.remove_prefix(decoded.length);
+    appendUTF16(units, decoded->codePoint);
+    bytes.remove_prefix(decoded->length);
   }
   return units;
 }
