@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/videodev2.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -486,6 +487,47 @@ TEST_F(V4L2ServiceTest, NodeThatCannotBeOpenedStillAppears) {
   ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
   EXPECT_EQ(std::get<1>(string(2, kCMIOObjectPropertyName)), "Webcam C270: Webcam C270");
   EXPECT_EQ(streamCount(2, kCMIODevicePropertyScopeInput), 1u);
+}
+
+TEST_F(V4L2ServiceTest, NodeThatIsNoCameraIsProbedOnceAcrossTreeChanges) {
+  addUsbCamera();
+  // A memory-to-memory codec: a node of its own device that neither captures nor outputs.
+  const std::string codec = tree.addPlatformDevice("fdea0000.codec", "hantro-vpu");
+  tree.addNode({.entry = "video4", .nameFile = "hantro-vpu-dec\n", .minor = 4, .parent = codec});
+  struct Counts {
+    std::atomic<int> codec{0};
+    std::atomic<int> refused{0};
+  };
+  auto counts = std::make_shared<Counts>();
+  const std::string codecPath = tree.devNodePath("video4");
+  const std::string capturePath = tree.devNodePath("video0");
+  // The camera's metadata node refuses to open, so it is asked again at every reading of the tree
+  // and its count shows how many readings there were.
+  start([counts, codecPath, capturePath](const std::string& path) -> v4l2::NodeProbeResult {
+    if (path == codecPath) {
+      ++counts->codec;
+      return {v4l2::NodeCapabilities{V4L2_CAP_VIDEO_M2M_MPLANE, "hantro-vpu"}, 0};
+    }
+    if (path == capturePath) return {v4l2::NodeCapabilities{V4L2_CAP_VIDEO_CAPTURE, "Webcam"}, 0};
+    ++counts->refused;
+    return {std::nullopt, EACCES};
+  });
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  ASSERT_EQ(counts->codec.load(), 1);
+
+  // Changes that have nothing to do with the codec, each followed by a new reading of the tree.
+  tree.createDevNode("video20");
+  settle();
+  tree.removeDevNode("video20");
+  settle();
+  tree.writeUdevRecord(0, "E:ID_V4L_PRODUCT=Webcam\n");
+  settle();
+  addUsbCamera("1-3", 2);
+  settle();
+
+  EXPECT_EQ(deviceIDs().size(), 2u);
+  EXPECT_GE(counts->refused.load(), 5);
+  EXPECT_EQ(counts->codec.load(), 1);
 }
 
 TEST_F(V4L2ServiceTest, ProblemsAreLoggedOnceWhileTheyLast) {

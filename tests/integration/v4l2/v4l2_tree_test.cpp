@@ -198,6 +198,9 @@ TEST_F(V4L2TreeReading, MemoryToMemoryAndMetadataOnlyGroupsAreNoCameras) {
 
   EXPECT_TRUE(reading.cameras.empty());
   EXPECT_TRUE(reading.diagnostics.empty());
+  // Both were asked, so their answers can be remembered although they are no cameras.
+  EXPECT_EQ(reading.probedNodePaths,
+            (std::vector<std::string>{tree.devNodePath("video10"), tree.devNodePath("video11")}));
 }
 
 TEST_F(V4L2TreeReading, UdevAnswersForANodeThatCannotBeOpened) {

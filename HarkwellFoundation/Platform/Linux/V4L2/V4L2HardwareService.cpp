@@ -220,14 +220,14 @@ void V4L2HardwareService::readTree() {
   udevRecordNames_ = {reading.udevRecordNames.begin(), reading.udevRecordNames.end()};
 
   cameras_.clear();
-  std::set<std::string> nodePaths;
   for (v4l2::CameraDescription& description : reading.cameras) {
     auto [entry, added] = idOfIdentity_.try_emplace(description.identity, nextDeviceID_);
     if (added) ++nextDeviceID_;
-    nodePaths.insert(description.nodePaths.begin(), description.nodePaths.end());
     cameras_.push_back(Camera{entry->second, std::move(description)});
   }
-  probeCache_.keepOnly(nodePaths);
+  // Nodes that are no camera (codecs, metadata-only groups) keep their answers too, or every
+  // re-read of the tree would open them again.
+  probeCache_.keepOnly({reading.probedNodePaths.begin(), reading.probedNodePaths.end()});
   updateNodeWatches();
   readRunningState();
 }

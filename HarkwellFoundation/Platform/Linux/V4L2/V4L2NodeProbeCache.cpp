@@ -22,7 +22,6 @@ NodeProbeResult NodeProbeCache::probe(const std::string& nodePath) {
       found->second.device == status.st_rdev) {
     return found->second.result;
   }
-  ++probeCount_;
   NodeProbeResult result = probe_(nodePath);
   if (known && !MayChangeSoon(result.error)) {
     entries_[nodePath] = Entry{status.st_ino, status.st_rdev, result};

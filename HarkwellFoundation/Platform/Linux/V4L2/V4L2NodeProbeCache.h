@@ -25,8 +25,6 @@ class NodeProbeCache {
   NodeProbeResult probe(const std::string& nodePath);
   // Forgets every node not in `nodePaths`.
   void keepOnly(const std::set<std::string>& nodePaths);
-  // How many times the underlying probe ran (for tests).
-  std::size_t probeCount() const { return probeCount_; }
 
  private:
   struct Entry {
@@ -37,7 +35,6 @@ class NodeProbeCache {
 
   NodeProbe probe_;
   std::map<std::string, Entry> entries_;
-  std::size_t probeCount_ = 0;
 };
 
 }  // namespace harkwell::v4l2

@@ -257,6 +257,7 @@ class TreeReader {
 
     if (recordName) node.udev = ReadUdevRecord(location_.udevDataRoot, *recordName);
     NodeProbeResult probed = probe_ ? probe_(node.nodePath) : NodeProbeResult{};
+    reading_.probedNodePaths.push_back(node.nodePath);
     node.capabilities = std::move(probed.capabilities);
     DecideRoles(node);
     return node;

@@ -46,6 +46,9 @@ struct TreeReading {
   // entry names: the changes worth a re-read.
   std::vector<std::string> deviceNodeNames;
   std::vector<std::string> udevRecordNames;
+  // The canonical path of every node the probe was asked about, cameras' or not: the answers
+  // worth remembering until the next reading.
+  std::vector<std::string> probedNodePaths;
 };
 
 TreeReading ReadV4L2Tree(const TreeLocation& location, const NodeProbe& probe);
