@@ -405,6 +405,41 @@ TEST_F(V4L2ServiceTest, OwnOpensNeverMakeADeviceRunningNorNotify) {
   EXPECT_EQ(listener.values.size(), 0u);
 }
 
+TEST_F(V4L2ServiceTest, LateOpenerIsLookedForAgainWhenTheTreeChangedInTheSameBurst) {
+  addUsbCamera("1-2", 0);
+  const std::string usb = tree.addUsbInterface({.port = "1-3"});
+  tree.addNode({.entry = "video2", .minor = 2, .parent = usb, .withDevNode = false});
+  // A fake /proc, so the test decides when the opener's descriptor shows; the second look is
+  // left to the barrier of waitForPendingChanges(), never to the clock.
+  service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                         .devRoot = tree.devRoot(),
+                                         .procRoot = tree.procRoot(),
+                                         .udevDataRoot = tree.udevDataRoot(),
+                                         .eventBurstWindow = std::chrono::milliseconds(50),
+                                         .openRecheckDelay = std::chrono::hours(1)});
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  RecordingListener devices([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
+  ASSERT_EQ(listen(1, kDeviceList, devices), kNoErr);
+  RecordingListener running([this] { return uint32(2, kRunning).value_or(99); });
+  ASSERT_EQ(listen(2, kRunning, running), kNoErr);
+
+  // One burst: an open of the camera's node and another camera's node appearing.
+  const int fd = ::open(tree.devNodePath("video0").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  tree.createDevNode("video2");
+  ASSERT_TRUE(devices.values.waitUntil([](const auto& v) { return !v.empty() && v.back() == 2; }));
+  EXPECT_EQ(uint32(2, kRunning), 0u);
+
+  // Only now does the opener's descriptor show in /proc.
+  const pid_t opener = ::getpid() + 1;
+  tree.makeSymlink(tree.devNodePath("video0"), "proc/" + std::to_string(opener) + "/fd/3");
+  service->waitForPendingChanges();
+
+  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_TRUE(running.values.waitForCount(1));
+  ::close(fd);
+}
+
 TEST_F(V4L2ServiceTest, QuickOpenAndCloseYieldsAtMostOnePairOfEvents) {
   addUsbCamera();
   start();

@@ -192,20 +192,18 @@ void V4L2HardwareService::handleEvents(const std::vector<v4l2::InotifyEvent>& ev
     }
   }
 
-  if (treeChanged) {
-    readTree();
-    return;
-  }
-  if (!openersChanged) return;
-  const std::set<std::string> openNodes = readRunningState();
+  if (!treeChanged && !openersChanged) return;
+  // A new reading of the tree reads /proc too, so it answers for the opens of the same burst.
+  const std::set<std::string> openNodes = treeChanged ? readTree() : readRunningState();
   // The kernel reports an open just before the new descriptor appears in /proc; an opener not
-  // seen yet is looked for once more shortly.
-  const bool openerMissed = std::any_of(
-      opened.begin(), opened.end(), [&](const auto& path) { return openNodes.count(path) == 0; });
+  // seen yet is looked for once more shortly (unless its node went away meanwhile).
+  const bool openerMissed = std::any_of(opened.begin(), opened.end(), [&](const auto& path) {
+    return openNodes.count(path) == 0 && watchOfNode_.count(path) != 0;
+  });
   if (openerMissed && !recheckAt_) recheckAt_ = Clock::now() + options_.openRecheckDelay;
 }
 
-void V4L2HardwareService::readTree() {
+std::set<std::string> V4L2HardwareService::readTree() {
   const v4l2::TreeLocation location{options_.sysfsRoot, options_.devRoot, options_.udevDataRoot};
   v4l2::TreeReading reading = v4l2::ReadV4L2Tree(
       location, [this](const std::string& path) { return probeCache_.probe(path); });
@@ -229,7 +227,7 @@ void V4L2HardwareService::readTree() {
   // re-read of the tree would open them again.
   probeCache_.keepOnly({reading.probedNodePaths.begin(), reading.probedNodePaths.end()});
   updateNodeWatches();
-  readRunningState();
+  return readRunningState();
 }
 
 void V4L2HardwareService::updateNodeWatches() {

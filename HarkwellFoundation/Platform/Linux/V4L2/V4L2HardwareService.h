@@ -145,7 +145,8 @@ class V4L2HardwareService final : public VideoHardwareService {
   void startWatching();
   void run();
   void handleEvents(const std::vector<v4l2::InotifyEvent>& events);
-  void readTree();
+  // Reads the trees, then /proc, and publishes; returns the node paths that were found open.
+  std::set<std::string> readTree();
   void updateNodeWatches();
   // Reads /proc and publishes; returns the node paths that were found open.
   std::set<std::string> readRunningState();
