@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <set>
 
 #include "FakeV4L2Tree.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
@@ -122,6 +123,41 @@ class V4L2ServiceTest : public ::testing::Test {
       return std::nullopt;
     }
     return size / 4;
+  }
+
+  // Every device's stream IDs: the input streams, then the output streams, as the global scope
+  // lists them. Each is checked to be no device's ID, not the system object's and listed once.
+  void expectStreamIDsApartFromDeviceIDs() {
+    const auto ids = deviceIDs();
+    const std::set<ObjectID> devices(ids.begin(), ids.end());
+    std::set<std::uint32_t> streams;
+    for (ObjectID id : ids) {
+      std::vector<std::uint32_t> listed;
+      for (std::uint32_t scope : {kCMIODevicePropertyScopeInput, kCMIODevicePropertyScopeOutput}) {
+        const auto some = streamIDs(id, scope);
+        listed.insert(listed.end(), some.begin(), some.end());
+      }
+      EXPECT_EQ(streamIDs(id, kCMIOObjectPropertyScopeGlobal), listed) << "device " << id;
+      for (std::uint32_t stream : listed) {
+        EXPECT_EQ(devices.count(stream), 0u) << "device " << id << " lists stream " << stream;
+        EXPECT_NE(stream, kCMIOObjectSystemObject);
+        EXPECT_TRUE(streams.insert(stream).second) << "stream " << stream << " listed twice";
+      }
+    }
+    // Stream IDs are no objects of the service.
+    if (streams.empty()) return;
+    EXPECT_EQ(uint32(*streams.begin(), kRunning), std::nullopt);
+  }
+
+  std::vector<std::uint32_t> streamIDs(ObjectID id, std::uint32_t scope) {
+    std::uint32_t size = 0;
+    if (service->getPropertyDataSize(id, Streams(scope), 0, nullptr, &size) != kNoErr) return {};
+    std::vector<std::uint32_t> ids(size / 4);
+    if (service->getPropertyData(id, Streams(scope), 0, nullptr, &size, ids.data()) != kNoErr) {
+      return {};
+    }
+    ids.resize(size / 4);
+    return ids;
   }
 
   OSStatus listen(ObjectID id, const PropertyAddress& address, RecordingListener& listener) {
@@ -610,6 +646,7 @@ TEST_F(V4L2ServiceTest, ThousandNodesAreAllReportedAndFollowed) {
   }
   start();
   ASSERT_EQ(deviceIDs().size(), 1000u);
+  expectStreamIDsApartFromDeviceIDs();
   RecordingListener listener([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
   ASSERT_EQ(listen(1, kDeviceList, listener), kNoErr);
 
@@ -669,6 +706,29 @@ TEST_F(V4L2ServiceTest, UdevFinishingANodeUpdatesItsStreams) {
 
   ASSERT_TRUE(listener.values.waitForCount(1));
   EXPECT_EQ(listener.values.entries()[0], 1u);
+}
+
+TEST(V4L2PropertyMirror, StreamIDsNeverEqualADeviceIDForAHundredThousandDevices) {
+  constexpr ObjectID kLastDevice = 100001;
+  v4l2::PropertyMirror mirror;
+  std::vector<v4l2::PublishedDevice> devices;
+  for (ObjectID id = 2; id <= kLastDevice; ++id) {
+    devices.push_back(
+        {.deviceID = id, .name = "Loop", .inputStreamCount = 1, .outputStreamCount = 1});
+  }
+  mirror.publishDevices(std::move(devices));
+
+  std::set<std::uint32_t> streams;
+  for (ObjectID id = 2; id <= kLastDevice; ++id) {
+    std::uint32_t listed[2] = {};
+    std::uint32_t size = sizeof listed;
+    ASSERT_EQ(mirror.data(id, Streams(kCMIOObjectPropertyScopeGlobal), &size, listed), kNoErr);
+    ASSERT_EQ(size, sizeof listed);
+    for (std::uint32_t stream : listed) {
+      ASSERT_TRUE(stream < 2 || stream > kLastDevice) << "device " << id << " lists " << stream;
+      ASSERT_TRUE(streams.insert(stream).second) << "stream " << stream << " listed twice";
+    }
+  }
 }
 
 }  // namespace

@@ -98,7 +98,15 @@ void AppendDeviceChanges(const PublishedDevice& before, const PublishedDevice& a
 }  // namespace
 
 std::uint32_t PropertyMirror::streamID(ObjectID deviceID, std::uint32_t stream) {
-  return (deviceID << 8) + 1 + stream;
+  // Stream IDs have the top bit set; device IDs, counted up from 2, never get that far, so a
+  // stream ID never equals a device ID. Below the top bit each device has a block of 1024 numbers:
+  // room for 1023 streams (a node counts at most twice and the kernel has 256 video node numbers),
+  // unique among the first two million device IDs, far more than a service ever gives out.
+  constexpr std::uint32_t kStreamRange = 0x80000000u;
+  constexpr unsigned kStreamBits = 10;
+  constexpr std::uint32_t kStreamMask = (1u << kStreamBits) - 1;
+  const std::uint32_t offset = (deviceID << kStreamBits) | ((stream + 1) & kStreamMask);
+  return kStreamRange | (offset & ~kStreamRange);
 }
 
 std::vector<PropertyChange> PropertyMirror::publishDevices(std::vector<PublishedDevice> devices) {

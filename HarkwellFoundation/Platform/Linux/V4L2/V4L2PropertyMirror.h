@@ -59,7 +59,8 @@ class PropertyMirror {
   // kNoErr when `object` exists now and has the property; otherwise the read's status.
   OSStatus checkProperty(ObjectID object, const PropertyAddress& address) const;
 
-  // The stream IDs listed for a device: opaque numbers, not objects of the service.
+  // The stream IDs listed for a device: opaque numbers, not objects of the service, and never
+  // equal to a device ID or the system object's ID.
   static std::uint32_t streamID(ObjectID deviceID, std::uint32_t stream);
 
  private:
