@@ -693,6 +693,37 @@ TEST_F(V4L2ServiceTest, UnreadableProcLogsOneLineAndReportsNotRunning) {
                                      "not running"});
 }
 
+TEST_F(V4L2ServiceTest, ProcProblemIsLoggedAgainWhenItComesBackAfterClearing) {
+  LogCapture log;
+  addUsbCamera();
+  const std::string proc = tree.root() + "/no-proc";
+  service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                         .devRoot = tree.devRoot(),
+                                         .procRoot = proc,
+                                         .udevDataRoot = ""});
+  const std::string line = "V4L2: cannot read \"" + proc +
+                           "\" (No such file or directory); cameras are reported as not running";
+  ASSERT_EQ(log.lines(), std::vector<std::string>{line});
+  // Opening and closing a node makes the service read /proc again.
+  auto touchNode = [this] {
+    const int fd = ::open(tree.devNodePath("video0").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    settle();
+  };
+
+  touchNode();
+  EXPECT_EQ(log.lines(), std::vector<std::string>{line});
+
+  std::filesystem::create_directory(proc);
+  touchNode();
+  EXPECT_EQ(log.lines(), std::vector<std::string>{line});
+
+  std::filesystem::remove(proc);
+  touchNode();
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{line, line}));
+}
+
 TEST_F(V4L2ServiceTest, UdevFinishingANodeUpdatesItsStreams) {
   const std::string pci = tree.addPciDevice("0000:03:00.0", "0x1131", "0x7160");
   tree.addNode({.entry = "video0", .index = 1, .minor = 0, .parent = pci});

@@ -26,6 +26,17 @@ constexpr std::uint32_t kNodeEvents = IN_OPEN | IN_CLOSE_WRITE | IN_CLOSE_NOWRIT
 // A steady storm of events is still looked at this often.
 constexpr auto kLongestBurst = std::chrono::milliseconds(50);
 
+// The problems the service logs itself, each under its own name; a node's watch is named after its
+// path ("watch:/dev/video0").
+constexpr char kInotifyProblem[] = "inotify";
+constexpr char kDevFolderProblem[] = "dev";
+constexpr char kProcProblem[] = "proc";
+constexpr std::string_view kNodeWatchProblem = "watch:";
+
+std::string NodeWatchProblem(const std::string& path) {
+  return std::string(kNodeWatchProblem) + path;
+}
+
 v4l2::NodeProbe ProbeOrDefault(v4l2::NodeProbe probe) {
   return probe ? std::move(probe) : v4l2::NodeProbe(&v4l2::ProbeNodeCapabilities);
 }
@@ -114,14 +125,15 @@ void V4L2HardwareService::waitForPendingChanges() {
 
 void V4L2HardwareService::startWatching() {
   if (watcher_.error() != 0) {
-    logOnce("V4L2: cannot use inotify (" + v4l2::ErrorText(watcher_.error()) +
-            "); cameras are read once and changes are not followed");
+    logProblem(kInotifyProblem, "V4L2: cannot use inotify (" + v4l2::ErrorText(watcher_.error()) +
+                                    "); cameras are read once and changes are not followed");
     return;
   }
   devWatch_ = watcher_.addWatch(options_.devRoot, kDevFolderEvents);
   if (devWatch_ < 0) {
-    logOnce("V4L2: cannot watch " + v4l2::QuotedForLog(options_.devRoot) + " (" +
-            v4l2::ErrorText(-devWatch_) + "); cameras plugged in later are not seen");
+    logProblem(kDevFolderProblem, "V4L2: cannot watch " + v4l2::QuotedForLog(options_.devRoot) +
+                                      " (" + v4l2::ErrorText(-devWatch_) +
+                                      "); cameras plugged in later are not seen");
   }
   if (!options_.udevDataRoot.empty()) {
     // Most containers have no udev; its absence is normal and not worth a line.
@@ -170,8 +182,8 @@ void V4L2HardwareService::handleEvents(const std::vector<v4l2::InotifyEvent>& ev
       treeChanged = true;  // events were lost; look at everything again
     } else if (event.watch == devWatch_) {
       if ((event.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
-        logOnce("V4L2: " + v4l2::QuotedForLog(options_.devRoot) +
-                " went away; cameras plugged in later are not seen");
+        logProblem(kDevFolderProblem, "V4L2: " + v4l2::QuotedForLog(options_.devRoot) +
+                                          " went away; cameras plugged in later are not seen");
         devWatch_ = -1;
         treeChanged = true;
       } else if (event.name.starts_with("video") || deviceNodeNames_.count(event.name) != 0) {
@@ -250,15 +262,23 @@ void V4L2HardwareService::updateNodeWatches() {
     }
     watched = watchOfNode_.erase(watched);
   }
+  // A node that went away takes its watch problem with it.
+  std::erase_if(loggedProblems_, [&](const auto& problem) {
+    return problem.first.starts_with(kNodeWatchProblem) &&
+           wanted.count(problem.first.substr(kNodeWatchProblem.size())) == 0;
+  });
   if (watcher_.error() != 0) return;
   for (const std::string& path : wanted) {
     if (watchOfNode_.count(path) != 0) continue;
     const int watch = watcher_.addWatch(path, kNodeEvents);
     if (watch < 0) {
-      logOnce("V4L2: cannot watch " + v4l2::QuotedForLog(path) + " for opens and closes (" +
-              v4l2::ErrorText(-watch) + "); its running state is updated with other changes only");
+      logProblem(NodeWatchProblem(path),
+                 "V4L2: cannot watch " + v4l2::QuotedForLog(path) + " for opens and closes (" +
+                     v4l2::ErrorText(-watch) +
+                     "); its running state is updated with other changes only");
       continue;
     }
+    problemCleared(NodeWatchProblem(path));
     watchOfNode_[path] = watch;
     nodesOfWatch_[watch].insert(path);
   }
@@ -278,8 +298,11 @@ std::set<std::string> V4L2HardwareService::readRunningState() {
     ++processScanCount_;
     const v4l2::ProcessNodeScanner::Result scan = scanner_.scan(paths);
     if (scan.procError != 0) {
-      logOnce("V4L2: cannot read " + v4l2::QuotedForLog(options_.procRoot) + " (" +
-              v4l2::ErrorText(scan.procError) + "); cameras are reported as not running");
+      logProblem(kProcProblem, "V4L2: cannot read " + v4l2::QuotedForLog(options_.procRoot) + " (" +
+                                   v4l2::ErrorText(scan.procError) +
+                                   "); cameras are reported as not running");
+    } else {
+      problemCleared(kProcProblem);
     }
     for (std::size_t i = 0; i < paths.size(); ++i) {
       if (scan.isOpen[i]) openNodes.insert(paths[i]);
@@ -317,8 +340,17 @@ void V4L2HardwareService::notify(const std::vector<v4l2::PropertyChange>& change
   }
 }
 
-void V4L2HardwareService::logOnce(const std::string& line) {
-  if (loggedOnce_.insert(line).second) SystemLog(line);
+void V4L2HardwareService::logProblem(const std::string& problem, const std::string& line) {
+  auto [logged, added] = loggedProblems_.try_emplace(problem, line);
+  if (!added) {
+    if (logged->second == line) return;
+    logged->second = line;
+  }
+  SystemLog(line);
+}
+
+void V4L2HardwareService::problemCleared(const std::string& problem) {
+  loggedProblems_.erase(problem);
 }
 
 }  // namespace harkwell

@@ -58,8 +58,8 @@
 // still run after that; they hold nothing of the service.
 //
 // Problems with the trees (unreadable entries, symlink loops, nodes without a name, a /proc that
-// cannot be read) are written to the system log, one line each, once while they persist; the
-// other cameras are reported as usual.
+// cannot be read) are written to the system log, one line each, once while they persist (one that
+// clears and comes back is logged again); the other cameras are reported as usual.
 #pragma once
 
 #include <atomic>
@@ -152,7 +152,11 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::set<std::string> readRunningState();
   void publish(const std::set<std::string>& openNodes);
   void notify(const std::vector<v4l2::PropertyChange>& changes);
-  void logOnce(const std::string& line);
+  // Logs `line` for the problem named `problem`, unless that line was logged for it and the
+  // problem has not cleared since; a problem that changes its line is logged again.
+  void logProblem(const std::string& problem, const std::string& line);
+  // The problem is over; should it come back, it is logged again.
+  void problemCleared(const std::string& problem);
 
   const Options options_;
   v4l2::PropertyMirror mirror_;
@@ -173,7 +177,7 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::map<std::string, ObjectID> idOfIdentity_;
   ObjectID nextDeviceID_ = 2;
   std::set<std::string> currentDiagnostics_;
-  std::set<std::string> loggedOnce_;
+  std::map<std::string, std::string> loggedProblems_;  // problem name -> the line logged
   std::optional<std::chrono::steady_clock::time_point> recheckAt_;
 
   // The hand-shake of waitForPendingChanges() and the stop request.
