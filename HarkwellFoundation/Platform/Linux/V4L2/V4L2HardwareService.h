@@ -54,8 +54,9 @@
 // only when its value really changed. Removal of a listener matches the closure its block wraps.
 //
 // Lifetime: create() reads the trees once before it returns, so the first read already shows the
-// cameras present; destroying the service stops and joins its thread. Blocks already queued may
-// still run after that; they hold nothing of the service.
+// cameras present; destroying the service stops and joins its thread. Listener blocks still
+// queued then never run (the listener registry marks every registration dead as it goes); one
+// already running finishes on its queue, and holds nothing of the service.
 //
 // Problems with the trees (unreadable entries, symlink loops, nodes without a name, a /proc that
 // cannot be read) are written to the system log, one line each, once while they persist (one that
