@@ -80,6 +80,9 @@ void AppendDeviceChanges(const PublishedDevice& before, const PublishedDevice& a
     changes.push_back({id, PropertyAddress{selector, scope, kCMIOObjectPropertyElementMaster}});
   };
   if (before.name != after.name) note(kCMIOObjectPropertyName);
+  // The service keys device IDs by the UID, with a line break and the sysfs path appended for a
+  // second camera claiming the same one, so an ID changes its UID only when sysfs names hold line
+  // breaks. Compared all the same: the mirror reports every change, whatever its caller does.
   if (before.uid != after.uid) note(kCMIODevicePropertyDeviceUID);
   if (before.modelUID != after.modelUID) note(kCMIODevicePropertyModelUID);
   if (before.transportType != after.transportType) note(kCMIODevicePropertyTransportType);
@@ -126,11 +129,6 @@ std::vector<PropertyChange> PropertyMirror::publishDevices(std::vector<Published
     changes.push_back({kCMIOObjectSystemObject, Global(kCMIOHardwarePropertyDevices)});
   devices_ = std::move(devices);
   return changes;
-}
-
-std::vector<PublishedDevice> PropertyMirror::devices() const {
-  std::lock_guard lock(mutex_);
-  return devices_;
 }
 
 const PublishedDevice* PropertyMirror::findLocked(ObjectID deviceID) const {

@@ -45,7 +45,6 @@ class PropertyMirror {
   // first each surviving device's changed properties, then the system object's device list when
   // a device came or went.
   std::vector<PropertyChange> publishDevices(std::vector<PublishedDevice> devices);
-  std::vector<PublishedDevice> devices() const;
 
   // The seam's reads and writes. Statuses as the platform's: "!obj" for an unknown object, "who?"
   // for a property the object lacks (hog mode included), "!siz" for a buffer too small, "nope"
