@@ -146,8 +146,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(identities.insert(camera.identity).second, "two cameras with one identity");
     Require(camera.inputStreamCount + camera.outputStreamCount > 0,
             "a camera with neither capture nor output node");
-    Require(camera.nodePaths.size() == camera.nodeNames.size() && !camera.nodePaths.empty(),
-            "a camera whose nodes and node names differ");
+    Require(!camera.nodePaths.empty(), "a camera without nodes");
   }
   return 0;
 }

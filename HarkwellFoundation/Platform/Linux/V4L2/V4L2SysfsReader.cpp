@@ -320,7 +320,6 @@ class TreeReader {
       if (node->outputs) ++camera.outputStreamCount;
       if (!named && node->captures) named = node;
       camera.nodePaths.push_back(node->nodePath);
-      camera.nodeNames.push_back(node->entryName);
     }
     if (camera.inputStreamCount == 0 && camera.outputStreamCount == 0) return std::nullopt;
     if (!named) {

@@ -33,7 +33,6 @@ struct CameraDescription {
   std::uint32_t outputStreamCount = 0;  // output-capable nodes
   // The canonical paths of all its nodes (capture, output and metadata), in node-number order.
   std::vector<std::string> nodePaths;
-  std::vector<std::string> nodeNames;  // the sysfs entry names of the same nodes ("video0")
 };
 
 struct TreeReading {
