@@ -13,7 +13,6 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "bench/support/RatioReporter.h"
 
 namespace harkwell {
 namespace {
@@ -139,16 +138,4 @@ BENCHMARK(BM_NameDirectServiceCall);
 }  // namespace
 }  // namespace harkwell
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  harkwell::bench::RatioReporter reporter;
-  reporter.addRatio("BM_AudioNoteConnectedDevicesDidChange/64",
-                    "BM_AudioNoteConnectedDevicesDidChange/8");
-  reporter.addRatio("BM_AudioNoteConnectedDevicesDidChange/1024",
-                    "BM_AudioNoteConnectedDevicesDidChange/8");
-  reporter.addRatio("BM_IsRunningThroughTheSeam", "BM_IsRunningDirectServiceCall");
-  reporter.addRatio("BM_NameThroughTheSeam", "BM_NameDirectServiceCall");
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
-}
+BENCHMARK_MAIN();

@@ -1,14 +1,21 @@
-// Prints the one table of ratios that scripts/bench.sh ends with. It reads the JSON results of the
-// benchmark programs (google benchmark's --benchmark_out) from one folder and puts each measurement
-// beside its baseline from the same program and run, so the ratios mean the same on any machine.
+// Prints the one table of ratios of the benchmark programs, each measurement beside its baseline
+// from the same program and run, so the ratios mean the same on any machine. This list of pairs is
+// the only one; the programs themselves print google benchmark's plain console output.
 //
-//   bench_table <folder with observer_bench.json, backend_bench.json, ...>
+//   bench_table <folder>              every row, from the <program>.json files in the folder (what
+//                                     scripts/bench.sh ends with)
+//   bench_table <program>.json ...    only the rows of the programs given
 //
+// The files are google benchmark's --benchmark_out JSON; for one program alone:
+//   build/release/bench/v4l2_bench --benchmark_out=v4l2_bench.json
+//   build/release/bench/bench_table v4l2_bench.json
 // A row whose program was not run, or whose benchmark was skipped, says so instead of a number.
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,7 +34,7 @@ enum class Quantity {
 
 struct Measurement {
   std::string program;    // the results file's name without ".json"
-  std::string benchmark;  // the start of the benchmark's name
+  std::string benchmark;  // the benchmark's full name, as the JSON results give it
   Quantity quantity = Quantity::RealTime;
   std::string counter;  // for the counter quantities
 };
@@ -46,39 +53,54 @@ const std::vector<Row>& Rows() {
       {"seam: name read / the same call on the service",
        {"backend_bench", "BM_NameThroughTheSeam"},
        {"backend_bench", "BM_NameDirectServiceCall"}},
+      {"audio device-list change, 64 devices / 8 devices",
+       {"backend_bench", "BM_AudioNoteConnectedDevicesDidChange/64"},
+       {"backend_bench", "BM_AudioNoteConnectedDevicesDidChange/8"}},
+      {"audio device-list change, 1024 devices / 8 devices",
+       {"backend_bench", "BM_AudioNoteConnectedDevicesDidChange/1024"},
+       {"backend_bench", "BM_AudioNoteConnectedDevicesDidChange/8"}},
       {"simulated change to client callback / bare function call",
-       {"controller_bench", "BM_SimulatedChangeToClient"},
+       {"controller_bench", "BM_SimulatedChangeToClient/real_time"},
        {"controller_bench", "BM_BareCallback"}},
       {"observer note to client on its queue / bare function call",
-       {"observer_bench", "BM_RunningEventDelivery"},
+       {"observer_bench", "BM_RunningEventDelivery/real_time"},
        {"observer_bench", "BM_BareFunctionCall"}},
       {"PulseAudio ChangedRunning / server's own event, median",
-       {"pulse_bench", "BM_RecordingStartToChangedRunning", Quantity::Microseconds,
-        "client_median_us"},
-       {"pulse_bench", "BM_RecordingStartToChangedRunning", Quantity::Microseconds,
-        "server_event_median_us"}},
+       {"pulse_bench", "BM_RecordingStartToChangedRunning/iterations:1/real_time",
+        Quantity::Microseconds, "client_median_us"},
+       {"pulse_bench", "BM_RecordingStartToChangedRunning/iterations:1/real_time",
+        Quantity::Microseconds, "server_event_median_us"}},
       {"PulseAudio ChangedRunning / server's own event, 99th pct",
-       {"pulse_bench", "BM_RecordingStartToChangedRunning", Quantity::Microseconds,
-        "client_p99_us"},
-       {"pulse_bench", "BM_RecordingStartToChangedRunning", Quantity::Microseconds,
-        "server_event_p99_us"}},
+       {"pulse_bench", "BM_RecordingStartToChangedRunning/iterations:1/real_time",
+        Quantity::Microseconds, "client_p99_us"},
+       {"pulse_bench", "BM_RecordingStartToChangedRunning/iterations:1/real_time",
+        Quantity::Microseconds, "server_event_p99_us"}},
       {"V4L2 running check (/proc scan) / fuser",
-       {"v4l2_bench", "BM_ProcessNodeScan"},
-       {"v4l2_bench", "BM_Fuser"}},
+       {"v4l2_bench", "BM_ProcessNodeScan/0/real_time"},
+       {"v4l2_bench", "BM_Fuser/0/real_time"}},
       {"V4L2 running check (/proc scan) / lsof",
-       {"v4l2_bench", "BM_ProcessNodeScan"},
-       {"v4l2_bench", "BM_Lsof"}},
+       {"v4l2_bench", "BM_ProcessNodeScan/0/real_time"},
+       {"v4l2_bench", "BM_Lsof/0/iterations:20/real_time"}},
+      {"V4L2 running check (/proc scan) / starting /bin/true",
+       {"v4l2_bench", "BM_ProcessNodeScan/0/real_time"},
+       {"v4l2_bench", "BM_SpawnTrue/0/real_time"}},
+      {"V4L2 running check / fuser, processor time",
+       {"v4l2_bench", "BM_ProcessNodeScan/1/manual_time"},
+       {"v4l2_bench", "BM_Fuser/1/manual_time"}},
+      {"V4L2 running check / lsof, processor time",
+       {"v4l2_bench", "BM_ProcessNodeScan/1/manual_time"},
+       {"v4l2_bench", "BM_Lsof/1/iterations:20/manual_time"}},
       {"start-up to discovery's end / pactl list short sources",
-       {"controller_bench", "BM_SwitchOnToDiscoveryEnd"},
-       {"controller_bench", "BM_PactlListShortSources"}},
+       {"controller_bench", "BM_SwitchOnToDiscoveryEnd/real_time"},
+       {"controller_bench", "BM_PactlListShortSources/real_time"}},
       {"connect + start-up / pactl list short sources",
-       {"controller_bench", "BM_ConnectAndSwitchOn"},
-       {"controller_bench", "BM_PactlListShortSources"}},
+       {"controller_bench", "BM_ConnectAndSwitchOn/real_time"},
+       {"controller_bench", "BM_PactlListShortSources/real_time"}},
       {"idle observing controller: CPU per hour / same process idle",
-       {"pulse_bench", "BM_IdleCPU/with_controller:1", Quantity::CoreShareToHour,
-        "cpu_percent_of_one_core"},
-       {"pulse_bench", "BM_IdleCPU/with_controller:0", Quantity::CoreShareToHour,
-        "cpu_percent_of_one_core"}},
+       {"pulse_bench", "BM_IdleCPU/with_controller:1/iterations:1/real_time",
+        Quantity::CoreShareToHour, "cpu_percent_of_one_core"},
+       {"pulse_bench", "BM_IdleCPU/with_controller:0/iterations:1/real_time",
+        Quantity::CoreShareToHour, "cpu_percent_of_one_core"}},
   };
   return rows;
 }
@@ -97,11 +119,15 @@ struct Value {
   std::string missing;
 };
 
-Value Read(const std::string& folder, const Measurement& measurement) {
+// Each program's results file.
+using ResultFiles = std::map<std::string, std::string>;
+
+Value Read(const ResultFiles& paths, const Measurement& measurement) {
   static std::map<std::string, std::optional<json>> files;
   auto& file = files[measurement.program];
   if (!file) {
-    std::ifstream input(folder + "/" + measurement.program + ".json");
+    const auto path = paths.find(measurement.program);
+    std::ifstream input(path == paths.end() ? std::string() : path->second);
     if (input) file = json::parse(input, nullptr, false);
   }
   if (!file || file->is_discarded() || !file->contains("benchmarks")) {
@@ -109,7 +135,7 @@ Value Read(const std::string& folder, const Measurement& measurement) {
   }
   for (const auto& result : (*file)["benchmarks"]) {
     const std::string name = result.value("name", "");
-    if (name.rfind(measurement.benchmark, 0) != 0) continue;
+    if (name != measurement.benchmark) continue;
     if (result.value("run_type", "iteration") != "iteration") continue;
     if (result.contains("error_occurred") && result["error_occurred"].get<bool>()) {
       return {std::nullopt, "skipped: " + result.value("error_message", std::string())};
@@ -149,16 +175,38 @@ std::string Format(const Value& value, Quantity quantity) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s <folder of benchmark JSON results>\n", argv[0]);
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: %s <folder of benchmark JSON results> | <program>.json...\n",
+                 argv[0]);
     return 2;
   }
-  const std::string folder = argv[1];
+  // A folder stands for every program's file in it; a file for its own program only.
+  ResultFiles paths;
+  std::set<std::string> shown;
+  bool everyRow = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::filesystem::path argument = argv[i];
+    if (std::filesystem::is_directory(argument)) {
+      everyRow = true;
+      for (const auto& row : Rows()) {
+        for (const Measurement* side : {&row.measured, &row.baseline}) {
+          paths.try_emplace(side->program, (argument / (side->program + ".json")).string());
+        }
+      }
+    } else {
+      const std::string program = argument.stem().string();
+      paths[program] = argument.string();
+      shown.insert(program);
+    }
+  }
   std::printf("%-62s %12s %12s %10s\n", "measured / baseline (same program, same run)", "measured",
               "baseline", "ratio");
   for (const auto& row : Rows()) {
-    const Value measured = Read(folder, row.measured);
-    const Value baseline = Read(folder, row.baseline);
+    if (!everyRow && (!shown.count(row.measured.program) || !shown.count(row.baseline.program))) {
+      continue;
+    }
+    const Value measured = Read(paths, row.measured);
+    const Value baseline = Read(paths, row.baseline);
     std::string ratio = "-";
     if (measured.amount && baseline.amount && *baseline.amount > 0) {
       char text[32];

@@ -22,7 +22,6 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
-#include "bench/support/RatioReporter.h"
 #include "tests/support/ScopedHardwareServices.h"
 #ifdef HARKWELL_HAVE_PULSEAUDIO
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
@@ -223,11 +222,7 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   // The null devices of the private daemon have no model, which the service logs at every read.
   harkwell::InstallLogSink([](std::string_view) {});
-  harkwell::bench::RatioReporter reporter;
-  reporter.addRatio("BM_SimulatedChangeToClient/real_time", "BM_BareCallback");
-  reporter.addRatio("BM_SwitchOnToDiscoveryEnd/real_time", "BM_PactlListShortSources/real_time");
-  reporter.addRatio("BM_ConnectAndSwitchOn/real_time", "BM_PactlListShortSources/real_time");
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;
 }

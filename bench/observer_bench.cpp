@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "HarkwellFoundation/Observer/MediaDeviceObserver.h"
-#include "bench/support/RatioReporter.h"
 
 namespace harkwell {
 namespace {
@@ -141,11 +140,4 @@ BENCHMARK(BM_BareFunctionCall);
 }  // namespace
 }  // namespace harkwell
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  harkwell::bench::RatioReporter reporter;
-  reporter.addRatio("BM_RunningEventDelivery/real_time", "BM_BareFunctionCall");
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
-}
+BENCHMARK_MAIN();

@@ -38,7 +38,6 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "bench/support/RatioReporter.h"
 #include "tests/integration/v4l2/PipedChildProcess.h"
 #include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
@@ -247,16 +246,8 @@ BENCHMARK(BM_OpenToChangedRunning)->UseManualTime()->Unit(benchmark::kMillisecon
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  harkwell::bench::RatioReporter reporter;
-  for (const char* tool : {"BM_Fuser", "BM_Lsof", "BM_SpawnTrue"}) {
-    const std::string iterations = std::string(tool) == "BM_Lsof" ? "/iterations:20" : "";
-    reporter.addRatio(tool + std::string("/0") + iterations + "/real_time",
-                      "BM_ProcessNodeScan/0/real_time");
-    reporter.addRatio(tool + std::string("/1") + iterations + "/manual_time",
-                      "BM_ProcessNodeScan/1/manual_time");
-  }
   std::printf("idle processes started: %zu\n", harkwell::SharedMachine().idleProcessCount());
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;
 }

@@ -3,6 +3,7 @@
 # ratios, each measurement beside its baseline from the same run:
 #   scripts/bench.sh                  everything (about five minutes)
 #   scripts/bench.sh --quick          shorter repetitions, for a smoke test
+#   scripts/bench.sh [--quick] v4l2_bench ...   only the programs named, and only their rows
 # Each program's own output goes to build/release/bench-results/<program>.log, its numbers to
 # <program>.json beside it. Programs that need what the machine lacks (a pulseaudio daemon, a
 # V4L2 loopback node) skip those benchmarks, and the table says so.
@@ -10,7 +11,12 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 min_time=()
-if [ "${1:-}" = "--quick" ]; then min_time=(--benchmark_min_time=0.05); fi
+if [ "${1:-}" = "--quick" ]; then
+  min_time=(--benchmark_min_time=0.05)
+  shift
+fi
+programs=(observer_bench backend_bench controller_bench pulse_bench v4l2_bench)
+if [ $# -gt 0 ]; then programs=("$@"); fi
 
 scripts/install-deps.sh
 cmake --preset release >/dev/null
@@ -20,7 +26,7 @@ make -C build/release/bench -j "$(nproc)" >/dev/null
 results=build/release/bench-results
 rm -rf "$results"
 mkdir -p "$results"
-for program in observer_bench backend_bench controller_bench pulse_bench v4l2_bench; do
+for program in "${programs[@]}"; do
   binary="build/release/bench/$program"
   [ -x "$binary" ] || continue
   echo "bench: $program"
@@ -30,4 +36,11 @@ for program in observer_bench backend_bench controller_bench pulse_bench v4l2_be
   fi
 done
 echo
-build/release/bench/bench_table "$results"
+# The table's rows come from bench/bench_table.cpp, the one list of measurement/baseline pairs.
+if [ $# -eq 0 ]; then
+  build/release/bench/bench_table "$results"
+else
+  files=()
+  for program in "${programs[@]}"; do files+=("$results/$program.json"); done
+  build/release/bench/bench_table "${files[@]}"
+fi
