@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -88,6 +89,8 @@ bool ChildProcess::start(const std::vector<std::string>& argv,
     if (input >= 0) dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
+    // Nothing else the parent has open stays open in the child.
+    syscall(SYS_close_range, 3U, ~0U, 0U);
     setpgid(0, 0);
     execve(program->c_str(), argp.data(), envp.data());
     _exit(127);
@@ -121,6 +124,17 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds deadline)
     // Another process's exit has no descriptor to block on here; look again shortly.
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
+}
+
+std::optional<int> ChildProcess::waitUntilExit(rusage* usage) {
+  if (pid_ <= 0) return std::nullopt;
+  int status = 0;
+  pid_t done = -1;
+  do {
+    done = wait4(pid_, &status, 0, usage);
+  } while (done < 0 && errno == EINTR);
+  pid_ = -1;
+  return status;
 }
 
 std::optional<int> ChildProcess::stop(int signal, std::chrono::milliseconds deadline) {

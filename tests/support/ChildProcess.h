@@ -1,9 +1,11 @@
 // A program the tests start and stop: a server daemon, a recorder. The child gets the environment
-// given here (nothing else of the test's), its output goes to a file, and the kernel kills it if
-// the test process dies first, so no daemon outlives a crashed test. Start it from a thread that
-// lives as long as the child should (the kernel ties the child to the starting thread).
+// given here (nothing else of the test's, and none of its open descriptors), its output goes to a
+// file, and the kernel kills it if the test process dies first, so no daemon outlives a crashed
+// test. Start it from a thread that lives as long as the child should (the kernel ties the child to
+// the starting thread).
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -36,6 +38,9 @@ class ChildProcess {
   // Waits up to `deadline` for the child to exit by itself; its wait status, or nullopt when it is
   // still running (or none was started).
   std::optional<int> waitForExit(std::chrono::milliseconds deadline);
+  // Blocks until the child exits, however long that takes; its wait status, and in `usage` (when
+  // given) the resources it used. Nullopt when none was started.
+  std::optional<int> waitUntilExit(rusage* usage = nullptr);
   // Sends `signal` and waits up to `deadline` for the child to exit; then kills it. Returns the
   // wait status, or nullopt when no child was running.
   std::optional<int> stop(int signal, std::chrono::milliseconds deadline);
