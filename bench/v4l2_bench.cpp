@@ -13,8 +13,8 @@
 //                           to the client's ChangedRunning event, through the service, the observer
 //                           and the controller. Reports the median and the 99th percentile.
 //
-// The idle processes are `sleep` children that die with the benchmark (PR_SET_PDEATHSIG) and are
-// killed and reaped when it ends.
+// The node is in a fake V4L2 tree (the V4L2 suites' FakeV4L2Tree). The idle processes are `sleep`
+// children that die with the benchmark (PR_SET_PDEATHSIG) and are killed and reaped when it ends.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -28,8 +28,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,6 +36,7 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "tests/integration/v4l2/FakeV4L2Tree.h"
 #include "tests/integration/v4l2/PipedChildProcess.h"
 #include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
@@ -95,20 +94,11 @@ double ThreadCpuSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// A temporary tree with one loopback camera node, and the busy machine around it.
+// A fake V4L2 tree with one loopback camera node, and the busy machine around it.
 class Machine {
  public:
   Machine() {
-    std::string pattern = "/tmp/harkwell-v4l2-bench-XXXXXX";
-    root_ = std::filesystem::canonical(::mkdtemp(pattern.data())).string();
-    const std::string node = root_ + "/sys/devices/virtual/video4linux/video0";
-    std::filesystem::create_directories(node);
-    std::filesystem::create_directories(root_ + "/sys/class/video4linux");
-    std::filesystem::create_directories(root_ + "/dev");
-    std::ofstream(node + "/name") << "Bench Loopback\n";
-    std::ofstream(node + "/index") << "0\n";
-    std::filesystem::create_symlink(node, root_ + "/sys/class/video4linux/video0");
-    std::ofstream(nodePath(), std::ios::app).close();
+    tree_.addNode({.entry = "video0", .nameFile = "Bench Loopback\n", .index = 0, .minor = 0});
     for (int i = 0; i < kIdleProcesses; ++i) {
       const pid_t pid = Spawn({"/bin/sleep", "600"});
       if (pid > 0) idle_.push_back(pid);
@@ -118,17 +108,15 @@ class Machine {
   ~Machine() {
     for (pid_t pid : idle_) ::kill(pid, SIGKILL);
     for (pid_t pid : idle_) ::waitpid(pid, nullptr, 0);
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
   }
 
-  std::string nodePath() const { return root_ + "/dev/video0"; }
-  std::string sysfsRoot() const { return root_ + "/sys"; }
-  std::string devRoot() const { return root_ + "/dev"; }
+  std::string nodePath() const { return tree_.devNodePath("video0"); }
+  std::string sysfsRoot() const { return tree_.sysfsRoot(); }
+  std::string devRoot() const { return tree_.devRoot(); }
   std::size_t idleProcessCount() const { return idle_.size(); }
 
  private:
-  std::string root_;
+  testing::FakeV4L2Tree tree_;
   std::vector<pid_t> idle_;
 };
 
@@ -209,7 +197,7 @@ void BM_OpenToChangedRunning(benchmark::State& state) {
   controller->setObserveDevices(true);
   testing::DrainQueue(queue);
 
-  auto helper = testing::PipedChildProcess::start({HARKWELL_V4L2_BENCH_HELPER, "hold"});
+  auto helper = testing::PipedChildProcess::start({HARKWELL_V4L2_TEST_HELPER, "hold"});
   std::vector<double> latencies;
   for (auto _ : state) {
     const std::size_t seen = events->size();
