@@ -14,20 +14,17 @@
 //                           and the controller. Reports the median and the 99th percentile.
 //
 // The node is in a fake V4L2 tree (the V4L2 suites' FakeV4L2Tree). The idle processes are `sleep`
-// children that die with the benchmark (PR_SET_PDEATHSIG) and are killed and reaped when it ends.
+// children (the suites' ChildProcess) that die with the benchmark and are killed and reaped when
+// it ends.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,6 +35,7 @@
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tests/integration/v4l2/FakeV4L2Tree.h"
 #include "tests/integration/v4l2/PipedChildProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
@@ -52,39 +50,29 @@ std::int64_t MonotonicNanoseconds() {
   return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
-// Starts `argv` with its output discarded; the child dies if this process does. -1 on failure.
-pid_t Spawn(const std::vector<std::string>& argv) {
-  std::vector<char*> arguments;
-  for (const std::string& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
-  arguments.push_back(nullptr);
-  const pid_t parent = ::getpid();
-  const pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != parent) ::_exit(1);
-  const int null = ::open("/dev/null", O_RDWR);
-  if (null >= 0) {
-    ::dup2(null, STDIN_FILENO);
-    ::dup2(null, STDOUT_FILENO);
-    ::dup2(null, STDERR_FILENO);
+// This process's environment, which the tools run with.
+std::map<std::string, std::string> OwnEnvironment() {
+  std::map<std::string, std::string> variables;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    const std::size_t equals = text.find('=');
+    if (equals != std::string::npos) variables[text.substr(0, equals)] = text.substr(equals + 1);
   }
-  // Nothing else of this process's (the camera node above all) may stay open in the child.
-  ::syscall(SYS_close_range, 3, ~0U, 0);
-  ::execv(arguments[0], arguments.data());
-  ::_exit(127);
+  return variables;
 }
 
 double Seconds(const timeval& time) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-// Runs `argv` to its end; returns the processor time (user and system) the child used.
+// Runs `argv` to its end, its output discarded; returns the processor time (user and system) the
+// child used.
 double RunToCompletion(const std::vector<std::string>& argv) {
-  const pid_t pid = Spawn(argv);
-  if (pid <= 0) return 0;
-  int status = 0;
+  static const std::map<std::string, std::string> environment = OwnEnvironment();
+  testing::ChildProcess child;
+  if (!child.start(argv, environment, "/dev/null", nullptr)) return 0;
   rusage usage{};
-  ::wait4(pid, &status, 0, &usage);
+  child.waitUntilExit(&usage);
   return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
 }
 
@@ -100,14 +88,16 @@ class Machine {
   Machine() {
     tree_.addNode({.entry = "video0", .nameFile = "Bench Loopback\n", .index = 0, .minor = 0});
     for (int i = 0; i < kIdleProcesses; ++i) {
-      const pid_t pid = Spawn({"/bin/sleep", "600"});
-      if (pid > 0) idle_.push_back(pid);
+      auto child = std::make_unique<testing::ChildProcess>();
+      if (child->start({"/bin/sleep", "600"}, {}, "/dev/null", nullptr)) {
+        idle_.push_back(std::move(child));
+      }
     }
   }
 
   ~Machine() {
-    for (pid_t pid : idle_) ::kill(pid, SIGKILL);
-    for (pid_t pid : idle_) ::waitpid(pid, nullptr, 0);
+    // All at once, before each one's destructor waits for its own.
+    for (const auto& child : idle_) ::kill(child->pid(), SIGKILL);
   }
 
   std::string nodePath() const { return tree_.devNodePath("video0"); }
@@ -117,7 +107,7 @@ class Machine {
 
  private:
   testing::FakeV4L2Tree tree_;
-  std::vector<pid_t> idle_;
+  std::vector<std::unique_ptr<testing::ChildProcess>> idle_;
 };
 
 Machine& SharedMachine() {
