@@ -133,7 +133,13 @@ void BM_ProcessNodeScan(benchmark::State& state) {
   state.counters["processes"] = static_cast<double>(processes);
 }
 
-void RunTool(benchmark::State& state, const std::vector<std::string>& argv) {
+// `package`: the Debian package that provides argv[0], named when it is missing.
+void RunTool(benchmark::State& state, const std::vector<std::string>& argv,
+             const std::string& package) {
+  if (!testing::ChildProcess::findProgram(argv[0])) {
+    state.SkipWithError((argv[0] + " is not installed (Debian package " + package + ")").c_str());
+    return;
+  }
   const bool byProcessorTime = state.range(0) == 1;
   for (auto _ : state) {
     const double used = RunToCompletion(argv);
@@ -142,15 +148,15 @@ void RunTool(benchmark::State& state, const std::vector<std::string>& argv) {
 }
 
 void BM_Fuser(benchmark::State& state) {
-  RunTool(state, {"/usr/bin/fuser", SharedMachine().nodePath()});
+  RunTool(state, {"/usr/bin/fuser", SharedMachine().nodePath()}, "psmisc");
 }
 
 void BM_Lsof(benchmark::State& state) {
-  RunTool(state, {"/usr/bin/lsof", "-w", SharedMachine().nodePath()});
+  RunTool(state, {"/usr/bin/lsof", "-w", SharedMachine().nodePath()}, "lsof");
 }
 
 void BM_SpawnTrue(benchmark::State& state) {
-  RunTool(state, {"/bin/true"});
+  RunTool(state, {"/bin/true"}, "coreutils");
 }
 
 // Argument 0: wall-clock time; argument 1: processor time.
