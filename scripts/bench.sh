@@ -5,8 +5,9 @@
 #   scripts/bench.sh --quick          shorter repetitions, for a smoke test
 #   scripts/bench.sh [--quick] v4l2_bench ...   only the programs named, and only their rows
 # Each program's own output goes to build/release/bench-results/<program>.log, its numbers to
-# <program>.json beside it. Programs that need what the machine lacks (a pulseaudio daemon, a
-# V4L2 loopback node) skip those benchmarks, and the table says so.
+# <program>.json beside it. Benchmarks that need what the machine lacks (pulseaudio or pactl for the
+# PulseAudio ones; fuser or lsof for v4l2_bench, which builds its own fake camera node) skip, and
+# the table says so.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
