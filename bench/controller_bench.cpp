@@ -32,6 +32,10 @@
 namespace harkwell {
 namespace {
 
+// A silent log sink, installed before main for the whole run: devices without a model (the private
+// daemon's null devices among them) are logged at every read, which would bury the results.
+const LogSink kPreviousLogSink = InstallLogSink([](std::string_view) {});
+
 using testing::ScopedHardwareServices;
 
 // Counts callbacks and lets the benchmark's thread wait for the next one.
@@ -218,11 +222,4 @@ BENCHMARK(BM_PactlListShortSources)->UseRealTime()->Unit(benchmark::kMillisecond
 }  // namespace
 }  // namespace harkwell
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  // The null devices of the private daemon have no model, which the service logs at every read.
-  harkwell::InstallLogSink([](std::string_view) {});
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+BENCHMARK_MAIN();

@@ -3,7 +3,8 @@
 //
 //   BM_ProcessNodeScan      the /proc scan the service runs after an open or a close: one pass over
 //                           every process's descriptors, looking for one node nobody holds (the
-//                           full-length case), with 500 extra idle processes started here.
+//                           full-length case), with 500 extra idle processes started here
+//                           (counted in idle_started).
 //   BM_Fuser, BM_Lsof       `fuser <node>` and `lsof -w <node>` answering the same question in the
 //                           same run (each includes starting the tool; BM_SpawnTrue shows that
 //                           part alone).
@@ -131,6 +132,7 @@ void BM_ProcessNodeScan(benchmark::State& state) {
     benchmark::DoNotOptimize(result.isOpen);
   }
   state.counters["processes"] = static_cast<double>(processes);
+  state.counters["idle_started"] = static_cast<double>(machine.idleProcessCount());
 }
 
 // `package`: the Debian package that provides argv[0], named when it is missing.
@@ -228,10 +230,4 @@ BENCHMARK(BM_OpenToChangedRunning)->UseManualTime()->Unit(benchmark::kMillisecon
 }  // namespace
 }  // namespace harkwell
 
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  std::printf("idle processes started: %zu\n", harkwell::SharedMachine().idleProcessCount());
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+BENCHMARK_MAIN();
