@@ -180,11 +180,6 @@ bool PulseAudioDeviceMirror::hasObject(ObjectID object) const {
   return object == kAudioObjectSystemObject || entries_.count(object) != 0;
 }
 
-const PulseMappedDevice* PulseAudioDeviceMirror::device(ObjectID object) const {
-  auto found = entries_.find(object);
-  return found == entries_.end() ? nullptr : &found->second.device;
-}
-
 PulseAudioDeviceMirror::Entry PulseAudioDeviceMirror::entryFor(const PulseMappedDevice& device) {
   Identity& identity = identities_[DeviceKey(device.kind, device.uid)];
   if (identity.deviceID == 0) {

@@ -39,8 +39,6 @@ class PulseAudioDeviceMirror {
   std::vector<ObjectID> deviceIDs() const;
   // The system object, or a present device.
   bool hasObject(ObjectID object) const;
-  // The present device with this ID, or null.
-  const PulseMappedDevice* device(ObjectID object) const;
 
   // The seam's reads, with its statuses and size rules.
   OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
