@@ -71,7 +71,10 @@ OSStatus PulseAudioHardwareService::addPropertyListenerBlock(ObjectID object,
     std::lock_guard lock(mutex_);
     if (!mirror_.hasObject(object)) return kAudioHardwareBadObjectError;
   }
-  // A device that leaves right here keeps a listener that never fires; removing it still works.
+  // A device that leaves right here keeps this listener, as it keeps every other one: listeners
+  // are not dropped when their device leaves. Its ID never names another device, and if the
+  // device comes back it has this ID again, so the listener fires for its changes from then on.
+  // Removing the listener works whether the device is present or not.
   if (!listeners_.add(object, address, std::move(queue), std::move(block))) {
     return kAudioHardwareIllegalOperationError;
   }
