@@ -79,35 +79,26 @@ PulseAudioServerConnection::~PulseAudioServerConnection() {
   pa_threaded_mainloop_free(loop_);
 }
 
-PulseAudioServerConnection::FirstOutcome PulseAudioServerConnection::waitForFirstOutcome(
-    std::chrono::milliseconds timeout) {
+void PulseAudioServerConnection::waitForFirstOutcome(std::chrono::milliseconds timeout) {
   {
     std::unique_lock lock(outcomeMutex_);
-    if (outcomeChanged_.wait_for(lock, timeout, [&] { return firstOutcome_.has_value(); })) {
-      return *firstOutcome_;
-    }
+    if (outcomeChanged_.wait_for(lock, timeout, [&] { return firstAttemptEnded_; })) return;
   }
-  // The loop thread may settle the outcome meanwhile; under its lock the answer is final.
+  // The loop thread may end the attempt meanwhile; under its lock the answer is final.
   pa_threaded_mainloop_lock(loop_);
-  FirstOutcome outcome = FirstOutcome::StillWaiting;
-  if (synchronised_) {
-    outcome = FirstOutcome::Synchronised;
-  } else if (inOutage_) {
-    outcome = FirstOutcome::NoServer;
-  } else {
+  if (!synchronised_ && !inOutage_) {
     inOutage_ = true;
     SystemLog("PulseAudio: the server did not answer within " + std::to_string(timeout.count()) +
               " ms; devices will appear when it does");
   }
   pa_threaded_mainloop_unlock(loop_);
-  return outcome;
 }
 
-void PulseAudioServerConnection::settleFirstOutcome(FirstOutcome outcome) {
+void PulseAudioServerConnection::endFirstAttempt() {
   {
     std::lock_guard lock(outcomeMutex_);
-    if (firstOutcome_) return;
-    firstOutcome_ = outcome;
+    if (firstAttemptEnded_) return;
+    firstAttemptEnded_ = true;
   }
   outcomeChanged_.notify_all();
 }
@@ -199,7 +190,7 @@ void PulseAudioServerConnection::onListDone() {
               (server ? server : "(unknown address)"));
   }
   publish();
-  settleFirstOutcome(FirstOutcome::Synchronised);
+  endFirstAttempt();
 }
 
 void PulseAudioServerConnection::onFailed(pa_context* context) {
@@ -225,7 +216,7 @@ void PulseAudioServerConnection::onFailed(pa_context* context) {
   }
   // Every device leaves with the server.
   if (hadState) handler_(state_);
-  settleFirstOutcome(FirstOutcome::NoServer);
+  endFirstAttempt();
   scheduleReconnect();
 }
 

@@ -40,9 +40,6 @@ class PulseAudioServerConnection {
     std::chrono::milliseconds longestRetryDelay{2000};
   };
 
-  // How the first connection attempt ended.
-  enum class FirstOutcome { Synchronised, NoServer, StillWaiting };
-
   // Starts the loop thread and the first attempt, and returns at once. Null only if libpulse could
   // not start its loop.
   static std::unique_ptr<PulseAudioServerConnection> start(Options options, StateHandler handler);
@@ -55,9 +52,9 @@ class PulseAudioServerConnection {
   PulseAudioServerConnection& operator=(const PulseAudioServerConnection&) = delete;
 
   // Waits at most `timeout` for the first attempt to end: the whole state was handed over, or no
-  // server answered. StillWaiting when the timeout passed first; that is logged, and so is the
-  // connection when it comes.
-  FirstOutcome waitForFirstOutcome(std::chrono::milliseconds timeout);
+  // server answered. When the timeout passes first, that is logged, and so is the connection when
+  // it comes.
+  void waitForFirstOutcome(std::chrono::milliseconds timeout);
 
  private:
   PulseAudioServerConnection(Options options, StateHandler handler);
@@ -69,7 +66,7 @@ class PulseAudioServerConnection {
   void onListDone();
   void scheduleReconnect();
   void publish();
-  void settleFirstOutcome(FirstOutcome outcome);
+  void endFirstAttempt();
   void releaseRetiredContexts();
 
   void onServerEvent(unsigned facility, unsigned type, std::uint32_t index);
@@ -96,7 +93,7 @@ class PulseAudioServerConnection {
 
   std::mutex outcomeMutex_;
   std::condition_variable outcomeChanged_;
-  std::optional<FirstOutcome> firstOutcome_;
+  bool firstAttemptEnded_ = false;
 };
 
 }  // namespace harkwell
