@@ -1,19 +1,22 @@
 // The PulseAudio service against a real pulseaudio daemon that each test starts on a private
 // socket: start-up, devices coming and going, running state, server faults, and listeners.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <stdlib.h>
 
 #include <chrono>
 #include <future>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/SystemLog.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
 #include "tests/support/Waiting.h"
@@ -24,7 +27,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ChildProcess;
 using testing::DrainQueue;
-using testing::LogCapture;
 using testing::PrivatePulseServer;
 using testing::PulseTestClient;
 using testing::Recorder;
@@ -94,6 +96,46 @@ std::optional<ObjectID> DeviceWithUID(AudioHardwareService& service, const std::
   }
   return std::nullopt;
 }
+
+// Keeps every log line written while it exists, with the thread that wrote it. Lines about the
+// server going and coming are written on the service's log queue, so a test waits for them with a
+// deadline; lines about start-up are written before create() returns.
+class LogLines {
+ public:
+  struct Line {
+    std::string text;
+    std::string threadName;
+    std::thread::id thread;
+  };
+
+  LogLines() {
+    previous_ = InstallLogSink([this](std::string_view text) {
+      char name[16] = {};
+      pthread_getname_np(pthread_self(), name, sizeof name);
+      lines_.append({std::string(text), name, std::this_thread::get_id()});
+    });
+  }
+  ~LogLines() { InstallLogSink(std::move(previous_)); }
+  LogLines(const LogLines&) = delete;
+  LogLines& operator=(const LogLines&) = delete;
+
+  // The texts of the lines written so far.
+  std::vector<std::string> texts() const {
+    std::vector<std::string> texts;
+    for (const Line& line : lines_.entries()) texts.push_back(line.text);
+    return texts;
+  }
+  // The texts once at least `count` lines are written, or when the deadline passes.
+  std::vector<std::string> waitForTexts(std::size_t count) const {
+    lines_.waitForCount(count);
+    return texts();
+  }
+  std::vector<Line> lines() const { return lines_.entries(); }
+
+ private:
+  Recorder<Line> lines_;
+  LogSink previous_;
+};
 
 // A listener on one property: each call records the property's value as the block reads it, so a
 // test sees both that it fired and what the service answered by then.
@@ -237,31 +279,34 @@ TEST_F(PulseAudioServiceTest, DevicesPresentAtStartAreListedByTheFirstRead) {
 }
 
 TEST_F(PulseAudioServiceTest, NoServerAtStartLogsOneLineAndConnectsWhenOneStarts) {
-  LogCapture log;
+  LogLines log;
   const auto started = std::chrono::steady_clock::now();
   auto service = makeService();
   ASSERT_TRUE(service);
   EXPECT_LT(std::chrono::steady_clock::now() - started, 2000ms) << "no server: no waiting";
   EXPECT_TRUE(DeviceIDs(*service).empty());
-  EXPECT_EQ(log.lines(), std::vector<std::string>{
-                             "PulseAudio: no server answered (Connection refused); devices will "
-                             "appear when one starts"});
+  EXPECT_EQ(
+      log.texts(),
+      std::vector<std::string>{"PulseAudio: no server answered (Connection refused); devices will "
+                               "appear when one starts"})
+      << "written before create() returns";
 
   PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
   startServer();
   ASSERT_TRUE(list.calls().waitUntil(
       [](const auto& values) { return !values.empty() && values.back().size() == 2; }));
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                             "PulseAudio: no server answered (Connection refused); "
-                             "devices will appear when one starts",
-                             "PulseAudio: connected to the server at " + server_.address()}));
+  EXPECT_EQ(
+      log.waitForTexts(2),
+      (std::vector<std::string>{"PulseAudio: no server answered (Connection refused); "
+                                "devices will appear when one starts",
+                                "PulseAudio: connected to the server at " + server_.address()}));
 }
 
 TEST_F(PulseAudioServiceTest, StartupWaitIsBoundedWhenTheServerDoesNotAnswer) {
   startServer();
   server_.pause();
-  LogCapture log;
+  LogLines log;
   const auto started = std::chrono::steady_clock::now();
   auto service = makeService(300ms);
   const auto waited = std::chrono::steady_clock::now() - started;
@@ -269,18 +314,20 @@ TEST_F(PulseAudioServiceTest, StartupWaitIsBoundedWhenTheServerDoesNotAnswer) {
   EXPECT_GE(waited, 300ms);
   EXPECT_LT(waited, 2000ms);
   EXPECT_TRUE(DeviceIDs(*service).empty());
-  EXPECT_EQ(log.lines(),
+  EXPECT_EQ(log.texts(),
             std::vector<std::string>{
                 "PulseAudio: the server did not answer within 300 ms; devices will appear when "
-                "it does"});
+                "it does"})
+      << "written before create() returns";
 
   PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
   server_.resume();
   ASSERT_TRUE(list.calls().waitUntil(
       [](const auto& values) { return !values.empty() && values.back().size() == 2; }));
-  EXPECT_EQ(log.lines().size(), 2u);
-  EXPECT_EQ(log.lines().back(), "PulseAudio: connected to the server at " + server_.address());
+  const std::vector<std::string> texts = log.waitForTexts(2);
+  ASSERT_EQ(texts.size(), 2u);
+  EXPECT_EQ(texts.back(), "PulseAudio: connected to the server at " + server_.address());
 }
 
 TEST_F(PulseAudioServiceTest, ReadsAnswerFromTheMirrorWhileTheServerHangs) {
@@ -407,7 +454,7 @@ TEST_F(PulseAudioServiceTest, KilledServerTakesEveryDeviceAndARestartBringsThemB
   ASSERT_EQ(before.size(), 2u);
   PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
   ASSERT_EQ(list.add(), kNoErr);
-  LogCapture log;
+  LogLines log;
 
   server_.kill();
   ASSERT_TRUE(list.waitForValue({}));
@@ -416,9 +463,51 @@ TEST_F(PulseAudioServiceTest, KilledServerTakesEveryDeviceAndARestartBringsThemB
   startServer();
   ASSERT_TRUE(list.waitForValue(before));
   EXPECT_EQ(DeviceIDs(*service_), before) << "devices that come back keep their IDs";
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                             "PulseAudio: lost the server (Connection terminated); reconnecting",
-                             "PulseAudio: connected to the server at " + server_.address()}));
+  EXPECT_EQ(
+      log.waitForTexts(2),
+      (std::vector<std::string>{"PulseAudio: lost the server (Connection terminated); reconnecting",
+                                "PulseAudio: connected to the server at " + server_.address()}));
+}
+
+TEST_F(PulseAudioServiceTest, LogLinesAreWrittenByTheCreatorOrTheLogQueueNeverByLibpulsesThread) {
+  LogLines log;
+  auto service = makeService();
+  ASSERT_TRUE(service);
+  PropertyProbe list(*service, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
+  startServer();
+  ASSERT_TRUE(list.waitForValue(
+      {PulseAudioDeviceMirror::kFirstDeviceID, PulseAudioDeviceMirror::kFirstDeviceID + 2}));
+  server_.kill();
+  ASSERT_TRUE(list.waitForValue({}));
+
+  const std::vector<std::string> texts = log.waitForTexts(3);
+  ASSERT_EQ(texts.size(), 3u) << "no server, connected, lost";
+  const std::vector<LogLines::Line> lines = log.lines();
+  EXPECT_EQ(lines[0].thread, std::this_thread::get_id()) << lines[0].text;
+  for (const LogLines::Line& line : lines) {
+    // libpulse's loop thread is named this; it holds libpulse's lock whenever it runs our code.
+    EXPECT_NE(line.threadName, "harkwell-pulse") << line.text;
+  }
+}
+
+TEST_F(PulseAudioServiceTest, ALogSinkMayWaitForAnotherThreadToDestroyTheService) {
+  ASSERT_NO_FATAL_FAILURE(startServerAndService());
+  // Destroying the service takes libpulse's lock: a sink called with that lock held would wait
+  // for the destroying thread while that thread waits for the lock.
+  Recorder<bool> destroyed;
+  LogSink previous = InstallLogSink([&](std::string_view line) {
+    if (!line.starts_with("PulseAudio: lost the server")) return;
+    auto destroying = std::async(std::launch::async, [&] { service_.reset(); });
+    destroyed.append(destroying.wait_for(testing::kDefaultDeadline) == std::future_status::ready);
+  });
+
+  server_.kill();
+  const bool called = destroyed.waitForCount(1, 2 * testing::kDefaultDeadline);
+  InstallLogSink(std::move(previous));
+  ASSERT_TRUE(called) << "the sink was not called";
+  EXPECT_EQ(destroyed.entries(), std::vector<bool>{true}) << "the destroying thread was stuck";
+  EXPECT_FALSE(service_);
 }
 
 TEST_F(PulseAudioServiceTest, RemovedListenerIsNotCalled) {

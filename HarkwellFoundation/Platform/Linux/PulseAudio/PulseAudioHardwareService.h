@@ -54,6 +54,10 @@
 //
 // Thread-safety: every member may be called from any thread at the same time. Listener blocks run
 // on their queues, never on the caller's or libpulse's thread.
+//
+// Logging: the log sink is never called on libpulse's thread nor with any lock held. The lines
+// about start-up are written by create()'s caller before create() returns; later ones (the server
+// lost, connected again) are written in order on a serial queue of the service's own.
 #pragma once
 
 #include <chrono>
@@ -88,8 +92,9 @@ class PulseAudioHardwareService final : public AudioHardwareService {
   static std::shared_ptr<PulseAudioHardwareService> create() { return create(Options()); }
 
   // Disconnects. No listener block is queued after this returns; blocks already queued are
-  // dropped. Must not be the last reference released on libpulse's loop thread (it never is:
-  // nothing there holds one).
+  // dropped. Log lines already queued are still written, perhaps after this returns: it does not
+  // wait for the log sink. Must not be the last reference released on libpulse's loop thread (it
+  // never is: nothing there holds one).
   ~PulseAudioHardwareService() override;
 
   OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,

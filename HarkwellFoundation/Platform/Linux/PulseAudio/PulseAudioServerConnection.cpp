@@ -10,6 +10,7 @@ namespace harkwell {
 namespace {
 
 constexpr const char* kClientName = "HarkwellFoundation";
+constexpr const char* kLogQueueLabel = "com.harkwell.HarkwellFoundation.PulseAudioLog";
 
 void Release(pa_operation* operation) {
   if (operation) pa_operation_unref(operation);
@@ -57,7 +58,8 @@ PulseAudioServerConnection::PulseAudioServerConnection(Options options, StateHan
     : options_(std::move(options)),
       handler_(std::move(handler)),
       loop_(pa_threaded_mainloop_new()),
-      retryDelay_(options_.firstRetryDelay) {}
+      retryDelay_(options_.firstRetryDelay),
+      logQueue_(DispatchQueue::createSerial(kLogQueueLabel)) {}
 
 PulseAudioServerConnection::~PulseAudioServerConnection() {
   if (!loop_) return;
@@ -77,21 +79,29 @@ PulseAudioServerConnection::~PulseAudioServerConnection() {
   pa_threaded_mainloop_unlock(loop_);
   pa_threaded_mainloop_stop(loop_);
   pa_threaded_mainloop_free(loop_);
+  // Only if the owner never waited for the first outcome: nothing else writes these lines.
+  queueHeldLines();
 }
 
 void PulseAudioServerConnection::waitForFirstOutcome(std::chrono::milliseconds timeout) {
+  bool ended = false;
   {
     std::unique_lock lock(outcomeMutex_);
-    if (outcomeChanged_.wait_for(lock, timeout, [&] { return firstAttemptEnded_; })) return;
+    ended = outcomeChanged_.wait_for(lock, timeout, [&] { return firstAttemptEnded_; });
   }
-  // The loop thread may end the attempt meanwhile; under its lock the answer is final.
-  pa_threaded_mainloop_lock(loop_);
-  if (!synchronised_ && !inOutage_) {
-    inOutage_ = true;
-    SystemLog("PulseAudio: the server did not answer within " + std::to_string(timeout.count()) +
-              " ms; devices will appear when it does");
+  if (!ended) {
+    // The loop thread may end the attempt meanwhile; under its lock the answer is final. The line
+    // is only held here, after any the loop thread logged before it, and written below.
+    pa_threaded_mainloop_lock(loop_);
+    if (!synchronised_ && !inOutage_) {
+      inOutage_ = true;
+      log("PulseAudio: the server did not answer within " + std::to_string(timeout.count()) +
+          " ms; devices will appear when it does");
+    }
+    pa_threaded_mainloop_unlock(loop_);
   }
-  pa_threaded_mainloop_unlock(loop_);
+  // No lock is held from here on.
+  writeHeldLines();
 }
 
 void PulseAudioServerConnection::endFirstAttempt() {
@@ -101,6 +111,47 @@ void PulseAudioServerConnection::endFirstAttempt() {
     firstAttemptEnded_ = true;
   }
   outcomeChanged_.notify_all();
+}
+
+void PulseAudioServerConnection::log(std::string line) {
+  std::lock_guard lock(logMutex_);
+  if (holdingLines_) {
+    heldLines_.push_back(std::move(line));
+    return;
+  }
+  // Each line keeps the queue alive: if the connection lets go of the queue while lines wait,
+  // the queue's thread writes them and then ends on its own, so the destructor never waits for
+  // the log sink.
+  logQueue_->async([queue = logQueue_, line = std::move(line)] { SystemLog(line); });
+}
+
+void PulseAudioServerConnection::writeHeldLines() {
+  // Lines logged while these are written are held too, and written in the next round.
+  for (;;) {
+    std::vector<std::string> lines;
+    {
+      std::lock_guard lock(logMutex_);
+      if (!holdingLines_) return;
+      if (heldLines_.empty()) {
+        holdingLines_ = false;
+        return;
+      }
+      lines.swap(heldLines_);
+    }
+    for (const std::string& line : lines) SystemLog(line);
+  }
+}
+
+void PulseAudioServerConnection::queueHeldLines() {
+  std::vector<std::string> lines;
+  {
+    std::lock_guard lock(logMutex_);
+    if (!holdingLines_) return;
+    holdingLines_ = false;
+    lines.swap(heldLines_);
+  }
+  // Only the destructor calls this, once the loop thread has stopped: no line can come between.
+  for (std::string& line : lines) log(std::move(line));
 }
 
 void PulseAudioServerConnection::releaseRetiredContexts() {
@@ -186,8 +237,8 @@ void PulseAudioServerConnection::onListDone() {
   if (inOutage_) {
     inOutage_ = false;
     const char* server = context_ ? pa_context_get_server(context_) : nullptr;
-    SystemLog(std::string("PulseAudio: connected to the server at ") +
-              (server ? server : "(unknown address)"));
+    log(std::string("PulseAudio: connected to the server at ") +
+        (server ? server : "(unknown address)"));
   }
   publish();
   endFirstAttempt();
@@ -208,10 +259,9 @@ void PulseAudioServerConnection::onFailed(pa_context* context) {
   if (!inOutage_) {
     inOutage_ = true;
     if (hadState) {
-      SystemLog("PulseAudio: lost the server (" + reason + "); reconnecting");
+      log("PulseAudio: lost the server (" + reason + "); reconnecting");
     } else {
-      SystemLog("PulseAudio: no server answered (" + reason +
-                "); devices will appear when one starts");
+      log("PulseAudio: no server answered (" + reason + "); devices will appear when one starts");
     }
   }
   // Every device leaves with the server.

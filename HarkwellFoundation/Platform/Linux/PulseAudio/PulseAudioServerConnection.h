@@ -5,7 +5,12 @@
 // When the server goes away it hands over an empty state and reconnects with growing delays.
 //
 // It writes one log line when no server answers at start-up (or not in the time the owner waits),
-// one when the server goes away, and one when it connects after either; retries are silent.
+// one when the server goes away, and one when it connects after either; retries are silent. No
+// line is written on the loop thread or with any lock held (the loop thread always holds
+// libpulse's loop lock, so a log sink that waited there on a thread busy with this connection
+// would never return). Lines written before waitForFirstOutcome() returns are written by its
+// caller, on its own thread, before it returns; later lines are written in order on a serial
+// queue of the connection's own.
 #pragma once
 
 #include <chrono>
@@ -17,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
 
 struct pa_threaded_mainloop;
@@ -45,7 +51,8 @@ class PulseAudioServerConnection {
   static std::unique_ptr<PulseAudioServerConnection> start(Options options, StateHandler handler);
 
   // Disconnects and stops the loop thread; the handler is not running and never runs again once
-  // this returns. Must not be called on the loop thread.
+  // this returns. Log lines already queued are still written, perhaps after it returns: it does
+  // not wait for the log sink. Must not be called on the loop thread.
   ~PulseAudioServerConnection();
 
   PulseAudioServerConnection(const PulseAudioServerConnection&) = delete;
@@ -53,13 +60,14 @@ class PulseAudioServerConnection {
 
   // Waits at most `timeout` for the first attempt to end: the whole state was handed over, or no
   // server answered. When the timeout passes first, that is logged, and so is the connection when
-  // it comes.
+  // it comes. Every line due by then is written on the calling thread before this returns (with
+  // no lock held), so the owner's caller finds them logged. Called once, by the owner.
   void waitForFirstOutcome(std::chrono::milliseconds timeout);
 
  private:
   PulseAudioServerConnection(Options options, StateHandler handler);
 
-  // Everything below runs on the loop thread, with libpulse's loop lock held.
+  // From here to received(): on the loop thread, with libpulse's loop lock held.
   void connect();
   void onReady();
   void onFailed(pa_context* context);
@@ -76,6 +84,14 @@ class PulseAudioServerConnection {
   // Member map; a list's final call completes that list, a single fetch publishes a change.
   template <class Info, auto Member, auto Convert, bool kList>
   static void received(pa_context* context, const Info* info, int eol, void* userdata);
+
+  // On any thread, under any lock: writes `line` later, after every line logged before it. Until
+  // waitForFirstOutcome() writes them itself lines are held back; then they go to logQueue_.
+  void log(std::string line);
+  // Writes the held lines on the calling thread, then sends later lines to logQueue_.
+  void writeHeldLines();
+  // Sends the held lines to logQueue_, and any later ones.
+  void queueHeldLines();
 
   Options options_;
   StateHandler handler_;
@@ -94,6 +110,12 @@ class PulseAudioServerConnection {
   std::mutex outcomeMutex_;
   std::condition_variable outcomeChanged_;
   bool firstAttemptEnded_ = false;
+
+  std::shared_ptr<DispatchQueue> logQueue_;
+  std::mutex logMutex_;
+  // Guarded by logMutex_: lines not yet queued, and whether new lines join them.
+  std::vector<std::string> heldLines_;
+  bool holdingLines_ = true;
 };
 
 }  // namespace harkwell
