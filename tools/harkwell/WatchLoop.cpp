@@ -96,20 +96,20 @@ StopSignals::~StopSignals() {
   gSignalPipe.store(-1);
 }
 
-WatchEnd RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
-                      std::optional<Clock::time_point> deadline, ScenarioPlayer* scenario) {
+void RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
+                  std::optional<Clock::time_point> deadline, ScenarioPlayer* scenario) {
   MainRunLoop& loop = MainRunLoop::shared();
   const int loopFd = loop.fileDescriptor();
   for (;;) {
     if (scenario != nullptr) scenario->applyDue(Clock::now());
-    if (deadline && Clock::now() >= *deadline) return WatchEnd::DurationEnded;
+    if (deadline && Clock::now() >= *deadline) return;
 
     pollfd descriptors[] = {{signals.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {loopFd, POLLIN, 0}};
     const auto wakeAt =
         Earliest(deadline, scenario != nullptr ? scenario->nextDue() : std::nullopt);
     if (loopFd >= 0) {
       const int ready = poll(descriptors, 3, TimeoutUntil(wakeAt));
-      if (ready < 0 && errno != EINTR) return WatchEnd::StopRequested;
+      if (ready < 0 && errno != EINTR) return;
     } else {
       // A run loop without a descriptor (macOS's CFRunLoop) runs itself until a pipe is readable
       // or the next due time comes.
@@ -118,8 +118,8 @@ WatchEnd RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
                     std::chrono::milliseconds(slice < 0 ? 60'000 : slice));
       poll(descriptors, 2, 0);
     }
-    if (descriptors[0].revents != 0) return WatchEnd::Interrupted;
-    if (descriptors[1].revents != 0) return WatchEnd::StopRequested;
+    // Ctrl-C and a request from a callback that could not print end the watch the same way.
+    if (descriptors[0].revents != 0 || descriptors[1].revents != 0) return;
     if (descriptors[2].revents != 0) loop.performDueWork();
   }
 }

@@ -57,12 +57,10 @@ class StopRequest {
   WakePipe pipe_;
 };
 
-enum class WatchEnd { Interrupted, DurationEnded, StopRequested };
-
 // Runs until a signal, a request or `deadline` (steady clock; absent: no end). `scenario` may be
 // null. Main thread only.
-WatchEnd RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
-                      std::optional<std::chrono::steady_clock::time_point> deadline,
-                      ScenarioPlayer* scenario);
+void RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
+                  std::optional<std::chrono::steady_clock::time_point> deadline,
+                  ScenarioPlayer* scenario);
 
 }  // namespace harkwell::cli
