@@ -138,11 +138,9 @@ TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   ASSERT_NE(run, nullptr);
   // Wait until the initial discovery is complete, so the watch is really under way.
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
-  const auto signalled = std::chrono::steady_clock::now();
   run->sendSignal(SIGINT);
   const auto status = run->waitForExit(1s);
   ASSERT_TRUE(status.has_value()) << "still running a second after SIGINT";
-  EXPECT_LT(std::chrono::steady_clock::now() - signalled, 1s);
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }
 
