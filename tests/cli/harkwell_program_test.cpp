@@ -144,6 +144,8 @@ TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }
 
+// Steps keep coming after the pipe is closed, or have all been printed by then: either way the
+// watch ends, whether a write fails or its loop sees that the reader has gone.
 TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
   const TemporaryFile scenario(R"({"audio": [{"deviceID": 100, "deviceUID": "m", "name": "M",
                                               "modelUID": "1:2"}],
@@ -152,6 +154,30 @@ TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
   auto run = StartHarkwell({"watch", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   ASSERT_TRUE(run->readLine(kLineDeadline).has_value()) << run->errorOutput();
+  run->closeOutput();
+  const auto status = run->waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
+  EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+// Nothing is left to print once the initial discovery is out, so no write can fail: the watch
+// must notice the closed pipe itself.
+TEST(HarkwellWatch, EndsWhenItsOutputIsClosedWhileIdle) {
+  const TemporaryFile scenario(R"({"audio": [{"deviceID": 100, "deviceUID": "m", "name": "M",
+                                              "modelUID": "1:2"}]})");
+  auto run = StartHarkwell({"watch", "--json", "--scenario", scenario.path()});
+  ASSERT_NE(run, nullptr);
+  ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
+  run->closeOutput();
+  const auto status = run->waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
+  EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+TEST(HarkwellWatch, EndsWhenItsOutputIsClosedWithNoDevicesAtAll) {
+  auto run = StartHarkwell({"watch", "--json", "--audio", "none", "--video", "none"});
+  ASSERT_NE(run, nullptr);
+  ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
   run->closeOutput();
   const auto status = run->waitForExit(kLineDeadline);
   ASSERT_TRUE(status.has_value()) << "still running after its output was closed";

@@ -14,6 +14,8 @@ class LineWriter {
   LineWriter(const LineWriter&) = delete;
   LineWriter& operator=(const LineWriter&) = delete;
 
+  int fd() const { return fd_; }
+
   // Writes `text` and a newline. False when the descriptor refuses (a closed pipe, say).
   bool writeLine(std::string_view text);
   // Writes `text` as it is.

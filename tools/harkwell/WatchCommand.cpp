@@ -19,7 +19,8 @@ int RunWatch(const Options& options, CommandContext& context) {
     context.err.writeLine("harkwell: cannot create a pipe");
     return 1;
   }
-  // A closed stdout shows up as a failed write, which ends the watch below.
+  // A closed stdout shows up as a failed write, or in the loop's poll while there is nothing to
+  // write; either ends the watch below.
   signal(SIGPIPE, SIG_IGN);
 
   auto setup = InstallServices(options.services);
@@ -56,7 +57,7 @@ int RunWatch(const Options& options, CommandContext& context) {
     deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                            std::chrono::duration<double>(*options.durationSeconds));
   }
-  RunWatchLoop(signals, stop, deadline, scenario);
+  RunWatchLoop(signals, stop, context.out.fd(), deadline, scenario);
 
   controller->setObserveDevices(false);
   // The callbacks refer to the printer on this stack: let any call under way finish first.

@@ -96,7 +96,7 @@ StopSignals::~StopSignals() {
   gSignalPipe.store(-1);
 }
 
-void RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
+void RunWatchLoop(const StopSignals& signals, const StopRequest& stop, int outputFd,
                   std::optional<Clock::time_point> deadline, ScenarioPlayer* scenario) {
   MainRunLoop& loop = MainRunLoop::shared();
   const int loopFd = loop.fileDescriptor();
@@ -104,23 +104,31 @@ void RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
     if (scenario != nullptr) scenario->applyDue(Clock::now());
     if (deadline && Clock::now() >= *deadline) return;
 
-    pollfd descriptors[] = {{signals.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {loopFd, POLLIN, 0}};
+    // The output is polled for nothing: poll() still reports POLLERR or POLLHUP on it once the
+    // reader of a pipe or socket has gone (POLLNVAL when it is not open at all), so a watch with
+    // nothing to print ends as soon as its reader does, not at its next line.
+    pollfd descriptors[] = {
+        {signals.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {outputFd, 0, 0}, {loopFd, POLLIN, 0}};
+    constexpr nfds_t kWithoutLoop = 3;
     const auto wakeAt =
         Earliest(deadline, scenario != nullptr ? scenario->nextDue() : std::nullopt);
     if (loopFd >= 0) {
-      const int ready = poll(descriptors, 3, TimeoutUntil(wakeAt));
+      const int ready = poll(descriptors, kWithoutLoop + 1, TimeoutUntil(wakeAt));
       if (ready < 0 && errno != EINTR) return;
     } else {
-      // A run loop without a descriptor (macOS's CFRunLoop) runs itself until a pipe is readable
-      // or the next due time comes.
+      // A run loop without a descriptor (macOS's CFRunLoop) runs itself until a pipe is readable,
+      // the output has gone or the next due time comes.
       const int slice = TimeoutUntil(wakeAt);
-      loop.runUntil([&] { return poll(descriptors, 2, 0) > 0; },
+      loop.runUntil([&] { return poll(descriptors, kWithoutLoop, 0) > 0; },
                     std::chrono::milliseconds(slice < 0 ? 60'000 : slice));
-      poll(descriptors, 2, 0);
+      poll(descriptors, kWithoutLoop, 0);
     }
-    // Ctrl-C and a request from a callback that could not print end the watch the same way.
-    if (descriptors[0].revents != 0 || descriptors[1].revents != 0) return;
-    if (descriptors[2].revents != 0) loop.performDueWork();
+    // Ctrl-C, a request from a callback that could not print, or a reader that has gone: each ends
+    // the watch the same way.
+    if (descriptors[0].revents != 0 || descriptors[1].revents != 0 || descriptors[2].revents != 0) {
+      return;
+    }
+    if (descriptors[3].revents != 0) loop.performDueWork();
   }
 }
 

@@ -1,8 +1,8 @@
-// The main thread's loop while `harkwell watch` runs. It waits for three things at once: the
-// MainRunLoop's work (main-queue work and the polling timer), SIGINT or SIGTERM, and a request
-// from another thread to end (when stdout is closed). Between waits it applies the scenario steps
-// that are due. Signals and requests each arrive as a byte on a pipe; the signal handler does
-// nothing but write that byte, which is safe in a handler.
+// The main thread's loop while `harkwell watch` runs. It waits for four things at once: the
+// MainRunLoop's work (main-queue work and the polling timer), SIGINT or SIGTERM, a request from
+// another thread to end (when a write to stdout fails), and the reader of stdout going away.
+// Between waits it applies the scenario steps that are due. Signals and requests each arrive as a
+// byte on a pipe; the signal handler does nothing but write that byte, which is safe in a handler.
 #pragma once
 
 #include <chrono>
@@ -57,9 +57,9 @@ class StopRequest {
   WakePipe pipe_;
 };
 
-// Runs until a signal, a request or `deadline` (steady clock; absent: no end). `scenario` may be
-// null. Main thread only.
-void RunWatchLoop(const StopSignals& signals, const StopRequest& stop,
+// Runs until a signal, a request, `outputFd` reporting that its reader has gone (or that it is not
+// open), or `deadline` (steady clock; absent: no end). `scenario` may be null. Main thread only.
+void RunWatchLoop(const StopSignals& signals, const StopRequest& stop, int outputFd,
                   std::optional<std::chrono::steady_clock::time_point> deadline,
                   ScenarioPlayer* scenario);
 
