@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <sstream>
 
 #include "tests/support/SimulatedServicesFixture.h"
 #include "tools/harkwell/CommandLine.h"
+#include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/ServiceSelection.h"
 
 namespace harkwell::cli {
@@ -103,9 +106,6 @@ TEST(CommandLine, BadValuesAndMissingPiecesAreUsageErrors) {
            {"frobnicate"},
            {"list", "--audio", "alsa"},
            {"list", "--video", "webcam"},
-           {"watch", "--duration", "0"},
-           {"watch", "--duration", "-1"},
-           {"watch", "--duration", "soon"},
            {"hog", "on"},
            {"hog", "toggle", "7"},
            {"list", "--scenario"},
@@ -117,6 +117,38 @@ TEST(CommandLine, BadValuesAndMissingPiecesAreUsageErrors) {
     EXPECT_EQ(outcome.parsed.exitCode, 2) << shown;
     EXPECT_FALSE(outcome.err.empty()) << shown;
   }
+}
+
+TEST(CommandLine, ADurationMustBeFiniteAboveZeroAndAtMostTheLimit) {
+  const std::string expected =
+      "harkwell: --duration: expected a number of seconds greater than 0 and at most 10000000\n"
+      "Run 'harkwell --help' for usage.\n";
+  for (const std::string value : {"nan", "NaN", "inf", "-inf", "infinity", "0", "-0", "-1", "-0.5",
+                                  "1e300", "1e-400", "10000000.5", "1e8", "soon", "2s"}) {
+    const auto outcome = Parse({"watch", "--duration=" + value});
+    EXPECT_FALSE(outcome.parsed.options.has_value()) << value;
+    EXPECT_EQ(outcome.parsed.exitCode, 2) << value;
+    EXPECT_EQ(outcome.err, expected) << value;
+  }
+  // Given as a separate argument, a negative number is still read as the value.
+  EXPECT_EQ(Parse({"watch", "--duration", "-1"}).err, expected);
+}
+
+TEST(CommandLine, ADurationUpToTheLimitIsAccepted) {
+  EXPECT_EQ(ParseOrFail({"watch", "--duration", "0.001"}).durationSeconds, 0.001);
+  EXPECT_EQ(ParseOrFail({"watch", "--duration", "10000000"}).durationSeconds, 1e7);
+  EXPECT_EQ(ParseOrFail({"watch", "--duration", "1e7"}).durationSeconds, kMaxSeconds);
+}
+
+TEST(CommandLine, SecondsBecomeASteadyClockDurationWithinTheLimit) {
+  using std::chrono::seconds;
+  EXPECT_EQ(SecondsToDuration(2.5), std::chrono::milliseconds(2500));
+  EXPECT_EQ(SecondsToDuration(kMaxSeconds), seconds(kMaxWholeSeconds));
+  // The callers refuse these; should one get through, it neither overflows nor goes negative.
+  EXPECT_EQ(SecondsToDuration(1e300), seconds(kMaxWholeSeconds));
+  EXPECT_EQ(SecondsToDuration(std::numeric_limits<double>::infinity()), seconds(kMaxWholeSeconds));
+  EXPECT_EQ(SecondsToDuration(-1), seconds(0));
+  EXPECT_EQ(SecondsToDuration(std::numeric_limits<double>::quiet_NaN()), seconds(0));
 }
 
 TEST(CommandLine, HelpGoesToStdoutAndSucceeds) {

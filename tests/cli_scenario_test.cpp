@@ -138,6 +138,36 @@ TEST(ScenarioErrors, ANumberTooLargeForADoubleIsAnErrorAtTheNumber) {
   EXPECT_EQ(ErrorOf("-1e999").position, (TextPosition{1, 1}));
 }
 
+TEST(ScenarioErrors, AStepTimeOutsideZeroToTheLimitPointsAtIt) {
+  const std::string expected = "\"at\" must be a number of seconds from 0 to 10000000";
+  for (const std::string at : {"1e300", "-1", "-0.001", "10000000.5", "1e8", "\"nan\"", "\"inf\"",
+                               "\"1\"", "null", "true"}) {
+    const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+  "steps": [{"at": )" + at + R"(, "action": "run", "device": 5}]})");
+    EXPECT_EQ(error.position, (TextPosition{2, 20})) << at;
+    EXPECT_EQ(error.message, expected) << at;
+    EXPECT_EQ(error.text(), "test.json:2:20: " + expected) << at;
+  }
+}
+
+TEST(ScenarioErrors, JsonHasNoNaNOrInfinityForAStepTime) {
+  for (const std::string at : {"NaN", "Infinity", "inf"}) {
+    const auto error =
+        ErrorOf(R"({"steps": [{"at": )" + at + R"(, "action": "run", "device": 5}]})");
+    EXPECT_EQ(error.position, (TextPosition{1, 19})) << at;
+    EXPECT_NE(error.message.find("syntax error"), std::string::npos) << at << ": " << error.message;
+  }
+}
+
+TEST(ScenarioParsing, AStepTimeMayBeZeroOrTheLimit) {
+  const auto scenario = ParseOrFail(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+    "steps": [{"at": 0, "action": "run", "device": 5},
+              {"at": 10000000, "action": "stop", "device": 5}]})");
+  ASSERT_EQ(scenario.steps.size(), 2u);
+  EXPECT_EQ(scenario.steps[0].at, 0.0);
+  EXPECT_EQ(scenario.steps[1].at, 1e7);
+}
+
 TEST(ScenarioErrors, AnEmptyFileIsAnErrorAtItsStart) {
   const auto error = ErrorOf("");
   EXPECT_EQ(error.position, (TextPosition{1, 1}));
@@ -345,6 +375,20 @@ TEST_F(ScenarioPlayerTest, AppliesEachStepOnlyOnceItIsDueAndInOrder) {
   EXPECT_EQ(video->deviceList(), std::vector<ObjectID>{9});
   EXPECT_FALSE(player.nextDue().has_value());
   EXPECT_EQ(player.applyDue(origin + 20s), 0u);
+}
+
+TEST_F(ScenarioPlayerTest, AStepAtTheLimitIsDueThatLongAfterTheStart) {
+  ScenarioPlayer player(ParseOrFail(R"({
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic"}],
+    "steps": [{"at": 10000000, "action": "run", "device": 5}]})"),
+                        audio, video);
+  player.addStartingDevices();
+  const auto origin = ScenarioPlayer::Clock::time_point{} + 100s;
+  player.start(origin);
+  EXPECT_EQ(player.nextDue(), origin + 10'000'000s);
+  EXPECT_EQ(player.applyDue(origin + 9'999'999s), 0u);
+  EXPECT_EQ(player.applyDue(origin + 10'000'000s), 1u);
+  EXPECT_EQ(value(*audio, 5, kRunning), 1u);
 }
 
 }  // namespace

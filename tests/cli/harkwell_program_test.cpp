@@ -192,6 +192,41 @@ TEST(HarkwellErrors, AnUnknownOptionIsRefusedWithUsage) {
   EXPECT_NE(result.err.find("--colour"), std::string::npos) << result.err;
 }
 
+TEST(HarkwellErrors, ADurationThatIsNotAFiniteTimeWithinTheLimitIsRefusedWithUsage) {
+  for (const std::string value : {"nan", "inf", "0", "-1", "1e300"}) {
+    const auto result =
+        RunHarkwell({"watch", "--audio", "none", "--video", "none", "--duration=" + value});
+    EXPECT_EQ(result.status, 2) << value;
+    EXPECT_TRUE(result.out.empty()) << value << ": " << result.out;
+    EXPECT_EQ(result.err,
+              "harkwell: --duration: expected a number of seconds greater than 0 and at most "
+              "10000000\nRun 'harkwell --help' for usage.\n")
+        << value;
+  }
+}
+
+TEST(HarkwellErrors, AScenarioStepTimeOutsideTheLimitNamesLineAndColumn) {
+  for (const std::string at : {"1e300", "-1", "10000000.5"}) {
+    const TemporaryFile scenario(
+        "{\"audio\": [{\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": \"M\"}],\n"
+        " \"steps\": [{\"at\": " +
+        at + ", \"action\": \"run\", \"device\": 5}]}\n");
+    const auto result = RunHarkwell({"watch", "--scenario", scenario.path()});
+    EXPECT_EQ(result.status, 1) << at;
+    EXPECT_TRUE(result.out.empty()) << at << ": " << result.out;
+    EXPECT_EQ(result.err, "harkwell: " + scenario.path() +
+                              ":2:19: \"at\" must be a number of seconds from 0 to 10000000\n")
+        << at;
+  }
+  // JSON itself has no NaN or infinity.
+  for (const std::string at : {"NaN", "Infinity"}) {
+    const TemporaryFile scenario("{\"steps\": [{\"at\": " + at + "}]}\n");
+    const auto result = RunHarkwell({"watch", "--scenario", scenario.path()});
+    EXPECT_EQ(result.status, 1) << at;
+    EXPECT_EQ(result.err.rfind("harkwell: " + scenario.path() + ":1:19: ", 0), 0u) << result.err;
+  }
+}
+
 TEST(HarkwellErrors, AMissingScenarioFileIsNamed) {
   const auto result = RunHarkwell({"list", "--scenario", "/nonexistent/harkwell.json"});
   EXPECT_EQ(result.status, 1);

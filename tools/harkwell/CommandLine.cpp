@@ -1,7 +1,11 @@
 #include "tools/harkwell/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
+#include <cstdlib>
 #include <map>
+
+#include "tools/harkwell/Seconds.h"
 
 namespace harkwell::cli {
 namespace {
@@ -16,6 +20,21 @@ const std::map<std::string, VideoChoice> kVideoChoices{{"v4l2", VideoChoice::V4L
                                                        {"none", VideoChoice::None}};
 const std::map<std::string, HogAction> kHogActions{
     {"status", HogAction::Status}, {"on", HogAction::On}, {"off", HogAction::Off}};
+
+// `--duration`: a finite number of seconds, more than 0 and at most kMaxSeconds. Checked on the
+// text, before CLI11 converts it, so "nan", "inf" and "1e300" get the same plain message as "0".
+CLI::Validator DurationSeconds() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        char* end = nullptr;
+        const double seconds = std::strtod(text.c_str(), &end);
+        const bool wholeText = !text.empty() && end == text.c_str() + text.size();
+        if (wholeText && std::isfinite(seconds) && seconds > 0 && seconds <= kMaxSeconds) return {};
+        return "expected a number of seconds greater than 0 and at most " +
+               std::to_string(kMaxWholeSeconds);
+      },
+      "", "SECONDS");
+}
 
 // The values the service options are parsed into before they become optionals.
 struct RawServiceOptions {
@@ -104,7 +123,7 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
   watch->add_flag("--json", options.json, "Print one JSON object per line");
   auto* durationOption = watch->add_option("--duration", duration, "Stop after this many seconds")
                              ->type_name("SECONDS")
-                             ->check(CLI::PositiveNumber);
+                             ->check(DurationSeconds());
   AddServiceOptions(*watch, raw[Command::Watch]);
 
   auto* hog = app.add_subcommand("hog", "Read, take or release exclusive access to a device");

@@ -9,6 +9,7 @@
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "tools/harkwell/Seconds.h"
 
 namespace harkwell::cli {
 namespace {
@@ -357,10 +358,15 @@ class ScenarioParser {
   bool readStep(const json& value, const Pointer& at, double previousAt, ScenarioStep& step) {
     if (!requireObject(value, at, "a step")) return false;
     if (!value.contains("at")) return fail(at, "missing key \"at\"");
-    if (!value.at("at").is_number() || value.at("at").get<double>() < 0) {
-      return fail(at / "at", "\"at\" must be a number of seconds, 0 or more");
+    // JSON has no NaN or infinity, and a number too large for a double fails to parse; the upper
+    // bound keeps the step's time within the clock's range.
+    const json& atValue = value.at("at");
+    const double seconds = atValue.is_number() ? atValue.get<double>() : -1;
+    if (!(seconds >= 0 && seconds <= kMaxSeconds)) {
+      return fail(at / "at", "\"at\" must be a number of seconds from 0 to " +
+                                 std::to_string(kMaxWholeSeconds));
     }
-    step.at = value.at("at").get<double>();
+    step.at = seconds;
     if (step.at < previousAt) {
       return fail(at / "at", "steps must be in time order (this one comes before the step above)");
     }

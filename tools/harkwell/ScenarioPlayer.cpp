@@ -1,16 +1,8 @@
 #include "tools/harkwell/ScenarioPlayer.h"
 
-#include <cmath>
+#include "tools/harkwell/Seconds.h"
 
 namespace harkwell::cli {
-namespace {
-
-ScenarioPlayer::Clock::duration SecondsToDuration(double seconds) {
-  return std::chrono::duration_cast<ScenarioPlayer::Clock::duration>(
-      std::chrono::nanoseconds(std::llround(seconds * 1e9)));
-}
-
-}  // namespace
 
 ScenarioPlayer::ScenarioPlayer(Scenario scenario,
                                std::shared_ptr<SimulatedAudioHardwareService> audio,

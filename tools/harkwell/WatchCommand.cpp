@@ -6,6 +6,7 @@
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "tools/harkwell/Commands.h"
+#include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/ServiceSelection.h"
 #include "tools/harkwell/WatchLoop.h"
 #include "tools/harkwell/WatchPrinter.h"
@@ -54,8 +55,8 @@ int RunWatch(const Options& options, CommandContext& context) {
   if (scenario != nullptr) scenario->start(start, [&queue] { queue->sync([] {}); });
   std::optional<std::chrono::steady_clock::time_point> deadline;
   if (options.durationSeconds) {
-    deadline = start + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                           std::chrono::duration<double>(*options.durationSeconds));
+    // The command line has checked the duration against kMaxSeconds.
+    deadline = start + SecondsToDuration(*options.durationSeconds);
   }
   RunWatchLoop(signals, stop, context.out.fd(), deadline, scenario);
 
