@@ -151,6 +151,31 @@ TEST(CommandLine, SecondsBecomeASteadyClockDurationWithinTheLimit) {
   EXPECT_EQ(SecondsToDuration(std::numeric_limits<double>::quiet_NaN()), seconds(0));
 }
 
+TEST(CommandLine, TreeRootsWithoutV4L2AreAUsageError) {
+  const std::string expected =
+      "harkwell: --sysfs-root, --dev-root and --proc-root need --video v4l2\n"
+      "Run 'harkwell --help' for usage.\n";
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {"list", "--sysfs-root", "/tmp", "--video", "none"},
+           {"watch", "--dev-root", "/tmp", "--video", "simulated"},
+           {"hog", "status", "7", "--proc-root", "/proc", "--video", "none"},
+           // A scenario makes the video source simulated unless it is chosen.
+           {"list", "--scenario", "x.json", "--sysfs-root", "/tmp"},
+       }) {
+    const auto outcome = Parse(arguments);
+    EXPECT_FALSE(outcome.parsed.options.has_value()) << arguments[0];
+    EXPECT_EQ(outcome.parsed.exitCode, 2) << arguments[0];
+    EXPECT_EQ(outcome.err, expected) << arguments[0];
+    EXPECT_TRUE(outcome.out.empty()) << outcome.out;
+  }
+  // `model` reads no devices, so it ignores the device-source options.
+  EXPECT_EQ(ParseOrFail({"model", "--sysfs-root", "/tmp", "--video", "none"}).command,
+            Command::Model);
+  EXPECT_TRUE(
+      ParseOrFail({"list", "--scenario", "x.json", "--video", "v4l2", "--sysfs-root", "/tmp"})
+          .services.sysfsRoot.has_value());
+}
+
 TEST(CommandLine, HelpGoesToStdoutAndSucceeds) {
   const auto outcome = Parse({"watch", "--help"});
   EXPECT_FALSE(outcome.parsed.options.has_value());

@@ -227,6 +227,15 @@ TEST(HarkwellErrors, AScenarioStepTimeOutsideTheLimitNamesLineAndColumn) {
   }
 }
 
+TEST(HarkwellErrors, TreeRootsWithoutV4L2AreRefusedWithUsage) {
+  const auto result = RunHarkwell({"list", "--sysfs-root", "/tmp", "--video", "none"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err,
+            "harkwell: --sysfs-root, --dev-root and --proc-root need --video v4l2\n"
+            "Run 'harkwell --help' for usage.\n");
+}
+
 TEST(HarkwellErrors, AMissingScenarioFileIsNamed) {
   const auto result = RunHarkwell({"list", "--scenario", "/nonexistent/harkwell.json"});
   EXPECT_EQ(result.status, 1);

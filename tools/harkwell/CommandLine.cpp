@@ -6,6 +6,7 @@
 #include <map>
 
 #include "tools/harkwell/Seconds.h"
+#include "tools/harkwell/ServiceSelection.h"
 
 namespace harkwell::cli {
 namespace {
@@ -158,6 +159,14 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
     }
   }
   if (durationOption->count() > 0) options.durationSeconds = duration;
+  // Options that parse one by one but not together are a usage error too (`model` reads no
+  // devices, so it ignores the device-source options).
+  if (options.command != Command::Model) {
+    if (auto conflict = ServiceOptionsConflict(options.services)) {
+      app.exit(CLI::ValidationError(*conflict), out, err);
+      return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
+    }
+  }
   return ParsedCommandLine{.options = options, .exitCode = 0};
 }
 

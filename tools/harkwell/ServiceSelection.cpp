@@ -53,14 +53,19 @@ VideoChoice EffectiveVideoChoice(const ServiceOptions& options) {
   return options.scenarioPath ? VideoChoice::Simulated : VideoChoice::V4L2;
 }
 
+std::optional<std::string> ServiceOptionsConflict(const ServiceOptions& options) {
+  if (EffectiveVideoChoice(options) != VideoChoice::V4L2 &&
+      (options.sysfsRoot || options.devRoot || options.procRoot)) {
+    return "--sysfs-root, --dev-root and --proc-root need --video v4l2";
+  }
+  return std::nullopt;
+}
+
 ServiceSetup InstallServices(const ServiceOptions& options) {
   const AudioChoice audioChoice = EffectiveAudioChoice(options);
   const VideoChoice videoChoice = EffectiveVideoChoice(options);
 
-  if (videoChoice != VideoChoice::V4L2 &&
-      (options.sysfsRoot || options.devRoot || options.procRoot)) {
-    return Failure("--sysfs-root, --dev-root and --proc-root need --video v4l2");
-  }
+  if (auto conflict = ServiceOptionsConflict(options)) return Failure(std::move(*conflict));
 
   std::optional<Scenario> scenario;
   if (options.scenarioPath) {

@@ -21,6 +21,11 @@ struct InstalledServices {
 AudioChoice EffectiveAudioChoice(const ServiceOptions& options);
 VideoChoice EffectiveVideoChoice(const ServiceOptions& options);
 
+// What is wrong with the combination of `options` itself, before any file is read ("--sysfs-root
+// ... need --video v4l2"); empty when nothing is. The command line refuses such a combination as a
+// usage error.
+std::optional<std::string> ServiceOptionsConflict(const ServiceOptions& options);
+
 // Installs the services. On failure nothing usable is installed and the error explains why, ready
 // to print ("scenario.json:3:14: ..." for a scenario that does not load).
 struct ServiceSetup {
