@@ -236,6 +236,13 @@ TEST(HarkwellErrors, TreeRootsWithoutV4L2AreRefusedWithUsage) {
             "Run 'harkwell --help' for usage.\n");
 }
 
+TEST(HarkwellVersion, PrintsTheProjectVersion) {
+  const auto result = RunHarkwell({"--version"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, std::string("harkwell ") + HARKWELL_PROJECT_VERSION + "\n");
+  EXPECT_TRUE(result.err.empty()) << result.err;
+}
+
 TEST(HarkwellErrors, AMissingScenarioFileIsNamed) {
   const auto result = RunHarkwell({"list", "--scenario", "/nonexistent/harkwell.json"});
   EXPECT_EQ(result.status, 1);

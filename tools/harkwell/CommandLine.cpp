@@ -8,6 +8,12 @@
 #include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/ServiceSelection.h"
 
+// CMake passes the project's version; a compile outside it (the Apple sources' syntax check) has
+// none, and the program tests check the version a real build prints.
+#ifndef HARKWELL_CLI_VERSION
+#define HARKWELL_CLI_VERSION "unknown"
+#endif
+
 namespace harkwell::cli {
 namespace {
 
@@ -109,7 +115,7 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
                "harkwell"};
   app.require_subcommand(1);
   app.failure_message(FailureMessage);
-  app.set_version_flag("--version", "harkwell 0.1.0");
+  app.set_version_flag("--version", std::string("harkwell ") + HARKWELL_CLI_VERSION);
 
   Options options;
   double duration = 0;
