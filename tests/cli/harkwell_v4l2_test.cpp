@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include "FakeV4L2Tree.h"
+#include "PipedChildProcess.h"
 #include "tests/cli/ProgramRun.h"
 #include "tests/cli/WatchLines.h"
 
@@ -36,12 +37,9 @@ TEST(HarkwellOnV4L2, ACameraOpenedElsewhereShowsAsChangedRunningTrueThenFalse) {
   EXPECT_EQ((*discovered)["device"]["isRunning"], false);
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kDeadline)) << run->errorOutput();
 
-  // A shell that opens the capture node, says so, and keeps it open.
-  auto holder = ProgramRun::start(
-      "/bin/sh",
-      {"-c", "exec 3<\"$0\" && echo ready && exec sleep 1000", tree.devNodePath("video0")});
-  ASSERT_NE(holder, nullptr);
-  ASSERT_EQ(holder->readLine(kDeadline), "ready") << holder->errorOutput();
+  // Another process that holds the capture node open until it is killed.
+  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  ASSERT_NE(holder, nullptr) << "the node holder did not start";
   const auto opened = NextWatchLineWhere(*run, EventFor("ChangedRunning", camera), kDeadline);
   ASSERT_TRUE(opened.has_value()) << run->errorOutput();
   EXPECT_EQ((*opened)["device"]["isRunning"], true);
