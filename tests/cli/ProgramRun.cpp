@@ -37,7 +37,10 @@ std::vector<std::string> MergedEnvironment(const std::map<std::string, std::stri
 // closed, so the child's dup2 calls cannot clobber one end with another.
 bool MakePipe(int ends[2]) {
   int raw[2];
-  if (pipe2(raw, O_CLOEXEC) != 0) return false;
+  // pipe() rather than Linux's pipe2(), so this builds on macOS too. The originals are not
+  // close-on-exec, but they are closed as soon as their close-on-exec copies are made, and
+  // programs are started from the test's own thread only.
+  if (pipe(raw) != 0) return false;
   for (int i = 0; i < 2; ++i) {
     ends[i] = fcntl(raw[i], F_DUPFD_CLOEXEC, 3);
     close(raw[i]);
