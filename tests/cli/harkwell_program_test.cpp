@@ -144,6 +144,14 @@ TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }
 
+// Closes the reading end of the program's output and expects the watch to end with status 0.
+void ExpectEndsOnceItsOutputIsClosed(ProgramRun& run) {
+  run.closeOutput();
+  const auto status = run.waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
+  EXPECT_EQ(*status, 0) << run.errorOutput();
+}
+
 // Steps keep coming after the pipe is closed, or have all been printed by then: either way the
 // watch ends, whether a write fails or its loop sees that the reader has gone.
 TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
@@ -154,10 +162,7 @@ TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
   auto run = StartHarkwell({"watch", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   ASSERT_TRUE(run->readLine(kLineDeadline).has_value()) << run->errorOutput();
-  run->closeOutput();
-  const auto status = run->waitForExit(kLineDeadline);
-  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
-  EXPECT_EQ(*status, 0) << run->errorOutput();
+  ExpectEndsOnceItsOutputIsClosed(*run);
 }
 
 // Nothing is left to print once the initial discovery is out, so no write can fail: the watch
@@ -168,20 +173,14 @@ TEST(HarkwellWatch, EndsWhenItsOutputIsClosedWhileIdle) {
   auto run = StartHarkwell({"watch", "--json", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
-  run->closeOutput();
-  const auto status = run->waitForExit(kLineDeadline);
-  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
-  EXPECT_EQ(*status, 0) << run->errorOutput();
+  ExpectEndsOnceItsOutputIsClosed(*run);
 }
 
 TEST(HarkwellWatch, EndsWhenItsOutputIsClosedWithNoDevicesAtAll) {
   auto run = StartHarkwell({"watch", "--json", "--audio", "none", "--video", "none"});
   ASSERT_NE(run, nullptr);
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
-  run->closeOutput();
-  const auto status = run->waitForExit(kLineDeadline);
-  ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
-  EXPECT_EQ(*status, 0) << run->errorOutput();
+  ExpectEndsOnceItsOutputIsClosed(*run);
 }
 
 TEST(HarkwellErrors, AnUnknownOptionIsRefusedWithUsage) {
