@@ -34,9 +34,9 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "tests/integration/v4l2/FakeV4L2Tree.h"
 #include "tests/integration/v4l2/PipedChildProcess.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 

@@ -13,9 +13,10 @@ install(TARGETS HarkwellFoundation
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# Every header keeps its place, so installed code includes exactly what in-tree code includes.
-# Another platform's services are of no use here and may need that platform's SDK.
-set(harkwell_foreign_platforms)
+# Every public header keeps its place, so installed code includes exactly what in-tree code
+# includes. Headers in internal/ folders are the library's own, and the platform folders hold the
+# services' implementations, reached through the seam.
+set(harkwell_foreign_platforms PATTERN "internal" EXCLUDE PATTERN "Posix" EXCLUDE)
 if(NOT APPLE)
   list(APPEND harkwell_foreign_platforms PATTERN "Apple" EXCLUDE)
 endif()

@@ -8,7 +8,8 @@
 #   - every file in HarkwellFoundation/Platform/Apple (.cpp as C++, .mm as Objective-C++, .h on
 #     its own);
 #   - every other library source that the Apple build compiles: all of HarkwellFoundation's .cpp
-#     files except HarkwellFoundation/Platform/Linux/ and the Linux variants (*Linux.cpp), so
+#     files except HarkwellFoundation/Platform/Linux/, HarkwellFoundation/Platform/Posix/ and the
+#     Linux variants (*Linux.cpp), so
 #     the Apple branches of shared headers (PlatformString.h) are compiled by their users;
 #   - every library header with an __APPLE__ branch, on its own;
 #   - the harkwell program's sources, tools/harkwell/*.cpp;
@@ -63,7 +64,8 @@ while IFS= read -r file; do files+=("$file"); done < <(
   {
     find HarkwellFoundation/Platform/Apple -type f \( -name '*.cpp' -o -name '*.mm' -o -name '*.h' \)
     find HarkwellFoundation -type f -name '*.cpp' \
-      -not -path 'HarkwellFoundation/Platform/Linux/*' -not -name '*Linux.cpp'
+      -not -path 'HarkwellFoundation/Platform/Linux/*' -not -path 'HarkwellFoundation/Platform/Posix/*' \
+      -not -name '*Linux.cpp'
     grep -rl --include='*.h' '__APPLE__' HarkwellFoundation
     if ((with_tools)); then find tools/harkwell -type f -name '*.cpp'; fi
     find tests -maxdepth 1 -type f -name 'apple_*_test.cpp'

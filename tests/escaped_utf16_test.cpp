@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "HarkwellFoundation/Platform/EscapedUTF16.h"
+#include "HarkwellFoundation/Platform/internal/EscapedUTF16.h"
 
 namespace harkwell {
 namespace {

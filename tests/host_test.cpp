@@ -8,7 +8,7 @@
 #include <string>
 
 #include "HarkwellFoundation/Host/ComputerModelIdentifier.h"
-#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
+#include "HarkwellFoundation/Host/internal/ModelIdentifierSources.h"
 #include "tests/support/LogCapture.h"
 
 namespace harkwell {

@@ -6,7 +6,7 @@
 #include <future>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
+#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <utility>
 
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 
 namespace harkwell {
 namespace {

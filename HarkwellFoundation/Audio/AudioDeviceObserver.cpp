@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
-#include "HarkwellFoundation/Observer/BackendObserverSupport.h"
+#include "HarkwellFoundation/Backend/internal/BackendObserverSupport.h"
 
 namespace harkwell {
 

@@ -1,9 +1,9 @@
 #include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
 
-#include "HarkwellFoundation/Audio/AudioHardwareBackend.h"
+#include "HarkwellFoundation/Backend/internal/AudioHardwareBackend.h"
+#include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
+#include "HarkwellFoundation/Backend/internal/HardwarePropertyReader.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
-#include "HarkwellFoundation/Platform/HardwarePropertyReader.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 

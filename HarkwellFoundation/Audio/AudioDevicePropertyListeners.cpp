@@ -1,7 +1,7 @@
 #include "HarkwellFoundation/Audio/AudioDevicePropertyListeners.h"
 
-#include "HarkwellFoundation/Audio/AudioHardwareBackend.h"
-#include "HarkwellFoundation/Observer/DevicePropertyRegistration.h"
+#include "HarkwellFoundation/Backend/internal/AudioHardwareBackend.h"
+#include "HarkwellFoundation/Backend/internal/DevicePropertyRegistration.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 
 namespace harkwell {

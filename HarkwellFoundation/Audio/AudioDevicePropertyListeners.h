@@ -10,7 +10,7 @@
 #include <memory>
 #include <optional>
 
-#include "HarkwellFoundation/Observer/DevicePropertyObserver.h"
+#include "HarkwellFoundation/Backend/DevicePropertyObserver.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 
 namespace harkwell {

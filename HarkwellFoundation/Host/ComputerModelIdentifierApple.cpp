@@ -1,7 +1,7 @@
 #include <sys/sysctl.h>
 
 #include "HarkwellFoundation/Host/ComputerModelIdentifier.h"
-#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
+#include "HarkwellFoundation/Host/internal/ModelIdentifierSources.h"
 
 namespace harkwell {
 

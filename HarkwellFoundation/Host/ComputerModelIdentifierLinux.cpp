@@ -1,5 +1,5 @@
 #include "HarkwellFoundation/Host/ComputerModelIdentifier.h"
-#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
+#include "HarkwellFoundation/Host/internal/ModelIdentifierSources.h"
 
 namespace harkwell {
 

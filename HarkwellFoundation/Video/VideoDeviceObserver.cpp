@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "HarkwellFoundation/Observer/BackendObserverSupport.h"
+#include "HarkwellFoundation/Backend/internal/BackendObserverSupport.h"
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 
 namespace harkwell {

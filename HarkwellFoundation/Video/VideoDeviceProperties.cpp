@@ -1,10 +1,10 @@
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 
-#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
-#include "HarkwellFoundation/Platform/HardwarePropertyReader.h"
+#include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
+#include "HarkwellFoundation/Backend/internal/HardwarePropertyReader.h"
+#include "HarkwellFoundation/Backend/internal/VideoHardwareBackend.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
-#include "HarkwellFoundation/Video/VideoHardwareBackend.h"
 
 namespace harkwell {
 

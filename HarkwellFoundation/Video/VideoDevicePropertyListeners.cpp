@@ -1,8 +1,8 @@
 #include "HarkwellFoundation/Video/VideoDevicePropertyListeners.h"
 
-#include "HarkwellFoundation/Observer/DevicePropertyRegistration.h"
+#include "HarkwellFoundation/Backend/internal/DevicePropertyRegistration.h"
+#include "HarkwellFoundation/Backend/internal/VideoHardwareBackend.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
-#include "HarkwellFoundation/Video/VideoHardwareBackend.h"
 
 namespace harkwell {
 

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "FakeV4L2Tree.h"
 #include "PipedChildProcess.h"
 #include "tests/cli/ProgramRun.h"
 #include "tests/cli/WatchLines.h"
+#include "tests/support/FakeV4L2Tree.h"
 
 namespace harkwell::testing {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 
 namespace harkwell::cli {
 namespace {

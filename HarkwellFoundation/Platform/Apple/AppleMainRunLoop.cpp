@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
-#include "HarkwellFoundation/Platform/RunLoopTimerSchedule.h"
+#include "HarkwellFoundation/Platform/internal/RunLoopTimerSchedule.h"
 
 namespace harkwell {
 namespace {

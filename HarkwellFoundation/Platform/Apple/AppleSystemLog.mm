@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "HarkwellFoundation/Platform/EscapedUTF16.h"
+#include "HarkwellFoundation/Platform/internal/EscapedUTF16.h"
 
 namespace harkwell {
 namespace {

@@ -14,8 +14,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "HarkwellFoundation/Platform/EscapedUTF16.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/internal/EscapedUTF16.h"
 
 namespace harkwell {
 namespace {

@@ -19,7 +19,7 @@
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
-#include "HarkwellFoundation/Platform/RunLoopTimerSchedule.h"
+#include "HarkwellFoundation/Platform/internal/RunLoopTimerSchedule.h"
 
 namespace harkwell {
 namespace {

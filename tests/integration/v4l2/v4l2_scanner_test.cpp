@@ -6,9 +6,9 @@
 
 #include <filesystem>
 
-#include "FakeV4L2Tree.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "PipedChildProcess.h"
+#include "tests/support/FakeV4L2Tree.h"
 
 namespace harkwell::testing {
 namespace {

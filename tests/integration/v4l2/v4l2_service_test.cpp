@@ -13,10 +13,10 @@
 #include <filesystem>
 #include <set>
 
-#include "FakeV4L2Tree.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "PipedChildProcess.h"
+#include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Waiting.h"
 

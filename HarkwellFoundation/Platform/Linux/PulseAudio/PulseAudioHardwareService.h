@@ -70,7 +70,7 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
-#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
+#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
 

@@ -83,7 +83,7 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbeCache.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2PropertyMirror.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2SysfsReader.h"
-#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
+#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
 

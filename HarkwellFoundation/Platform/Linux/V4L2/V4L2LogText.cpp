@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 
 namespace harkwell::v4l2 {
 namespace {

@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Observer/BackendObserverSupport.h"
+#include "HarkwellFoundation/Backend/internal/BackendObserverSupport.h"
 
 namespace harkwell {
 

@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
+#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
-#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Host/internal/ModelIdentifierSources.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 
 namespace harkwell {
 

@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
+#include "HarkwellFoundation/Host/internal/ModelIdentifierSources.h"
 
 namespace harkwell {
 

@@ -11,8 +11,8 @@
 #include <memory>
 #include <optional>
 
-#include "HarkwellFoundation/Observer/DevicePropertyObserver.h"
-#include "HarkwellFoundation/Platform/HardwareBackend.h"
+#include "HarkwellFoundation/Backend/DevicePropertyObserver.h"
+#include "HarkwellFoundation/Backend/internal/HardwareBackend.h"
 
 namespace harkwell {
 

@@ -1,6 +1,6 @@
-#include "HarkwellFoundation/Platform/EscapedUTF16.h"
+#include "HarkwellFoundation/Platform/internal/EscapedUTF16.h"
 
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 
 namespace harkwell {
 namespace {

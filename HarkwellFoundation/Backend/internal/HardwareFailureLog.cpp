@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
+#include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
 
 #include "HarkwellFoundation/Platform/SystemLog.h"
 

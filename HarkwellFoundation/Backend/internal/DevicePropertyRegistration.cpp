@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Observer/DevicePropertyRegistration.h"
+#include "HarkwellFoundation/Backend/internal/DevicePropertyRegistration.h"
 
 #include <cstdint>
 #include <string_view>

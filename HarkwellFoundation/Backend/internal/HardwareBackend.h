@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
+#include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 
 namespace harkwell {

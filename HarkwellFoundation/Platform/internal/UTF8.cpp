@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 
 namespace harkwell {
 namespace {

@@ -9,11 +9,11 @@
 #include <filesystem>
 #include <map>
 
-#include "FakeV4L2Tree.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2LogText.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2SysfsReader.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2UdevRecord.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "tests/support/FakeV4L2Tree.h"
 
 namespace harkwell::testing {
 namespace {

@@ -2,7 +2,7 @@
 // service and AudioDeviceLogWithStatus. Used by the audio property, listener and hog-mode code.
 #pragma once
 
-#include "HarkwellFoundation/Platform/HardwareBackend.h"
+#include "HarkwellFoundation/Backend/internal/HardwareBackend.h"
 
 namespace harkwell {
 

@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Platform/HardwarePropertyReader.h"
+#include "HarkwellFoundation/Backend/internal/HardwarePropertyReader.h"
 
 #include "HarkwellFoundation/Platform/PlatformString.h"
 

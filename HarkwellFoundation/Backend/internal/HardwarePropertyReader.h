@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "HarkwellFoundation/Platform/HardwareBackend.h"
-#include "HarkwellFoundation/Platform/HardwareFailureLog.h"
+#include "HarkwellFoundation/Backend/internal/HardwareBackend.h"
+#include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 
 namespace harkwell {

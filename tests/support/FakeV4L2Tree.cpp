@@ -1,4 +1,4 @@
-#include "FakeV4L2Tree.h"
+#include "tests/support/FakeV4L2Tree.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

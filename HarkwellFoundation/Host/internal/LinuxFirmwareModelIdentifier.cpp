@@ -2,7 +2,7 @@
 #include <array>
 #include <fstream>
 
-#include "HarkwellFoundation/Host/ModelIdentifierSources.h"
+#include "HarkwellFoundation/Host/internal/ModelIdentifierSources.h"
 
 namespace harkwell {
 namespace {
