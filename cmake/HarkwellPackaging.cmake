@@ -70,7 +70,17 @@ else()
   set(HARKWELL_PC_PUBLIC_LIBS "")
   set(HARKWELL_PC_PRIVATE_LIBS "-pthread")
 endif()
+# The prefix is worked out from where the file itself is installed, so an install into another
+# prefix (`cmake --install build --prefix DIR`) still names its own folders.
+set(HARKWELL_PC_INSTALL_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE "${HARKWELL_PC_INSTALL_DIR}")
+  set(HARKWELL_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH harkwell_pc_up "/prefix/${HARKWELL_PC_INSTALL_DIR}" "/prefix")
+  string(REGEX REPLACE "/$" "" harkwell_pc_up "${harkwell_pc_up}")
+  set(HARKWELL_PC_PREFIX "\${pcfiledir}/${harkwell_pc_up}")
+endif()
 configure_file(${PROJECT_SOURCE_DIR}/cmake/HarkwellFoundation.pc.in
   ${PROJECT_BINARY_DIR}/HarkwellFoundation.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/HarkwellFoundation.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  DESTINATION ${HARKWELL_PC_INSTALL_DIR})

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library and the harkwell program into a temporary prefix, then builds
-# examples/consumer against that prefix twice, once with find_package and once with pkg-config,
-# and runs each build and the installed program once.
+# examples/library against that prefix twice, once with find_package and once with pkg-config,
+# and runs each build (on simulated devices) and the installed program once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -31,15 +31,15 @@ libdir="$(dirname "$(find "$prefix" -name HarkwellFoundation.pc -print -quit)")/
 echo "== the installed program"
 "$prefix/bin/harkwell" list --scenario examples/scenario.json
 
-echo "== consumer with find_package(HarkwellFoundation)"
-cmake -S examples/consumer -B "$work/consumer-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/consumer-cmake" >/dev/null
-"$work/consumer-cmake/consumer"
+echo "== examples/library with find_package(HarkwellFoundation)"
+cmake -S examples/library -B "$work/library-cmake" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/library-cmake" >/dev/null
+"$work/library-cmake/device-watch" --simulated --duration 1
 
-echo "== consumer with pkg-config"
+echo "== examples/library with pkg-config"
 export PKG_CONFIG_PATH="$libdir/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
 read -r -a flags <<<"$(pkg-config --cflags --libs HarkwellFoundation)"
-c++ -std=c++20 examples/consumer/main.cpp "${flags[@]}" -o "$work/consumer-pkg-config"
-"$work/consumer-pkg-config"
+c++ -std=c++20 examples/library/device_watch.cpp "${flags[@]}" -o "$work/library-pkg-config"
+"$work/library-pkg-config" --simulated --duration 1
 
 echo "install check: passed"

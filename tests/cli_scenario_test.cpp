@@ -354,14 +354,12 @@ TEST_F(ScenarioPlayerTest, AppliesEachStepOnlyOnceItIsDueAndInOrder) {
   EXPECT_FALSE(player.nextDue().has_value()) << "no step is due before the clock starts";
 
   const auto origin = ScenarioPlayer::Clock::time_point{} + 100s;
-  int settled = 0;
-  player.start(origin, [&] { ++settled; });
+  player.start(origin);
   EXPECT_EQ(player.nextDue(), origin + 1s);
   EXPECT_EQ(player.applyDue(origin + 999ms), 0u);
   EXPECT_EQ(value(*audio, 5, kRunning), 0u);
 
   EXPECT_EQ(player.applyDue(origin + 1s), 2u);
-  EXPECT_EQ(settled, 2) << "the settling call runs after every step";
   EXPECT_EQ(value(*audio, 5, kRunning), 1u);
   EXPECT_EQ(value(*audio, 5, kSource), 2u);
   EXPECT_EQ(player.nextDue(), origin + 2s);
@@ -371,10 +369,32 @@ TEST_F(ScenarioPlayerTest, AppliesEachStepOnlyOnceItIsDueAndInOrder) {
   EXPECT_EQ(value(*audio, 5, kRunning), 0u);
   EXPECT_EQ(value(*video, 9, kRunning), 1u);
 
+  EXPECT_FALSE(player.finished());
   EXPECT_EQ(player.applyDue(origin + 10s), 1u);
   EXPECT_EQ(video->deviceList(), std::vector<ObjectID>{9});
   EXPECT_FALSE(player.nextDue().has_value());
+  EXPECT_TRUE(player.finished());
   EXPECT_EQ(player.applyDue(origin + 20s), 0u);
+}
+
+TEST_F(ScenarioPlayerTest, AppliesOneDueStepAtATimeWhenAskedForTheNext) {
+  ScenarioPlayer player(ParseOrFail(R"({
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic"}],
+    "steps": [{"at": 1, "action": "run", "device": 5},
+              {"at": 1, "action": "stop", "device": 5}]})"),
+                        audio, video);
+  player.addStartingDevices();
+  EXPECT_FALSE(player.started());
+  const auto origin = ScenarioPlayer::Clock::time_point{} + 100s;
+  player.start(origin);
+  EXPECT_TRUE(player.started());
+  EXPECT_FALSE(player.applyNextIfDue(origin + 999ms));
+  EXPECT_TRUE(player.applyNextIfDue(origin + 1s));
+  EXPECT_EQ(value(*audio, 5, kRunning), 1u) << "only the first of the two due steps";
+  EXPECT_TRUE(player.applyNextIfDue(origin + 1s));
+  EXPECT_EQ(value(*audio, 5, kRunning), 0u);
+  EXPECT_TRUE(player.finished());
+  EXPECT_FALSE(player.applyNextIfDue(origin + 2s));
 }
 
 TEST_F(ScenarioPlayerTest, AStepAtTheLimitIsDueThatLongAfterTheStart) {

@@ -8,7 +8,10 @@
 // Threads: every client callback runs on deviceEventHandlerQueue(), never overlapping when the
 // queue is serial (the default queue is). Configure the controller from one thread; the list
 // queries may be called from any thread. Switching observation off from a thread other than the
-// main thread may wait for the main thread (it can invalidate the polling timer there).
+// main thread may wait for the main thread (it can invalidate the polling timer there), and so
+// may the queue when a Bluetooth device goes away: the main thread must keep serving the main run
+// loop and must never block on the event-handler queue (no queue->sync() there; wait with
+// MainRunLoop::runUntil() or from the program's own loop instead).
 //
 // Lifetime: an observing controller keeps itself alive through its observers (their updating
 // forwarder owns it), so it goes on observing and calling its callbacks after the client drops

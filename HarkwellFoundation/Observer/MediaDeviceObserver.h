@@ -12,7 +12,9 @@
 // the callbacks are called synchronously inside the note that produced them and must not wait for
 // work they submit to that queue. `connectedDevices()` and `cachedDeviceForDeviceID()` may be read
 // from any thread. The callbacks may be set from any thread; a new value applies from the next
-// call. No lock is held while a callback, a device-source query or a hook runs.
+// call. No lock is held while a callback, a device-source query or a hook runs. Removing the last
+// polling handler off the main thread waits for the main thread to invalidate the timer, so the
+// main thread must keep serving the main run loop and must never block on the event-handler queue.
 //
 // Lifetime: when the last reference goes, the observer first runs the subclass's
 // stopObservingConnectedDevices() and stopObservingPropertiesForAllDevices(), then is destroyed.

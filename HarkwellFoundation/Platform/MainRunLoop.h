@@ -5,7 +5,9 @@
 //   - fileDescriptor() + performDueWork(): for programs that have their own loop (GLib, Qt,
 //     epoll): add the descriptor to that loop and call performDueWork() when it is readable.
 // All of these, and RunLoopTimer::invalidate(), must be called on the main thread. Timers may be
-// scheduled from any thread.
+// scheduled from any thread. Event-handler queues hop to the main thread synchronously (an
+// observer invalidates its polling timer here), so the main thread must keep serving this loop
+// and must never block on an event-handler queue.
 #pragma once
 
 #include <chrono>

@@ -134,7 +134,7 @@ TEST(HarkwellWatch, JsonPrintsTheDiscoveryAndEveryChangeInOrder) {
 TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   const TemporaryFile scenario(R"({"audio": [{"deviceID": 100, "deviceUID": "m", "name": "M",
                                               "modelUID": "1:2"}]})");
-  auto run = StartHarkwell({"watch", "--json", "--scenario", scenario.path()});
+  auto run = StartHarkwell({"watch", "--json", "--follow", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   // Wait until the initial discovery is complete, so the watch is really under way.
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
@@ -142,6 +142,47 @@ TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   const auto status = run->waitForExit(1s);
   ASSERT_TRUE(status.has_value()) << "still running a second after SIGINT";
   EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+// A Bluetooth device is polled for its running state on a timer of the main run loop; when it goes
+// away the event queue hands the timer's end to the main thread and waits for it there. The watch
+// must keep its main thread free for that, and still end at its duration and at Ctrl-C.
+const char* const kBluetoothMicrophoneUnplugged = R"({
+  "audio": [{"deviceID": 100, "deviceUID": "bt-mic", "name": "Bluetooth Microphone",
+             "modelUID": "05ac:1234", "transportType": "Bluetooth"}],
+  "steps": [{"at": 0.5, "action": "unplug", "device": 100}]})";
+
+TEST(HarkwellWatch, ABluetoothMicrophoneUnpluggedIsReportedAndTheDurationEndsTheWatch) {
+  const TemporaryFile scenario(kBluetoothMicrophoneUnplugged);
+  auto run = StartHarkwell(
+      {"watch", "--json", "--follow", "--duration", "2", "--scenario", scenario.path()});
+  ASSERT_NE(run, nullptr);
+  ASSERT_TRUE(NextWatchLineWhere(*run, EventFor("Disconnected", "bt-mic"), kLineDeadline))
+      << run->errorOutput();
+  ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
+  const auto status = run->waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still running well after its duration";
+  EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+TEST(HarkwellWatch, ABluetoothMicrophoneUnpluggedIsReportedAndCtrlCEndsTheWatch) {
+  const TemporaryFile scenario(kBluetoothMicrophoneUnplugged);
+  auto run = StartHarkwell({"watch", "--json", "--follow", "--scenario", scenario.path()});
+  ASSERT_NE(run, nullptr);
+  ASSERT_TRUE(NextWatchLineWhere(*run, EventFor("Disconnected", "bt-mic"), kLineDeadline))
+      << run->errorOutput();
+  ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
+  run->sendSignal(SIGINT);
+  const auto status = run->waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still running after SIGINT";
+  EXPECT_EQ(*status, 0) << run->errorOutput();
+}
+
+TEST(HarkwellWatch, AScenarioWatchEndsAfterItsLastStepWithoutFollow) {
+  const TemporaryFile scenario(kBluetoothMicrophoneUnplugged);
+  const auto result = RunHarkwell({"watch", "--scenario", scenario.path()}, {}, kLineDeadline);
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("Disconnected"), std::string::npos) << result.out;
 }
 
 // Closes the reading end of the program's output and expects the watch to end with status 0.
@@ -159,7 +200,7 @@ TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
                                               "modelUID": "1:2"}],
     "steps": [{"at": 0.2, "action": "run", "device": 100},
               {"at": 0.4, "action": "stop", "device": 100}]})");
-  auto run = StartHarkwell({"watch", "--scenario", scenario.path()});
+  auto run = StartHarkwell({"watch", "--follow", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   ASSERT_TRUE(run->readLine(kLineDeadline).has_value()) << run->errorOutput();
   ExpectEndsOnceItsOutputIsClosed(*run);
@@ -170,7 +211,7 @@ TEST(HarkwellWatch, EndsWhenItsOutputIsClosed) {
 TEST(HarkwellWatch, EndsWhenItsOutputIsClosedWhileIdle) {
   const TemporaryFile scenario(R"({"audio": [{"deviceID": 100, "deviceUID": "m", "name": "M",
                                               "modelUID": "1:2"}]})");
-  auto run = StartHarkwell({"watch", "--json", "--scenario", scenario.path()});
+  auto run = StartHarkwell({"watch", "--json", "--follow", "--scenario", scenario.path()});
   ASSERT_NE(run, nullptr);
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
   ExpectEndsOnceItsOutputIsClosed(*run);

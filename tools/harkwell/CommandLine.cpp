@@ -131,6 +131,8 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
   auto* durationOption = watch->add_option("--duration", duration, "Stop after this many seconds")
                              ->type_name("SECONDS")
                              ->check(DurationSeconds());
+  watch->add_flag("--follow", options.follow,
+                  "With --scenario: keep watching after the scenario's last step");
   AddServiceOptions(*watch, raw[Command::Watch]);
 
   auto* hog = app.add_subcommand("hog", "Read, take or release exclusive access to a device");

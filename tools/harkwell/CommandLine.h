@@ -31,6 +31,7 @@ struct Options {
   Command command = Command::List;
   bool json = false;
   std::optional<double> durationSeconds;  // watch: run this long; absent means until interrupted
+  bool follow = false;  // watch --scenario: keep watching after the scenario's last step
   HogAction hogAction = HogAction::Status;
   std::string hogDevice;  // a device UID or a decimal device ID
   ServiceOptions services;

@@ -3,6 +3,7 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tools/harkwell/Commands.h"
+#include "tools/harkwell/MainLoopWait.h"
 
 namespace harkwell::cli {
 
@@ -12,10 +13,10 @@ std::vector<MediaDevice> ConnectedDevicesNow() {
   controller->setObserveDevices(true);
   // The observers' cache fills and the initial discovery were queued by the switch; once the queue
   // has run them, the caches hold every device present.
-  queue->sync([] {});
+  WaitForQueueServingMainLoop(*queue);
   auto devices = controller->connectedDevices();
   controller->setObserveDevices(false);
-  queue->sync([] {});
+  WaitForQueueServingMainLoop(*queue);
   return devices;
 }
 

@@ -23,13 +23,16 @@ std::optional<ScenarioPlayer::Clock::time_point> ScenarioPlayer::nextDue() const
   return *origin_ + SecondsToDuration(scenario_.steps[nextStep_].at);
 }
 
+bool ScenarioPlayer::applyNextIfDue(Clock::time_point now) {
+  const auto due = nextDue();
+  if (!due || *due > now) return false;
+  apply(scenario_.steps[nextStep_++]);
+  return true;
+}
+
 std::size_t ScenarioPlayer::applyDue(Clock::time_point now) {
   std::size_t applied = 0;
-  for (auto due = nextDue(); due && *due <= now; due = nextDue()) {
-    apply(scenario_.steps[nextStep_++]);
-    ++applied;
-    if (afterEachStep_) afterEachStep_();
-  }
+  while (applyNextIfDue(now)) ++applied;
   return applied;
 }
 

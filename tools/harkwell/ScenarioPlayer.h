@@ -1,12 +1,11 @@
 // Plays a Scenario on the simulated services: puts its starting devices in place, then applies
 // each step once its time has come. The player does not keep time itself; the program's loop asks
-// when the next step is due and calls applyDue() then, and tests pass whatever times they like.
-// Called on one thread (the program's main thread).
+// when the next step is due and calls applyNextIfDue() then, and tests pass whatever times they
+// like. Called on one thread (the program's main thread).
 #pragma once
 
 #include <chrono>
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
 
@@ -25,15 +24,17 @@ class ScenarioPlayer {
 
   // Adds the devices that are connected from the start.
   void addStartingDevices();
-  // Step times count from `origin`. `afterEachStep`, when given, runs after every step and
-  // before the next one; the watch command uses it to let the controller handle what a step
-  // changed (a device plugged in is observed) before a later step changes it again.
-  void start(Clock::time_point origin, std::function<void()> afterEachStep = {}) {
-    origin_ = origin;
-    afterEachStep_ = std::move(afterEachStep);
-  }
+  // Step times count from `origin`.
+  void start(Clock::time_point origin) { origin_ = origin; }
+  bool started() const { return origin_.has_value(); }
   // When the next step is due; empty once every step has been applied (or before start()).
   std::optional<Clock::time_point> nextDue() const;
+  // Whether every step has been applied.
+  bool finished() const { return nextStep_ >= scenario_.steps.size(); }
+  // Applies the next step if it is due at `now`; returns whether it did. The watch command applies
+  // one step at a time and lets the controller handle what it changed (a device plugged in is
+  // observed) before a later step changes it again.
+  bool applyNextIfDue(Clock::time_point now);
   // Applies, in order, every step due at `now`; returns how many it applied.
   std::size_t applyDue(Clock::time_point now);
 
@@ -44,7 +45,6 @@ class ScenarioPlayer {
   const std::shared_ptr<SimulatedAudioHardwareService> audio_;
   const std::shared_ptr<SimulatedVideoHardwareService> video_;
   std::optional<Clock::time_point> origin_;
-  std::function<void()> afterEachStep_;
   std::size_t nextStep_ = 0;
 };
 

@@ -1,6 +1,5 @@
 #include "tools/harkwell/WatchLoop.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -45,36 +44,20 @@ std::optional<Clock::time_point> Earliest(std::optional<Clock::time_point> a,
   return std::min(*a, *b);
 }
 
-bool SetNonBlockingAndCloseOnExec(int fd) {
-  const int flags = fcntl(fd, F_GETFL);
-  return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0 &&
-         fcntl(fd, F_SETFD, FD_CLOEXEC) == 0;
+// With the barrier passed: starts the scenario's clock the first time, then applies the next step
+// if it is due and posts a barrier behind it. Returns whether the watch has reached its end.
+bool AdvanceScenario(const WatchLoopSettings& settings, Clock::time_point now) {
+  ScenarioPlayer* scenario = settings.scenario;
+  if (scenario == nullptr) return false;
+  if (!scenario->started()) scenario->start(now);
+  if (scenario->applyNextIfDue(now)) {
+    settings.barrier.post();
+    return false;
+  }
+  return settings.endAfterScenario && scenario->finished();
 }
 
 }  // namespace
-
-WakePipe::WakePipe() {
-  int fds[2];
-  if (pipe(fds) != 0) return;
-  if (!SetNonBlockingAndCloseOnExec(fds[0]) || !SetNonBlockingAndCloseOnExec(fds[1])) {
-    close(fds[0]);
-    close(fds[1]);
-    return;
-  }
-  readFd_ = fds[0];
-  writeFd_ = fds[1];
-}
-
-WakePipe::~WakePipe() {
-  if (readFd_ >= 0) close(readFd_);
-  if (writeFd_ >= 0) close(writeFd_);
-}
-
-void WakePipe::wake() const {
-  const char byte = 1;
-  // A full pipe is already readable, so a failed write loses nothing.
-  [[maybe_unused]] const ssize_t written = write(writeFd_, &byte, 1);
-}
 
 StopSignals::StopSignals() {
   if (!pipe_.isValid()) return;
@@ -96,22 +79,30 @@ StopSignals::~StopSignals() {
   gSignalPipe.store(-1);
 }
 
-void RunWatchLoop(const StopSignals& signals, const StopRequest& stop, int outputFd,
-                  std::optional<Clock::time_point> deadline, ScenarioPlayer* scenario) {
+void RunWatchLoop(const WatchLoopSettings& settings) {
   MainRunLoop& loop = MainRunLoop::shared();
   const int loopFd = loop.fileDescriptor();
+  QueueBarrier& barrier = settings.barrier;
   for (;;) {
-    if (scenario != nullptr) scenario->applyDue(Clock::now());
-    if (deadline && Clock::now() >= *deadline) return;
+    const auto now = Clock::now();
+    if (settings.deadline && now >= *settings.deadline) return;
+    if (!barrier.pending() && AdvanceScenario(settings, now)) return;
 
     // The output is polled for nothing: poll() still reports POLLERR or POLLHUP on it once the
     // reader of a pipe or socket has gone (POLLNVAL when it is not open at all), so a watch with
-    // nothing to print ends as soon as its reader does, not at its next line.
-    pollfd descriptors[] = {
-        {signals.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {outputFd, 0, 0}, {loopFd, POLLIN, 0}};
-    constexpr nfds_t kWithoutLoop = 3;
-    const auto wakeAt =
-        Earliest(deadline, scenario != nullptr ? scenario->nextDue() : std::nullopt);
+    // nothing to print ends as soon as its reader does, not at its next line. A negative
+    // descriptor is skipped by poll(), which leaves the barrier out while none is pending.
+    pollfd descriptors[] = {{settings.signals.fd(), POLLIN, 0},
+                            {settings.stop.fd(), POLLIN, 0},
+                            {settings.outputFd, 0, 0},
+                            {barrier.pending() ? barrier.fd() : -1, POLLIN, 0},
+                            {loopFd, POLLIN, 0}};
+    constexpr nfds_t kWithoutLoop = 4;
+    // While a barrier is pending no step may be applied, so only its pipe can move the scenario.
+    const auto nextStep = settings.scenario != nullptr && !barrier.pending()
+                              ? settings.scenario->nextDue()
+                              : std::nullopt;
+    const auto wakeAt = Earliest(settings.deadline, nextStep);
     if (loopFd >= 0) {
       const int ready = poll(descriptors, kWithoutLoop + 1, TimeoutUntil(wakeAt));
       if (ready < 0 && errno != EINTR) return;
@@ -128,7 +119,8 @@ void RunWatchLoop(const StopSignals& signals, const StopRequest& stop, int outpu
     if (descriptors[0].revents != 0 || descriptors[1].revents != 0 || descriptors[2].revents != 0) {
       return;
     }
-    if (descriptors[3].revents != 0) loop.performDueWork();
+    if (descriptors[3].revents != 0) barrier.collect();
+    if (loopFd >= 0 && descriptors[4].revents != 0) loop.performDueWork();
   }
 }
 

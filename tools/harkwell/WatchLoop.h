@@ -1,34 +1,23 @@
-// The main thread's loop while `harkwell watch` runs. It waits for four things at once: the
+// The main thread's loop while `harkwell watch` runs. It waits for several things at once: the
 // MainRunLoop's work (main-queue work and the polling timer), SIGINT or SIGTERM, a request from
-// another thread to end (when a write to stdout fails), and the reader of stdout going away.
-// Between waits it applies the scenario steps that are due. Signals and requests each arrive as a
-// byte on a pipe; the signal handler does nothing but write that byte, which is safe in a handler.
+// another thread to end (when a write to stdout fails), the reader of stdout going away, and the
+// event queue passing a barrier. Signals and requests each arrive as a byte on a pipe; the signal
+// handler does nothing but write that byte, which is safe in a handler.
+//
+// The loop never blocks on the event queue: the queue may be waiting for the main thread (an
+// observer invalidates its polling timer there when a Bluetooth device goes away). Instead it
+// posts a barrier after the start and after every scenario step, and applies the next step only
+// once the barrier has come back, while it goes on serving everything else.
 #pragma once
 
 #include <chrono>
 #include <optional>
 
+#include "tools/harkwell/QueueBarrier.h"
 #include "tools/harkwell/ScenarioPlayer.h"
+#include "tools/harkwell/WakePipe.h"
 
 namespace harkwell::cli {
-
-// A non-blocking pipe whose read end becomes readable once anything was written to it.
-class WakePipe {
- public:
-  WakePipe();
-  ~WakePipe();
-  WakePipe(const WakePipe&) = delete;
-  WakePipe& operator=(const WakePipe&) = delete;
-  bool isValid() const { return readFd_ >= 0; }
-  int readFd() const { return readFd_; }
-  int writeFd() const { return writeFd_; }
-  // Any thread, and a signal handler, may call it.
-  void wake() const;
-
- private:
-  int readFd_ = -1;
-  int writeFd_ = -1;
-};
 
 // SIGINT and SIGTERM, turned into a readable pipe for as long as the object lives; their usual
 // effect comes back when it goes. One at a time per process.
@@ -57,10 +46,24 @@ class StopRequest {
   WakePipe pipe_;
 };
 
-// Runs until a signal, a request, `outputFd` reporting that its reader has gone (or that it is not
-// open), or `deadline` (steady clock; absent: no end). `scenario` may be null. Main thread only.
-void RunWatchLoop(const StopSignals& signals, const StopRequest& stop, int outputFd,
-                  std::optional<std::chrono::steady_clock::time_point> deadline,
-                  ScenarioPlayer* scenario);
+struct WatchLoopSettings {
+  const StopSignals& signals;
+  const StopRequest& stop;
+  // Polled for its reader going away (or not being open at all).
+  int outputFd = -1;
+  // Steady clock; absent: no end.
+  std::optional<std::chrono::steady_clock::time_point> deadline;
+  // Null without a scenario. Its clock starts when `barrier` first passes.
+  ScenarioPlayer* scenario = nullptr;
+  // On the controller's queue, posted by the caller right after observation was switched on, so
+  // its passing means the initial discovery has been handled.
+  QueueBarrier& barrier;
+  // End once the last scenario step has been handled (without it, run until told to end).
+  bool endAfterScenario = false;
+};
+
+// Runs until a signal, a request, the output going away, the deadline, or (when asked) the end of
+// the scenario. Main thread only.
+void RunWatchLoop(const WatchLoopSettings& settings);
 
 }  // namespace harkwell::cli
