@@ -379,6 +379,22 @@ TEST_F(ControllerTest, DroppedWhileObservingItStaysAliveAndKeepsReporting) {
   EXPECT_TRUE(weak.expired()) << "switching off breaks the ownership cycle";
 }
 
+TEST_F(ControllerTest, EventForwarderUsedAfterTheControllerIsGoneStopsTheProgram) {
+  auto controller = makeController();
+  controller->setObserveDevices(true);
+  DrainQueue(queue_);
+  auto observer = controller->audioDeviceObserver();
+  const auto forwarder = observer->deviceEventHandler();
+  ASSERT_TRUE(forwarder);
+  controller->setObserveDevices(false);
+  // The updating forwarder still owns the controller; dropping it lets the controller go.
+  observer->setUpdatingDevicesHandler(nullptr);
+  std::weak_ptr<MediaDeviceController> weak = controller;
+  controller.reset();
+  ASSERT_TRUE(weak.expired());
+  EXPECT_DEATH(forwarder(*observer, MediaDeviceEvent::Connected, MediaDevice{}), "");
+}
+
 TEST_F(ControllerTest, EveryCallbackRunsOnTheEventHandlerQueue) {
   audio->addDevice(Microphone(10, "mic"));
   controller_ = makeController();

@@ -72,12 +72,14 @@ std::shared_ptr<Observer> MediaDeviceController::_makeObserver() {
       [self = shared_from_this()](MediaDeviceObserver&, bool finished) {
         if (auto handler = self->updatingDevicesHandler()) handler(finished);
       });
-  // The event forwarder does not. Once the controller is gone it does nothing: a note already
-  // running on the queue when the last reference went can still reach it.
+  // The event forwarder does not. The stop sequence clears it before the observers are released,
+  // so reaching it after the controller is gone is a broken invariant, not a late event.
   observer->setDeviceEventHandler([weakSelf = weak_from_this()](MediaDeviceObserver& source,
                                                                 MediaDeviceEvent event,
                                                                 const MediaDevice& device) {
-    if (auto self = weakSelf.lock()) self->_handleDeviceEvent(source, event, device);
+    const auto self = weakSelf.lock();
+    if (!self) __builtin_trap();
+    self->_handleDeviceEvent(source, event, device);
   });
   observer->startObservingConnectedDevices();
   return observer;

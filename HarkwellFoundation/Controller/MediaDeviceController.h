@@ -15,7 +15,9 @@
 //
 // Lifetime: an observing controller keeps itself alive through its observers (their updating
 // forwarder owns it), so it goes on observing and calling its callbacks after the client drops
-// its last reference. Writing false to observeDevices breaks that cycle.
+// its last reference. Writing false to observeDevices breaks that cycle. The event forwarder does
+// not own the controller; the stop sequence clears it first, and calling it after the controller is
+// gone stops the program.
 #pragma once
 
 #include <atomic>
