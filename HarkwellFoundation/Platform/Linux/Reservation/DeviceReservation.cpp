@@ -303,7 +303,12 @@ OSStatus DeviceReservation::take(std::uint32_t card, const std::string& applicat
           }
         }
         if (requested == -EEXIST) return kAudioDevicePermissionsError;
-        if (requested < 0 && requested != -EALREADY) return kAudioHardwareUnspecifiedError;
+        if (requested < 0 && requested != -EALREADY) {
+          // A request that timed out may still be granted once the bus catches up; a release
+          // queued behind it makes sure the name does not end up ours with nobody answering.
+          sd_bus_release_name_async(bus, nullptr, name.c_str(), nullptr, nullptr);
+          return kAudioHardwareUnspecifiedError;
+        }
         if (sd_bus_add_object_vtable(bus, &held->object, ObjectPath(card).c_str(), kInterface,
                                      HeldCard::vtable(), held.get()) < 0) {
           sd_bus_release_name(bus, name.c_str());
