@@ -31,11 +31,16 @@ install(EXPORT HarkwellFoundationTargets
   NAMESPACE HarkwellFoundation::
   DESTINATION ${HARKWELL_CMAKE_PACKAGE_DIR})
 
-# The config file finds libpulse again where the library links it.
+# The config file finds libpulse and libsystemd again where the library links them.
 if(HARKWELL_WITH_PULSEAUDIO)
   set(HARKWELL_CONFIG_NEEDS_LIBPULSE ON)
 else()
   set(HARKWELL_CONFIG_NEEDS_LIBPULSE OFF)
+endif()
+if(HARKWELL_WITH_DEVICE_RESERVATION)
+  set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD ON)
+else()
+  set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD OFF)
 endif()
 configure_package_config_file(
   ${PROJECT_SOURCE_DIR}/cmake/HarkwellFoundationConfig.cmake.in
@@ -57,6 +62,12 @@ set(HARKWELL_PC_REQUIRES "")
 if(HARKWELL_WITH_PULSEAUDIO)
   set(HARKWELL_PC_CFLAGS "-DHARKWELL_HAVE_PULSEAUDIO=1")
   set(HARKWELL_PC_REQUIRES "libpulse")
+endif()
+if(HARKWELL_WITH_DEVICE_RESERVATION)
+  string(APPEND HARKWELL_PC_CFLAGS " -DHARKWELL_HAVE_DEVICE_RESERVATION=1")
+  string(STRIP "${HARKWELL_PC_CFLAGS}" HARKWELL_PC_CFLAGS)
+  string(APPEND HARKWELL_PC_REQUIRES " libsystemd")
+  string(STRIP "${HARKWELL_PC_REQUIRES}" HARKWELL_PC_REQUIRES)
 endif()
 get_target_property(harkwell_library_type HarkwellFoundation TYPE)
 if(harkwell_library_type STREQUAL "STATIC_LIBRARY")

@@ -297,6 +297,31 @@ TEST(PulseDeviceMappingTest, ModelUIDIsAbsentUnlessVendorAndProductAreKnown) {
   EXPECT_EQ(PulseModelUIDFor(endpoint, &card), std::nullopt);
 }
 
+// --- Sound card behind exclusive access ----------------------------------------------------------
+
+TEST(PulseDeviceMappingTest, SoundCardComesFromTheDeviceThenItsCard) {
+  PulseEndpoint endpoint = Source(1, "mic", PulseEndpointState::Idle);
+  PulseCard card{0, "card", {{"alsa.card", "3"}}};
+  EXPECT_EQ(PulseSoundCardFor(endpoint, &card), 3u);
+  endpoint.properties = {{"alsa.card", "1"}};
+  EXPECT_EQ(PulseSoundCardFor(endpoint, &card), 1u);
+}
+
+TEST(PulseDeviceMappingTest, SoundCardIsReadFromPipeWiresNameToo) {
+  PulseEndpoint endpoint = Source(1, "mic", PulseEndpointState::Idle);
+  endpoint.properties = {{"api.alsa.card", "2"}};
+  EXPECT_EQ(PulseSoundCardFor(endpoint, nullptr), 2u);
+}
+
+TEST(PulseDeviceMappingTest, ADeviceWithoutANumericCardHasNone) {
+  PulseEndpoint endpoint = Source(1, "null", PulseEndpointState::Idle);
+  EXPECT_EQ(PulseSoundCardFor(endpoint, nullptr), std::nullopt);
+  for (const char* text : {"", "x", "-1", "3a", "99999999999"}) {
+    endpoint.properties = {{"alsa.card", text}};
+    EXPECT_EQ(PulseSoundCardFor(endpoint, nullptr), std::nullopt) << text;
+  }
+}
+
 // --- Transport
 // -------------------------------------------------------------------------------------
 

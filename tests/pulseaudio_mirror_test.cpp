@@ -266,6 +266,28 @@ TEST(PulseAudioDeviceMirrorTest, HogModeIsAnUnknownProperty) {
             kAudioHardwareUnknownPropertyError);
 }
 
+TEST(PulseAudioDeviceMirrorTest, HogModeOfADeviceWithACardNamesTheCard) {
+  PulseAudioDeviceMirror mirror;
+  PulseMappedDevice withCard = Microphone("mic");
+  withCard.soundCard = 4;
+  mirror.update({withCard, Speakers("null")});
+  std::uint32_t card = 0;
+  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, Global(kAudioDevicePropertyHogMode), &card), kNoErr);
+  EXPECT_EQ(card, 4u);
+  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, Output(kAudioDevicePropertyHogMode), &card), kNoErr);
+  EXPECT_EQ(mirror.hogModeSoundCard(kFirst + 2, Global(kAudioDevicePropertyHogMode), &card),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.hogModeSoundCard(kAudioObjectSystemObject, Global(kAudioDevicePropertyHogMode),
+                                    &card),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, {kAudioDevicePropertyHogMode,
+                                             kAudioObjectPropertyScopeGlobal, 1},
+                                    &card),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.hogModeSoundCard(999, Global(kAudioDevicePropertyHogMode), &card),
+            kAudioHardwareBadObjectError);
+}
+
 TEST(PulseAudioDeviceMirrorTest, AbsentObjectIsABadObject) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});

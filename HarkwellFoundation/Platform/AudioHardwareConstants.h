@@ -53,6 +53,9 @@ constexpr OSStatus kAudioHardwareBadPropertySizeError = static_cast<OSStatus>(Fo
 constexpr OSStatus kAudioHardwareIllegalOperationError =
     static_cast<OSStatus>(FourCharCode("nope"));
 constexpr OSStatus kAudioHardwareUnspecifiedError = static_cast<OSStatus>(FourCharCode("what"));
+constexpr OSStatus kAudioHardwareNotRunningError = static_cast<OSStatus>(FourCharCode("stop"));
+// Another process holds the device exclusively and keeps it.
+constexpr OSStatus kAudioDevicePermissionsError = static_cast<OSStatus>(FourCharCode("!hog"));
 
 // The value-translation record read through kAudioDevicePropertyDataSourceNameForIDCFString: the
 // input points at a 4-byte source ID, the output at a PlatformStringRef the service fills in.

@@ -1,5 +1,7 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 
+#include <charconv>
+
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 
 namespace harkwell {
@@ -47,6 +49,20 @@ std::optional<std::string> PulseModelUIDFor(const PulseEndpoint& endpoint, const
   return *vendor + ":" + *product;
 }
 
+std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
+                                               const PulseCard* card) {
+  // PulseAudio's ALSA modules say "alsa.card"; PipeWire's server says "api.alsa.card".
+  for (const char* key : {"alsa.card", "api.alsa.card"}) {
+    const auto text = PropertyOf(endpoint, card, key);
+    if (!text || text->empty()) continue;
+    std::uint32_t number = 0;
+    const char* end = text->data() + text->size();
+    const auto [stop, status] = std::from_chars(text->data(), end, number);
+    if (status == std::errc() && stop == end) return number;
+  }
+  return std::nullopt;
+}
+
 bool PulseEndpointIsRunning(const PulseEndpoint& endpoint, const PulseServerState& state) {
   if (endpoint.state != PulseEndpointState::Running) return false;
   if (endpoint.kind == PulseEndpointKind::Sink) return true;
@@ -68,6 +84,7 @@ PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCar
   device.inputStreamCount = isSource ? 1 : 0;
   device.outputStreamCount = isSource ? 0 : 1;
   device.isRunning = PulseEndpointIsRunning(endpoint, state);
+  device.soundCard = PulseSoundCardFor(endpoint, card);
   if (isSource && !endpoint.ports.empty()) {
     device.inputSources = endpoint.ports;
     device.selectedInputSource = endpoint.activePortName;

@@ -27,6 +27,9 @@ struct PulseMappedDevice {
   // empty for sinks and for sources without ports.
   std::vector<PulsePort> inputSources;
   std::optional<std::string> selectedInputSource;
+  // The ALSA card whose reservation is the device's exclusive access; absent for devices no sound
+  // card stands behind (null sinks, network tunnels, Bluetooth).
+  std::optional<std::uint32_t> soundCard;
 
   friend bool operator==(const PulseMappedDevice&, const PulseMappedDevice&) = default;
 };
@@ -46,6 +49,11 @@ std::uint32_t PulseTransportTypeFor(const PulseEndpoint& endpoint, const PulseCa
 // "vendor:product" from "device.vendor.id" and "device.product.id" (the device's own, else the
 // card's); absent unless both are known.
 std::optional<std::string> PulseModelUIDFor(const PulseEndpoint& endpoint, const PulseCard* card);
+
+// The ALSA card number from "alsa.card", else "api.alsa.card" (the device's own, else its card's);
+// absent when neither is a decimal number.
+std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
+                                               const PulseCard* card);
 
 // Whether the device is in use by any process. A sink: its state is RUNNING. A source: its state
 // is RUNNING and at least one recording stream on it is neither corked nor a level meter.

@@ -85,7 +85,7 @@ PulseAudioDeviceMirror::Answer PulseAudioDeviceMirror::answer(
       }
       break;
     default:
-      // Exclusive access ("oink") among others: the server has no such notion.
+      // Exclusive access ("oink") is the service's own: see hogModeSoundCard().
       break;
   }
   return Answer::failure(kAudioHardwareUnknownPropertyError);
@@ -167,6 +167,20 @@ OSStatus PulseAudioDeviceMirror::setPropertyDataStatus(ObjectID object,
                                                        const PropertyAddress& address) const {
   const Answer found = answer(object, address);
   return found.status != kNoErr ? found.status : kAudioHardwareIllegalOperationError;
+}
+
+OSStatus PulseAudioDeviceMirror::hogModeSoundCard(ObjectID object, const PropertyAddress& address,
+                                                  std::uint32_t* card) const {
+  if (object == kAudioObjectSystemObject) return kAudioHardwareUnknownPropertyError;
+  auto found = entries_.find(object);
+  if (found == entries_.end()) return kAudioHardwareBadObjectError;
+  const auto& soundCard = found->second.device.soundCard;
+  if (address.mElement != kAudioObjectPropertyElementMaster || !IsKnownScope(address.mScope) ||
+      !soundCard) {
+    return kAudioHardwareUnknownPropertyError;
+  }
+  *card = *soundCard;
+  return kNoErr;
 }
 
 std::vector<ObjectID> PulseAudioDeviceMirror::deviceIDs() const {

@@ -48,6 +48,12 @@ class PulseAudioDeviceMirror {
   bool hasProperty(ObjectID object, const PropertyAddress& address) const;
   // Nothing is writable: the status a write gets.
   OSStatus setPropertyDataStatus(ObjectID object, const PropertyAddress& address) const;
+  // The sound card behind a device's exclusive access ("oink"), which the service answers from
+  // the card's reservation: kAudioHardwareBadObjectError for an absent device,
+  // kAudioHardwareUnknownPropertyError for the system object, an address off the main element or
+  // a device without a card.
+  OSStatus hogModeSoundCard(ObjectID object, const PropertyAddress& address,
+                            std::uint32_t* card) const;
 
  private:
   using DeviceKey = std::pair<PulseEndpointKind, std::string>;

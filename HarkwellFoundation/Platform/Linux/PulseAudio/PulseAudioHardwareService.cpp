@@ -3,10 +3,18 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
+#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#include "HarkwellFoundation/Platform/Linux/Reservation/ReservationHogMode.h"
+#endif
+
 namespace harkwell {
 
 std::shared_ptr<PulseAudioHardwareService> PulseAudioHardwareService::create(Options options) {
   std::shared_ptr<PulseAudioHardwareService> service(new PulseAudioHardwareService);
+#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+  service->reservation_ =
+      options.reservation ? std::move(options.reservation) : DeviceReservation::create();
+#endif
   PulseAudioServerConnection::Options connectionOptions;
   connectionOptions.server = options.server;
   // The connection is destroyed before the rest of the service, so the raw pointer outlives it.
@@ -36,10 +44,37 @@ void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state
   for (const auto& change : changes) listeners_.notify(change.object, change.address);
 }
 
+OSStatus PulseAudioHardwareService::hogModeSoundCard(ObjectID object,
+                                                    const PropertyAddress& address,
+                                                    std::uint32_t* card) {
+  std::lock_guard lock(mutex_);
+  const OSStatus status = mirror_.hogModeSoundCard(object, address, card);
+  // Without sd-bus no card has a reservation to answer from.
+  if (status == kNoErr && !reservation_) return kAudioHardwareUnknownPropertyError;
+  return status;
+}
+
+std::optional<std::uint32_t> PulseAudioHardwareService::soundCardOfDevice(ObjectID device) const {
+  std::uint32_t card = 0;
+  std::lock_guard lock(mutex_);
+  const PropertyAddress address{kAudioDevicePropertyHogMode, kAudioObjectPropertyScopeGlobal,
+                                kAudioObjectPropertyElementMaster};
+  if (mirror_.hogModeSoundCard(device, address, &card) != kNoErr) return std::nullopt;
+  return card;
+}
+
 OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
                                                         const PropertyAddress& address,
                                                         std::uint32_t, const void*,
                                                         std::uint32_t* outDataSize) {
+  if (address.mSelector == kAudioDevicePropertyHogMode) {
+    std::uint32_t card = 0;
+    const OSStatus status = hogModeSoundCard(object, address, &card);
+    if (status != kNoErr) return status;
+    if (!outDataSize) return kAudioHardwareIllegalOperationError;
+    *outDataSize = sizeof(std::int32_t);
+    return kNoErr;
+  }
   std::lock_guard lock(mutex_);
   return mirror_.getPropertyDataSize(object, address, outDataSize);
 }
@@ -47,18 +82,41 @@ OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
 OSStatus PulseAudioHardwareService::getPropertyData(ObjectID object, const PropertyAddress& address,
                                                     std::uint32_t, const void*,
                                                     std::uint32_t* ioDataSize, void* outData) {
+#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+  if (address.mSelector == kAudioDevicePropertyHogMode) {
+    std::uint32_t card = 0;
+    const OSStatus status = hogModeSoundCard(object, address, &card);
+    if (status != kNoErr) return status;
+    // On the bus, with no lock of ours held.
+    return ReadReservationHogMode(*reservation_, card, ioDataSize, outData);
+  }
+#endif
   std::lock_guard lock(mutex_);
   return mirror_.getPropertyData(object, address, ioDataSize, outData);
 }
 
 OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const PropertyAddress& address,
-                                                    std::uint32_t, const void*, std::uint32_t,
-                                                    void*) {
+                                                    std::uint32_t, const void*,
+                                                    [[maybe_unused]] std::uint32_t dataSize,
+                                                    [[maybe_unused]] void* data) {
+#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+  if (address.mSelector == kAudioDevicePropertyHogMode) {
+    std::uint32_t card = 0;
+    const OSStatus status = hogModeSoundCard(object, address, &card);
+    if (status != kNoErr) return status;
+    return ToggleReservationHogMode(*reservation_, card, "hw:" + std::to_string(card), dataSize,
+                                    data);
+  }
+#endif
   std::lock_guard lock(mutex_);
   return mirror_.setPropertyDataStatus(object, address);
 }
 
 bool PulseAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
+  if (address.mSelector == kAudioDevicePropertyHogMode) {
+    std::uint32_t card = 0;
+    return hogModeSoundCard(object, address, &card) == kNoErr;
+  }
   std::lock_guard lock(mutex_);
   return mirror_.hasProperty(object, address);
 }

@@ -39,7 +39,21 @@
 //                                 count from 1 per device in the order ports are first seen)
 //   "lscn" (input scope)          sources with ports only: a port's description, by input source ID
 //                                 (a null string for an unknown ID)
-//   "oink" (hog mode)             not supported: kAudioHardwareUnknownPropertyError
+//   "oink" (hog mode)             a device with an ALSA card ("alsa.card", else "api.alsa.card", of
+//                                 the device, else of its card): the card's reservation on the
+//                                 session bus (org.freedesktop.ReserveDevice1.Audio<card>, see
+//                                 Reservation/ReservationHogMode.h). Read: the owner's pid as the
+//                                 bus tells it, -1 when nobody owns it or there is no session bus
+//                                 (one log line says why), getpid() when we hold it. Write: a
+//                                 toggle that gives the card back when we hold it, else takes it,
+//                                 asking the owner (usually the sound server itself) to release
+//                                 it; kAudioDevicePermissionsError ("!hog") when the owner keeps
+//                                 it, kAudioHardwareNotRunningError ("stop") without a session
+//                                 bus. A device without a card (null sinks, tunnels, Bluetooth)
+//                                 has no reservation: kAudioHardwareUnknownPropertyError ("who?")
+//                                 for reads and writes, as for a build without sd-bus, so the
+//                                 read logs "Audio Error 2003332927: Unable to get hog mode PID of
+//                                 device with ID <id>" and currentHogMode is NoProcess
 //   any other property            kAudioHardwareUnknownPropertyError; a write to any property is
 //                                 refused (kAudioHardwareIllegalOperationError when it exists)
 //   an absent object              kAudioHardwareBadObjectError
@@ -53,7 +67,9 @@
 // answers again. The service never starts a server itself.
 //
 // Thread-safety: every member may be called from any thread at the same time. Listener blocks run
-// on their queues, never on the caller's or libpulse's thread.
+// on their queues, never on the caller's or libpulse's thread. Reads and writes of "oink" are the
+// only calls that wait: on the session bus, bounded by the reservation's call timeout, with no lock
+// of the service held.
 //
 // Logging: the log sink is never called on libpulse's thread nor with any lock held. The lines
 // about start-up are written by create()'s caller before create() returns; later ones (the server
@@ -68,13 +84,15 @@
 #include <string>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
 
-class PulseAudioHardwareService final : public AudioHardwareService {
+class PulseAudioHardwareService final : public AudioHardwareService,
+                                        public SoundCardReservationSource {
  public:
   struct Options {
     // A libpulse server string ("unix:/path/native", "tcp:host"); absent: libpulse's usual search
@@ -82,6 +100,9 @@ class PulseAudioHardwareService final : public AudioHardwareService {
     std::optional<std::string> server;
     // How long create() waits for the server's whole state.
     std::chrono::milliseconds startupTimeout{2000};
+    // The sound cards' reservations; absent: one of the service's own on the session bus, which
+    // connects when a hog-mode property is first used.
+    std::shared_ptr<DeviceReservation> reservation;
   };
 
   // Connects and waits, at most `startupTimeout`, until the mirror holds the server's whole state,
@@ -118,14 +139,20 @@ class PulseAudioHardwareService final : public AudioHardwareService {
   // How many listeners are registered (for tests and tools).
   std::size_t listenerCount() const { return listeners_.count(); }
 
+  std::shared_ptr<DeviceReservation> deviceReservation() const override { return reservation_; }
+  std::optional<std::uint32_t> soundCardOfDevice(ObjectID device) const override;
+
  private:
   PulseAudioHardwareService() = default;
   // On libpulse's loop thread: maps the state, updates the mirror, then notifies.
   void serverStateChanged(const PulseServerState& state);
+  // The card behind a device's "oink" (see the table), or the status that answers instead.
+  OSStatus hogModeSoundCard(ObjectID object, const PropertyAddress& address, std::uint32_t* card);
 
   mutable std::mutex mutex_;
   PulseAudioDeviceMirror mirror_;  // guarded by mutex_
   PropertyListenerRegistry listeners_;
+  std::shared_ptr<DeviceReservation> reservation_;  // set once by create(); null without sd-bus
   // Last, so it is destroyed first: no state arrives while the members above are torn down.
   std::unique_ptr<PulseAudioServerConnection> connection_;
 };
