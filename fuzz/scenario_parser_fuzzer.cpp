@@ -1,6 +1,7 @@
 // The scenario file parser of the command-line program on arbitrary text. It must never crash,
 // and whatever it accepts must be what it promises: steps in time order at non-negative times, and
-// every plug step carrying the device of its own media type under the step's ID.
+// every plug step carrying the device of its own media type under the step's ID. Whatever it
+// refuses has a position and a message without control bytes.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -13,7 +14,7 @@ namespace {
 
 void Require(bool condition, const char* what) {
   if (condition) return;
-  std::fprintf(stderr, "accepted scenario breaks a promise: %s\n", what);
+  std::fprintf(stderr, "the parser breaks a promise: %s\n", what);
   std::abort();
 }
 
@@ -24,6 +25,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto result = harkwell::cli::ParseScenario(text, "fuzz.json");
   if (const auto* error = std::get_if<harkwell::cli::ScenarioError>(&result)) {
     Require(!error->message.empty(), "an error without a message");
+    Require(error->position.has_value(), "an error in the text without its position");
+    for (const char c : error->message) {
+      Require(static_cast<unsigned char>(c) >= 0x20 && c != 0x7F, "a control byte in a message");
+    }
     return 0;
   }
   const auto& scenario = std::get<harkwell::cli::Scenario>(result);

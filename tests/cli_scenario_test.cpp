@@ -82,10 +82,13 @@ TEST(ScenarioParsing, ReadsEveryDeviceField) {
 
 TEST(ScenarioParsing, LeavesOutFieldsAtTheirDefaultsAndKeepsNullStrings) {
   const auto scenario =
-      ParseOrFail(R"({"video": [{"deviceID": 9, "deviceUID": null, "name": "Cam"}]})");
-  ASSERT_EQ(scenario.videoDevices.size(), 1u);
+      ParseOrFail(R"({"video": [{"deviceID": 9, "deviceUID": "cam", "name": "Cam"},
+                                {"deviceID": 10, "deviceUID": "cam2", "name": "Cam 2",
+                                 "modelUID": null}]})");
+  ASSERT_EQ(scenario.videoDevices.size(), 2u);
+  EXPECT_EQ(scenario.videoDevices[1].modelUID, std::nullopt);
   const SimulatedVideoDevice& device = scenario.videoDevices[0];
-  EXPECT_EQ(device.deviceUID, std::nullopt);
+  EXPECT_EQ(device.deviceUID, "cam");
   EXPECT_EQ(device.modelUID, std::nullopt);
   EXPECT_EQ(device.transportType, 0u);
   EXPECT_EQ(device.inputStreamCount, 1u);
@@ -97,7 +100,8 @@ TEST(ScenarioParsing, LeavesOutFieldsAtTheirDefaultsAndKeepsNullStrings) {
 
 TEST(ScenarioParsing, ResolvesStepDevicesByIDAndByUID) {
   const auto scenario = ParseOrFail(R"({
-    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic", "selectedInputSource": 1}],
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic",
+               "inputSources": {"1": "A", "2": "B"}, "selectedInputSource": 1}],
     "steps": [
       {"at": 0.25, "action": "run", "device": "mic"},
       {"at": 0.5, "action": "select-source", "device": 5, "source": 2},
@@ -173,11 +177,64 @@ TEST(ScenarioErrors, AnEmptyFileIsAnErrorAtItsStart) {
   EXPECT_EQ(error.position, (TextPosition{1, 1}));
 }
 
-TEST(ScenarioErrors, AMissingFileIsNamed) {
+TEST(ScenarioErrors, AMissingFileGivesTheSystemsReasonWithoutAPosition) {
   auto result = LoadScenarioFile("/nonexistent/harkwell/scenario.json");
   ASSERT_TRUE(std::holds_alternative<ScenarioError>(result));
+  EXPECT_EQ(std::get<ScenarioError>(result).position, std::nullopt);
   EXPECT_EQ(std::get<ScenarioError>(result).text(),
-            "/nonexistent/harkwell/scenario.json:1:1: cannot open the scenario file");
+            "/nonexistent/harkwell/scenario.json: No such file or directory");
+}
+
+TEST(ScenarioErrors, AFolderIsRefusedAsOne) {
+  auto result = LoadScenarioFile(HARKWELL_SOURCE_DIR "/examples");
+  ASSERT_TRUE(std::holds_alternative<ScenarioError>(result));
+  EXPECT_EQ(std::get<ScenarioError>(result).text(),
+            HARKWELL_SOURCE_DIR "/examples: is a folder, not a scenario file");
+}
+
+TEST(ScenarioErrors, InvalidUTF8IsReportedAtItsPositionWithTheByteEscaped) {
+  const auto error = ErrorOf("{\"video\": [\n  {\"name\": \"Cam \xff\x1b[2J\"}]}");
+  EXPECT_EQ(error.position, (TextPosition{2, 17}));
+  EXPECT_EQ(error.message, "invalid UTF-8: the byte \\xFF does not start or continue a character");
+  // A sequence cut short is reported at its first byte.
+  EXPECT_EQ(ErrorOf("{\"a\": \"\xc3\"}").text(),
+            "test.json:1:8: invalid UTF-8: the byte \\xC3 does not start or continue a character");
+}
+
+TEST(ScenarioErrors, ADirectionOverrideQuotedInASyntaxErrorIsEscaped) {
+  const auto error = ErrorOf("{\"a\": \"\xe2\x80\xaex");
+  EXPECT_EQ(error.message.find("\xe2\x80\xae"), std::string::npos) << error.message;
+  EXPECT_NE(error.message.find("\\u202E"), std::string::npos) << error.message;
+}
+
+TEST(ScenarioErrors, ANullNameOrUIDIsRefusedAtIt) {
+  const auto name =
+      ErrorOf("{\"audio\": [\n  {\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": null}]}");
+  EXPECT_EQ(name.text(), "test.json:2:45: \"name\" must be a string");
+  const auto uid =
+      ErrorOf("{\"video\": [{\"deviceID\": 5, \"deviceUID\": null, \"name\": \"C\"}]}");
+  EXPECT_EQ(uid.text(), "test.json:1:41: \"deviceUID\" must be a string");
+}
+
+TEST(ScenarioErrors, ASelectedInputSourceOutsideTheInputSourcesIsRefusedAtIt) {
+  const auto error = ErrorOf(
+      "{\"audio\": [{\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": \"M\",\n"
+      "  \"inputSources\": {\"1\": \"A\", \"2\": \"B\"}, \"selectedInputSource\": 3}]}");
+  EXPECT_EQ(
+      error.text(),
+      "test.json:2:64: \"selectedInputSource\" must be one of the \"inputSources\" (1 and 2)");
+  const auto withoutSources = ErrorOf(
+      R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M", "selectedInputSource": 1}]})");
+  EXPECT_EQ(withoutSources.text(),
+            "test.json:1:82: \"selectedInputSource\" needs \"inputSources\" to select from");
+}
+
+TEST(ScenarioErrors, SelectingASourceTheDeviceDoesNotHaveIsRefusedAtIt) {
+  const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M",
+    "inputSources": {"1": "A", "2": "B", "4": null}, "selectedInputSource": 1}],
+    "steps": [{"at": 1, "action": "select-source", "device": 5, "source": 3}]})");
+  EXPECT_EQ(error.text(),
+            "test.json:3:75: \"source\" must be one of the device's \"inputSources\" (1, 2 and 4)");
 }
 
 TEST(ScenarioErrors, AnUnknownActionPointsAtItsValue) {
@@ -207,7 +264,7 @@ TEST(ScenarioErrors, AStepOnADeviceThatIsNotConnectedIsRefused) {
   const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
     "steps": [{"at": 1, "action": "unplug", "device": 5},
               {"at": 2, "action": "run", "device": 5}]})");
-  EXPECT_EQ(error.position.line, 3u);
+  EXPECT_EQ(error.position->line, 3u);
   EXPECT_EQ(error.message, "no device with ID 5 is connected at this point");
 }
 
@@ -271,7 +328,10 @@ TEST(ScenarioErrors, RequiredKeysAndTypesAreChecked) {
   EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "name": "M"}]})").message,
             "missing key \"deviceUID\"");
   EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": 3, "name": "M"}]})").message,
-            "\"deviceUID\" must be a string or null");
+            "\"deviceUID\" must be a string");
+  EXPECT_EQ(ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M", "modelUID": 3}]})")
+                .message,
+            "\"modelUID\" must be a string or null");
   EXPECT_EQ(ErrorOf(R"([1, 2])").message, "a scenario must be an object");
   EXPECT_EQ(ErrorOf(R"({"steps": {}})").message, "\"steps\" must be an array of steps");
   EXPECT_EQ(ErrorOf(R"({"steps": [{"action": "run", "device": 5}]})").message,

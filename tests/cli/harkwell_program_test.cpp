@@ -283,12 +283,61 @@ TEST(HarkwellVersion, PrintsTheProjectVersion) {
   EXPECT_TRUE(result.err.empty()) << result.err;
 }
 
-TEST(HarkwellErrors, AMissingScenarioFileIsNamed) {
+TEST(HarkwellErrors, AMissingScenarioFileGivesTheSystemsReason) {
   const auto result = RunHarkwell({"list", "--scenario", "/nonexistent/harkwell.json"});
   EXPECT_EQ(result.status, 1);
   EXPECT_TRUE(result.out.empty()) << result.out;
-  EXPECT_EQ(result.err,
-            "harkwell: /nonexistent/harkwell.json:1:1: cannot open the scenario file\n");
+  EXPECT_EQ(result.err, "harkwell: /nonexistent/harkwell.json: No such file or directory\n");
+}
+
+TEST(HarkwellErrors, AScenarioPathThroughAFileGivesTheSystemsReason) {
+  const TemporaryFile file("{}");
+  const auto result = RunHarkwell({"watch", "--scenario", file.path() + "/scenario.json"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err, "harkwell: " + file.path() + "/scenario.json: Not a directory\n");
+}
+
+TEST(HarkwellErrors, AFolderGivenAsAScenarioIsRefusedAsOne) {
+  const TemporaryFile file("{}");
+  const std::string folder = file.path().substr(0, file.path().rfind('/'));
+  const auto result = RunHarkwell({"list", "--scenario", folder});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err, "harkwell: " + folder + ": is a folder, not a scenario file\n");
+}
+
+TEST(HarkwellErrors, InvalidUTF8InAScenarioIsNamedByPositionAndEscaped) {
+  const TemporaryFile scenario(
+      "{\"audio\": [{\"deviceID\": 5, \"deviceUID\": \"m\",\n"
+      "  \"name\": \"Mic \xff\"}]}\n");
+  const auto result = RunHarkwell({"list", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err, "harkwell: " + scenario.path() +
+                            ":2:16: invalid UTF-8: the byte \\xFF does not start or continue a "
+                            "character\n");
+}
+
+TEST(HarkwellErrors, ANullDeviceNameIsRefusedAtItsLineAndColumn) {
+  const TemporaryFile scenario(
+      "{\"audio\": [\n  {\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": null}]}\n");
+  const auto result = RunHarkwell({"list", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err, "harkwell: " + scenario.path() + ":2:45: \"name\" must be a string\n");
+}
+
+TEST(HarkwellErrors, ASelectedInputSourceThatIsNotAnInputSourceIsRefusedAtIt) {
+  const TemporaryFile scenario(
+      "{\"audio\": [{\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": \"M\",\n"
+      "  \"inputSources\": {\"1\": \"A\"}, \"selectedInputSource\": 2}]}\n");
+  const auto result = RunHarkwell({"list", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.out.empty()) << result.out;
+  EXPECT_EQ(result.err, "harkwell: " + scenario.path() +
+                            ":2:54: \"selectedInputSource\" must be one of the \"inputSources\" "
+                            "(1)\n");
 }
 
 TEST(HarkwellErrors, AMalformedScenarioNamesFileLineAndColumn) {

@@ -1,15 +1,22 @@
 #include "tools/harkwell/Scenario.h"
 
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <set>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/UTF8.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "tools/harkwell/Seconds.h"
+#include "tools/harkwell/TerminalText.h"
 
 namespace harkwell::cli {
 namespace {
@@ -26,8 +33,21 @@ std::optional<ScenarioAction> ActionNamed(std::string_view name) {
   return std::nullopt;
 }
 
+// A text from the file, quoted for a message that goes to the terminal.
 std::string Quoted(std::string_view text) {
-  return json(std::string(text)).dump(-1, ' ', false, json::error_handler_t::replace);
+  return "\"" + EscapeForTerminal(text) + "\"";
+}
+
+// "1, 2 and 5".
+std::string ListOfIDs(const std::set<std::uint32_t>& ids) {
+  std::string list;
+  std::size_t index = 0;
+  for (const auto id : ids) {
+    if (index > 0) list += index + 1 == ids.size() ? " and " : ", ";
+    list += std::to_string(id);
+    ++index;
+  }
+  return list;
 }
 
 // The fields both kinds of simulated device share, read before the device is built.
@@ -50,6 +70,7 @@ struct PresentDevice {
   MediaType mediaType = MediaType::Audio;
   std::optional<std::string> deviceUID;
   bool hasInputSources = false;
+  std::set<std::uint32_t> inputSourceIDs;
 };
 
 class ScenarioParser {
@@ -57,6 +78,7 @@ class ScenarioParser {
   ScenarioParser(std::string_view text, std::string file) : text_(text), file_(std::move(file)) {}
 
   ScenarioResult parse() {
+    if (auto invalid = invalidUTF8()) return *invalid;
     json document;
     try {
       document = json::parse(text_);
@@ -71,6 +93,21 @@ class ScenarioParser {
   }
 
  private:
+  // The parser would quote the bytes around an ill-formed sequence as they are; the first one is
+  // reported here instead, with its position and the byte escaped.
+  std::optional<ScenarioError> invalidUTF8() const {
+    for (std::size_t offset = 0; offset < text_.size();) {
+      if (const auto sequence = DecodeUTF8(text_.substr(offset))) {
+        offset += sequence->length;
+        continue;
+      }
+      return ScenarioError{file_, PositionOfOffset(text_, offset),
+                           "invalid UTF-8: the byte " + EscapeForTerminal(text_.substr(offset, 1)) +
+                               " does not start or continue a character"};
+    }
+    return std::nullopt;
+  }
+
   ScenarioError syntaxError(const json::parse_error& error) const {
     // nlohmann's message reads "[json.exception.parse_error.101] parse error at line 1,
     // column 2: syntax error while ..."; the position is given separately here.
@@ -79,7 +116,7 @@ class ScenarioParser {
     const auto colon = message.find(": ", column == std::string::npos ? 0 : column);
     if (colon != std::string::npos) message = message.substr(colon + 2);
     const std::size_t offset = error.byte > 0 ? error.byte - 1 : 0;
-    return ScenarioError{file_, PositionOfOffset(text_, offset), message};
+    return ScenarioError{file_, PositionOfOffset(text_, offset), EscapeForTerminal(message)};
   }
 
   // A number too large for a double ("1e999") fails while parsing, but without a position; the
@@ -121,12 +158,21 @@ class ScenarioParser {
     return fail(at, std::string(what) + " must be an object");
   }
 
-  // A required or optional key whose value is a string or null (a null reference).
-  bool readText(const json& object, const Pointer& at, const std::string& key, bool required,
-                std::optional<std::string>& out) {
-    if (!object.contains(key)) {
-      return required ? fail(at, "missing key " + Quoted(key)) : true;
-    }
+  // A required key whose value is a string: a device without a name or a UID would be left out
+  // by the observer without a word, so null is refused.
+  bool readRequiredText(const json& object, const Pointer& at, const std::string& key,
+                        std::optional<std::string>& out) {
+    if (!object.contains(key)) return fail(at, "missing key " + Quoted(key));
+    const json& value = object.at(key);
+    if (!value.is_string()) return fail(at / key, Quoted(key) + " must be a string");
+    out = value.get<std::string>();
+    return true;
+  }
+
+  // An optional key whose value is a string or null (a null reference, as when absent).
+  bool readOptionalText(const json& object, const Pointer& at, const std::string& key,
+                        std::optional<std::string>& out) {
+    if (!object.contains(key)) return true;
     const json& value = object.at(key);
     if (value.is_null()) {
       out.reset();
@@ -223,6 +269,14 @@ class ScenarioParser {
                        "\"selectedInputSource\"", selected)) {
         return false;
       }
+      if (!fields.inputSources.contains(selected)) {
+        return fail(
+            at / "selectedInputSource",
+            fields.inputSources.empty()
+                ? std::string("\"selectedInputSource\" needs \"inputSources\" to select from")
+                : "\"selectedInputSource\" must be one of the \"inputSources\" (" +
+                      ListOfIDs(SourceIDs(fields)) + ")");
+      }
       fields.selectedInputSource = selected;
     } else if (!fields.inputSources.empty()) {
       return fail(at / "inputSources", "\"inputSources\" needs a \"selectedInputSource\"", true);
@@ -251,9 +305,9 @@ class ScenarioParser {
     if (fields.deviceID <= kAudioObjectSystemObject) {
       return fail(at / "deviceID", "\"deviceID\" must be 2 or more (1 is the system object)");
     }
-    return readText(object, at, "deviceUID", true, fields.deviceUID) &&
-           readText(object, at, "name", true, fields.name) &&
-           readText(object, at, "modelUID", false, fields.modelUID) &&
+    return readRequiredText(object, at, "deviceUID", fields.deviceUID) &&
+           readRequiredText(object, at, "name", fields.name) &&
+           readOptionalText(object, at, "modelUID", fields.modelUID) &&
            readTransport(object, at, mediaType, fields.transportCode) &&
            readOptionalInteger(object, at, "inputChannelCount", fields.inputStreamCount) &&
            readOptionalInteger(object, at, "outputChannelCount", fields.outputStreamCount) &&
@@ -277,9 +331,15 @@ class ScenarioParser {
         }
       }
     }
-    present_[fields.deviceID] =
-        PresentDevice{mediaType, fields.deviceUID, fields.selectedInputSource.has_value()};
+    present_[fields.deviceID] = PresentDevice{
+        mediaType, fields.deviceUID, fields.selectedInputSource.has_value(), SourceIDs(fields)};
     return true;
+  }
+
+  static std::set<std::uint32_t> SourceIDs(const DeviceFields& fields) {
+    std::set<std::uint32_t> ids;
+    for (const auto& [id, name] : fields.inputSources) ids.insert(id);
+    return ids;
   }
 
   // The fields both simulated device types share, under the same names.
@@ -424,7 +484,14 @@ class ScenarioParser {
                                          "needs \"selectedInputSource\")");
         }
         if (!value.contains("source")) return fail(at, "missing key \"source\"");
-        return readInteger(value.at("source"), at / "source", "\"source\"", step.inputSource);
+        if (!readInteger(value.at("source"), at / "source", "\"source\"", step.inputSource)) {
+          return false;
+        }
+        if (!device.inputSourceIDs.contains(step.inputSource)) {
+          return fail(at / "source", "\"source\" must be one of the device's \"inputSources\" (" +
+                                         ListOfIDs(device.inputSourceIDs) + ")");
+        }
+        return true;
       default:
         return true;
     }
@@ -475,8 +542,10 @@ bool Scenario::hasVideo() const {
 }
 
 std::string ScenarioError::text() const {
-  return file + ":" + std::to_string(position.line) + ":" + std::to_string(position.column) + ": " +
-         message;
+  const std::string shownFile = EscapeForTerminal(file);
+  if (!position) return shownFile + ": " + message;
+  return shownFile + ":" + std::to_string(position->line) + ":" + std::to_string(position->column) +
+         ": " + message;
 }
 
 ScenarioResult ParseScenario(std::string_view text, const std::string& fileName) {
@@ -484,12 +553,31 @@ ScenarioResult ParseScenario(std::string_view text, const std::string& fileName)
 }
 
 ScenarioResult LoadScenarioFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return ScenarioError{path, TextPosition{}, "cannot open the scenario file"};
-  std::ostringstream contents;
-  contents << file.rdbuf();
-  if (file.bad()) return ScenarioError{path, TextPosition{}, "cannot read the scenario file"};
-  return ParseScenario(contents.str(), path);
+  const auto systemError = [&path](int error) {
+    return ScenarioError{path, std::nullopt, std::strerror(error)};
+  };
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return systemError(errno);
+  std::string contents;
+  struct stat status {};
+  if (fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+    close(fd);
+    return ScenarioError{path, std::nullopt, "is a folder, not a scenario file"};
+  }
+  for (;;) {
+    char buffer[65536];
+    const ssize_t count = read(fd, buffer, sizeof buffer);
+    if (count == 0) break;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      const int error = errno;
+      close(fd);
+      return systemError(error);
+    }
+    contents.append(buffer, static_cast<std::size_t>(count));
+  }
+  close(fd);
+  return ParseScenario(contents, path);
 }
 
 std::optional<std::uint32_t> TransportCodeFor(MediaType mediaType,

@@ -39,10 +39,11 @@ struct Scenario {
   bool hasVideo() const;
 };
 
-// What went wrong, and where: "file:line:column: message".
+// What went wrong, and where: "file:line:column: message", or "file: message" for a file that
+// could not be read at all.
 struct ScenarioError {
   std::string file;
-  TextPosition position;
+  std::optional<TextPosition> position;
   std::string message;
 
   std::string text() const;
@@ -52,7 +53,8 @@ using ScenarioResult = std::variant<Scenario, ScenarioError>;
 
 // Parses a scenario from `text`; `fileName` only labels errors.
 ScenarioResult ParseScenario(std::string_view text, const std::string& fileName);
-// Reads and parses the file at `path`. A file that cannot be read is an error at line 1, column 1.
+// Reads and parses the file at `path`. A file that cannot be read is an error without a position
+// that gives the system's reason; a folder is refused as one.
 ScenarioResult LoadScenarioFile(const std::string& path);
 
 // The platform transport code a simulated device of `mediaType` reports for `transport`; empty
