@@ -85,10 +85,104 @@ TEST(CommandLine, HogTakesAnActionAndADevice) {
   EXPECT_EQ(ParseOrFail({"hog", "status", "7"}).hogAction, HogAction::Status);
 }
 
-TEST(CommandLine, ModelTakesTheCommonOptions) {
-  const Options options = ParseOrFail({"model", "--json", "--audio", "simulated"});
+TEST(CommandLine, ModelTakesNoDeviceOptions) {
+  const Options options = ParseOrFail({"model", "--json"});
   EXPECT_EQ(options.command, Command::Model);
   EXPECT_TRUE(options.json);
+  const auto outcome = Parse({"model", "--json", "--audio", "simulated"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: unexpected argument \"--audio\" ('model' reads no devices, so it takes no "
+            "device options)\nRun 'harkwell model --help' for usage.\n");
+  EXPECT_EQ(Parse({"model", "extra"}).err,
+            "harkwell: unexpected argument \"extra\"\nRun 'harkwell model --help' for usage.\n");
+}
+
+TEST(CommandLine, ChoicesAreWordsOnly) {
+  auto outcome = Parse({"list", "--audio", "2"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: --audio: expected none, pulse or simulated, not \"2\"\n"
+            "Run 'harkwell list --help' for usage.\n");
+  outcome = Parse({"watch", "--video", "0"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: --video: expected none, simulated or v4l2, not \"0\"\n"
+            "Run 'harkwell watch --help' for usage.\n");
+  outcome = Parse({"hog", "1", "100"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: action: expected off, on or status, not \"1\"\n"
+            "Run 'harkwell hog --help' for usage.\n");
+}
+
+TEST(CommandLine, HelpShowsTheWordsOfEachChoiceAndNoNumbers) {
+  for (const char* command : {"list", "hog"}) {
+    const auto outcome = Parse({command, "--help"});
+    EXPECT_EQ(outcome.parsed.exitCode, 0);
+    EXPECT_NE(outcome.out.find("--audio none|pulse|simulated"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("--video none|simulated|v4l2"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find("->"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find("ENUM"), std::string::npos) << outcome.out;
+  }
+  EXPECT_NE(Parse({"hog", "--help"}).out.find("action off|on|status"), std::string::npos);
+}
+
+TEST(CommandLine, AnUnknownSubcommandIsNamedWithTheNearestOne) {
+  auto outcome = Parse({"lsit"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: unknown subcommand \"lsit\"; did you mean \"list\"?\n"
+            "Run 'harkwell --help' for usage.\n");
+  EXPECT_EQ(Parse({"-v", "wacth", "--json"}).err,
+            "harkwell: unknown subcommand \"wacth\"; did you mean \"watch\"?\n"
+            "Run 'harkwell --help' for usage.\n");
+  EXPECT_EQ(Parse({"frobnicate"}).err,
+            "harkwell: unknown subcommand \"frobnicate\"\nRun 'harkwell --help' for usage.\n");
+}
+
+TEST(CommandLine, ErrorsInASubcommandPointToItsHelp) {
+  EXPECT_EQ(Parse({"list", "--bogus"}).err,
+            "harkwell: unexpected argument \"--bogus\"\nRun 'harkwell list --help' for usage.\n");
+  EXPECT_EQ(Parse({"hog", "on"}).err,
+            "harkwell: device is required\nRun 'harkwell hog --help' for usage.\n");
+}
+
+TEST(CommandLine, VerboseIsAcceptedBeforeAndAfterTheSubcommand) {
+  EXPECT_FALSE(ParseOrFail({"list"}).verbose);
+  EXPECT_TRUE(ParseOrFail({"-v", "list"}).verbose);
+  EXPECT_TRUE(ParseOrFail({"list", "-v"}).verbose);
+  EXPECT_TRUE(ParseOrFail({"model", "--verbose"}).verbose);
+}
+
+TEST(CommandLine, WatchFollowsOnlyWhenAsked) {
+  EXPECT_FALSE(ParseOrFail({"watch"}).follow);
+  EXPECT_TRUE(ParseOrFail({"watch", "--follow"}).follow);
+}
+
+TEST(CommandLine, HogHoldsOnlyWithOnAndForADurationOnlyWhenHolding) {
+  const Options options = ParseOrFail({"hog", "on", "7", "--hold", "--duration", "2"});
+  EXPECT_TRUE(options.hold);
+  EXPECT_EQ(options.durationSeconds, 2.0);
+  EXPECT_FALSE(ParseOrFail({"hog", "on", "7"}).hold);
+  auto outcome = Parse({"hog", "status", "7", "--hold"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: --hold goes with 'hog on' only\nRun 'harkwell hog --help' for usage.\n");
+  outcome = Parse({"hog", "on", "7", "--duration", "2"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: --duration requires --hold\nRun 'harkwell hog --help' for usage.\n");
+}
+
+TEST(CommandLine, AHogDeviceNumberWithLeadingZerosIsRefused) {
+  const auto outcome = Parse({"hog", "on", "0100"});
+  EXPECT_EQ(outcome.parsed.exitCode, 2);
+  EXPECT_EQ(outcome.err,
+            "harkwell: device: a device ID is written without leading zeros, not \"0100\"\n"
+            "Run 'harkwell hog --help' for usage.\n");
+  EXPECT_EQ(ParseOrFail({"hog", "on", "0"}).hogDevice, "0");
+  EXPECT_EQ(ParseOrFail({"hog", "on", "0d8c-mic"}).hogDevice, "0d8c-mic");
 }
 
 TEST(CommandLine, AnUnknownOptionIsAUsageError) {
@@ -122,7 +216,7 @@ TEST(CommandLine, BadValuesAndMissingPiecesAreUsageErrors) {
 TEST(CommandLine, ADurationMustBeFiniteAboveZeroAndAtMostTheLimit) {
   const std::string expected =
       "harkwell: --duration: expected a number of seconds greater than 0 and at most 10000000\n"
-      "Run 'harkwell --help' for usage.\n";
+      "Run 'harkwell watch --help' for usage.\n";
   for (const std::string value : {"nan", "NaN", "inf", "-inf", "infinity", "0", "-0", "-1", "-0.5",
                                   "1e300", "1e-400", "10000000.5", "1e8", "soon", "2s"}) {
     const auto outcome = Parse({"watch", "--duration=" + value});
@@ -152,9 +246,6 @@ TEST(CommandLine, SecondsBecomeASteadyClockDurationWithinTheLimit) {
 }
 
 TEST(CommandLine, TreeRootsWithoutV4L2AreAUsageError) {
-  const std::string expected =
-      "harkwell: --sysfs-root, --dev-root and --proc-root need --video v4l2\n"
-      "Run 'harkwell --help' for usage.\n";
   for (const auto& arguments : std::vector<std::vector<std::string>>{
            {"list", "--sysfs-root", "/tmp", "--video", "none"},
            {"watch", "--dev-root", "/tmp", "--video", "simulated"},
@@ -165,12 +256,13 @@ TEST(CommandLine, TreeRootsWithoutV4L2AreAUsageError) {
     const auto outcome = Parse(arguments);
     EXPECT_FALSE(outcome.parsed.options.has_value()) << arguments[0];
     EXPECT_EQ(outcome.parsed.exitCode, 2) << arguments[0];
-    EXPECT_EQ(outcome.err, expected) << arguments[0];
+    EXPECT_EQ(outcome.err,
+              "harkwell: --sysfs-root, --dev-root and --proc-root need --video v4l2\n"
+              "Run 'harkwell " +
+                  arguments[0] + " --help' for usage.\n")
+        << arguments[0];
     EXPECT_TRUE(outcome.out.empty()) << outcome.out;
   }
-  // `model` reads no devices, so it ignores the device-source options.
-  EXPECT_EQ(ParseOrFail({"model", "--sysfs-root", "/tmp", "--video", "none"}).command,
-            Command::Model);
   EXPECT_TRUE(
       ParseOrFail({"list", "--scenario", "x.json", "--video", "v4l2", "--sysfs-root", "/tmp"})
           .services.sysfsRoot.has_value());

@@ -84,6 +84,21 @@ TEST(DeviceJson, ReplacesInvalidUtf8InsteadOfFailing) {
   EXPECT_NE(line.find("bad \xef\xbf\xbd name"), std::string::npos) << line;
 }
 
+TEST(DeviceJson, EscapesControlsC1AndDirectionMarksAsTheTableDoes) {
+  MediaDevice device = Camera();
+  // ESC, DEL, U+009B (CSI), U+202E (right-to-left override), U+2066 (left-to-right isolate).
+  device.name = "a\x1b[2Jb\x7f c\xc2\x9b d\xe2\x80\xae e\xe2\x81\xa6 f";
+  const std::string line = DumpLine(DeviceToJson(device));
+  EXPECT_NE(line.find(R"("name":"a\u001b[2Jb\u007F c\u009B d\u202E e\u2066 f")"), std::string::npos)
+      << line;
+  for (const char* raw : {"\x1b", "\x7f", "\xc2\x9b", "\xe2\x80\xae", "\xe2\x81\xa6"}) {
+    EXPECT_EQ(line.find(raw), std::string::npos) << line;
+  }
+  EXPECT_EQ(nlohmann::json::parse(line)["name"], device.name) << "still the same text as JSON";
+  const std::string table = RenderDeviceTable({device}, Painter(false), false);
+  EXPECT_NE(table.find("\\u009B d\\u202E e\\u2066 f"), std::string::npos) << table;
+}
+
 TEST(WatchJson, TimestampsAreUtcIso8601WithMicroseconds) {
   EXPECT_EQ(UtcTimestamp(kSomeTime), "2026-11-22T01:52:20.123456Z");
   EXPECT_EQ(UtcTimestamp(std::chrono::system_clock::time_point{}), "1970-01-01T00:00:00.000000Z");
@@ -145,7 +160,7 @@ TEST(TerminalEscaping, PrintableTextIsKept) {
 TEST(DeviceTableRendering, AlignsColumnsAndMarksRunningDevices) {
   MediaDevice longName = Camera();
   longName.name = "A camera with a much longer name";
-  const std::string table = RenderDeviceTable({Microphone(), longName}, Painter(false));
+  const std::string table = RenderDeviceTable({Microphone(), longName}, Painter(false), true);
   std::vector<std::string> lines;
   std::size_t start = 0;
   for (std::size_t end; (end = table.find('\n', start)) != std::string::npos; start = end + 1) {
@@ -173,7 +188,7 @@ TEST(DeviceTableRendering, EscapesDeviceTextsAndKeepsAlignment) {
   MediaDevice hostile = Microphone();
   hostile.name = "Evil\x1b[2J\x1b]0;owned\x07";
   hostile.deviceUID = "uid\nnext";
-  const std::string table = RenderDeviceTable({hostile, Camera()}, Painter(false));
+  const std::string table = RenderDeviceTable({hostile, Camera()}, Painter(false), true);
   EXPECT_EQ(table.find('\x1b'), std::string::npos) << table;
   EXPECT_EQ(table.find('\x07'), std::string::npos) << table;
   EXPECT_NE(table.find("Evil\\e[2J\\e]0;owned\\x07"), std::string::npos) << table;
@@ -183,14 +198,53 @@ TEST(DeviceTableRendering, EscapesDeviceTextsAndKeepsAlignment) {
 }
 
 TEST(DeviceTableRendering, ColoursOnlyWhenThePainterIsEnabled) {
-  const std::string table = RenderDeviceTable({Microphone()}, Painter(true));
+  const std::string table = RenderDeviceTable({Microphone()}, Painter(true), true);
   EXPECT_NE(table.find("\x1b[1m"), std::string::npos);
   EXPECT_NE(table.find("\x1b[32m*"), std::string::npos);
   EXPECT_NE(table.find("\x1b[32mUSB Microphone"), std::string::npos);
 }
 
-TEST(DeviceTableRendering, SaysSoWhenNoDeviceIsConnected) {
-  EXPECT_EQ(RenderDeviceTable({}, Painter(false)), "No devices connected.\n");
+TEST(DeviceTableRendering, IsEmptyWithoutDevices) {
+  EXPECT_EQ(RenderDeviceTable({}, Painter(false), true), "");
+}
+
+TEST(DeviceTableRendering, ExplainsTheMarkOnlyWhenAskedAndSomethingRuns) {
+  const std::string running = RenderDeviceTable({Microphone(), Camera()}, Painter(false), true);
+  EXPECT_NE(running.find("\n* running\n"), std::string::npos) << running;
+  const std::string forAScript = RenderDeviceTable({Microphone(), Camera()}, Painter(false), false);
+  EXPECT_EQ(forAScript.find("* running"), std::string::npos) << forAScript;
+  EXPECT_EQ(std::count(forAScript.begin(), forAScript.end(), '\n'), 3) << forAScript;
+  const std::string idle = RenderDeviceTable({Camera()}, Painter(false), true);
+  EXPECT_EQ(idle.find("running"), std::string::npos) << idle;
+}
+
+TEST(DeviceTableRendering, RightAlignsNumbers) {
+  MediaDevice wide = Camera();
+  wide.deviceID = 12345;
+  wide.outputChannelCount = 10;
+  const std::string table = RenderDeviceTable({Microphone(), wide}, Painter(false), false);
+  EXPECT_EQ(
+      table,
+      "      ID  TYPE   NAME            TRANSPORT  IN  OUT  INPUT SOURCE  SUPPORTED        UID\n"
+      "*    100  Audio  USB Microphone  USB         1    0  Line In       yes              "
+      "usb-mic\n"
+      "   12345  Video  Cam             BuiltIn     0   10  -             NoInputChannels  "
+      "cam\n");
+}
+
+TEST(DeviceOrder, AudioBeforeVideoEachByID) {
+  MediaDevice secondMicrophone = Microphone();
+  secondMicrophone.deviceID = 3;
+  MediaDevice secondCamera = Camera();
+  secondCamera.deviceID = 2;
+  std::vector<MediaDevice> devices{Camera(), Microphone(), secondCamera, secondMicrophone};
+  SortForDisplay(devices);
+  std::vector<std::pair<MediaType, std::uint32_t>> order;
+  for (const auto& device : devices) order.emplace_back(device.mediaType, device.deviceID);
+  EXPECT_EQ(order, (std::vector<std::pair<MediaType, std::uint32_t>>{{MediaType::Audio, 3},
+                                                                     {MediaType::Audio, 100},
+                                                                     {MediaType::Video, 2},
+                                                                     {MediaType::Video, 7}}));
 }
 
 TEST(HumanWatchLines, ShowEventDeviceAndStateWithTextsEscaped) {
@@ -200,12 +254,15 @@ TEST(HumanWatchLines, ShowEventDeviceAndStateWithTextsEscaped) {
       HumanEventLine(kSomeTime, MediaDeviceEvent::ChangedRunning, device, Painter(false));
   EXPECT_TRUE(std::regex_search(line, std::regex("^\\d\\d:\\d\\d:\\d\\d\\.123  ChangedRunning  ")))
       << line;
-  EXPECT_NE(line.find("Audio 100  Mic\\e[31m  running  source: Line In"), std::string::npos)
+  EXPECT_NE(line.find("Audio   100  running  Mic\\e[31m  source: Line In"), std::string::npos)
       << line;
   const std::string camera =
       HumanEventLine(kSomeTime, MediaDeviceEvent::Disconnected, Camera(), Painter(false));
-  EXPECT_NE(camera.find("Video 7  Cam  idle  unsupported: NoInputChannels"), std::string::npos)
+  EXPECT_NE(camera.find("Video     7  idle     Cam  unsupported: NoInputChannels"),
+            std::string::npos)
       << camera;
+  // Everything up to the name has the same width on every line.
+  EXPECT_EQ(line.find("Mic"), camera.find("Cam"));
   EXPECT_NE(HumanUpdatingLine(kSomeTime, true, Painter(false)).find("devices updated"),
             std::string::npos);
 }

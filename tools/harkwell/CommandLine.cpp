@@ -1,12 +1,15 @@
 #include "tools/harkwell/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <map>
 
+#include "tools/harkwell/NearestWord.h"
 #include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/ServiceSelection.h"
+#include "tools/harkwell/TerminalText.h"
 
 // CMake passes the project's version; a compile outside it (the Apple sources' syntax check) has
 // none, and the program tests check the version a real build prints.
@@ -28,6 +31,34 @@ const std::map<std::string, VideoChoice> kVideoChoices{{"v4l2", VideoChoice::V4L
 const std::map<std::string, HogAction> kHogActions{
     {"status", HogAction::Status}, {"on", HogAction::On}, {"off", HogAction::Off}};
 
+// The words of a choice: "none, pulse or simulated" with `last` " or ", "none|pulse|simulated"
+// with `separator` and `last` "|".
+template <class T>
+std::string Words(const std::map<std::string, T>& choices, const std::string& separator,
+                  const std::string& last) {
+  std::string words;
+  std::size_t index = 0;
+  for (const auto& [word, value] : choices) {
+    if (index > 0) words += index + 1 == choices.size() ? last : separator;
+    words += word;
+    ++index;
+  }
+  return words;
+}
+
+// One of the words of `choices` and nothing else (CLI11's own transformers would also take the
+// enumeration's number, and show it in the help).
+template <class T>
+CLI::Validator OneOf(const std::map<std::string, T>& choices) {
+  const std::string expected = "expected " + Words(choices, ", ", " or ");
+  return CLI::Validator(
+      [&choices, expected](std::string& text) -> std::string {
+        if (choices.contains(text)) return {};
+        return expected + ", not \"" + EscapeForTerminal(text) + "\"";
+      },
+      "", "");
+}
+
 // `--duration`: a finite number of seconds, more than 0 and at most kMaxSeconds. Checked on the
 // text, before CLI11 converts it, so "nan", "inf" and "1e300" get the same plain message as "0".
 CLI::Validator DurationSeconds() {
@@ -43,11 +74,22 @@ CLI::Validator DurationSeconds() {
       "", "SECONDS");
 }
 
+// `hog`'s DEVICE: a number is looked up as a device ID, which is written without leading zeros;
+// "0100" is refused rather than guessed at.
+CLI::Validator DeviceIDWithoutLeadingZeros() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        const bool number =
+            !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+        if (!number || text.size() == 1 || text[0] != '0') return {};
+        return "a device ID is written without leading zeros, not \"" + text + "\"";
+      },
+      "", "");
+}
+
 // The values the service options are parsed into before they become optionals.
 struct RawServiceOptions {
-  AudioChoice audio = AudioChoice::Pulse;
-  VideoChoice video = VideoChoice::V4L2;
-  std::string scenarioPath, sysfsRoot, devRoot, procRoot;
+  std::string audio, video, scenarioPath, sysfsRoot, devRoot, procRoot;
   CLI::Option* audioOption = nullptr;
   CLI::Option* videoOption = nullptr;
   CLI::Option* scenarioOption = nullptr;
@@ -61,11 +103,13 @@ void AddServiceOptions(CLI::App& command, RawServiceOptions& raw) {
   const std::string group = "Device sources";
   raw.audioOption =
       command.add_option("--audio", raw.audio, "Audio devices: pulse (default), simulated or none")
-          ->transform(CLI::CheckedTransformer(kAudioChoices))
+          ->check(OneOf(kAudioChoices))
+          ->type_name(Words(kAudioChoices, "|", "|"))
           ->group(group);
   raw.videoOption =
       command.add_option("--video", raw.video, "Video devices: v4l2 (default), simulated or none")
-          ->transform(CLI::CheckedTransformer(kVideoChoices))
+          ->check(OneOf(kVideoChoices))
+          ->type_name(Words(kVideoChoices, "|", "|"))
           ->group(group);
   raw.scenarioOption =
       command
@@ -87,6 +131,15 @@ void AddServiceOptions(CLI::App& command, RawServiceOptions& raw) {
           ->group(group);
 }
 
+// Whether `argument` is one of the device-source options, "--audio" or "--audio=none" alike.
+bool IsServiceOption(const std::string& argument) {
+  for (const std::string name :
+       {"--audio", "--video", "--scenario", "--sysfs-root", "--dev-root", "--proc-root"}) {
+    if (argument == name || argument.rfind(name + "=", 0) == 0) return true;
+  }
+  return false;
+}
+
 template <class T>
 std::optional<T> IfGiven(const CLI::Option* option, const T& value) {
   return option->count() > 0 ? std::optional<T>(value) : std::nullopt;
@@ -94,8 +147,12 @@ std::optional<T> IfGiven(const CLI::Option* option, const T& value) {
 
 ServiceOptions Collect(const RawServiceOptions& raw) {
   return ServiceOptions{
-      .audio = IfGiven(raw.audioOption, raw.audio),
-      .video = IfGiven(raw.videoOption, raw.video),
+      .audio = raw.audioOption->count() > 0
+                   ? std::optional<AudioChoice>(kAudioChoices.at(raw.audio))
+                   : std::nullopt,
+      .video = raw.videoOption->count() > 0
+                   ? std::optional<VideoChoice>(kVideoChoices.at(raw.video))
+                   : std::nullopt,
       .scenarioPath = IfGiven(raw.scenarioOption, raw.scenarioPath),
       .sysfsRoot = IfGiven(raw.sysfsOption, raw.sysfsRoot),
       .devRoot = IfGiven(raw.devOption, raw.devRoot),
@@ -103,8 +160,32 @@ ServiceOptions Collect(const RawServiceOptions& raw) {
   };
 }
 
-std::string FailureMessage(const CLI::App*, const CLI::Error& error) {
-  return std::string("harkwell: ") + error.what() + "\nRun 'harkwell --help' for usage.\n";
+// Where to read more: the help of the subcommand the error is in, or the program's.
+std::string HelpPointer(const CLI::App& app) {
+  const auto subcommands = app.get_subcommands();
+  const std::string command =
+      subcommands.empty() ? "harkwell" : "harkwell " + subcommands.back()->get_name();
+  return "Run '" + command + " --help' for usage.\n";
+}
+
+std::string FailureMessage(const CLI::App* app, const CLI::Error& error) {
+  return std::string("harkwell: ") + error.what() + "\n" + HelpPointer(*app);
+}
+
+// The first argument that is not one of the program's own options names the subcommand; CLI11
+// would call a misspelt one an unexpected argument, or ask for a subcommand.
+std::optional<std::string> UnknownSubcommandMessage(const std::vector<std::string>& names,
+                                                    const std::vector<std::string>& arguments) {
+  for (const auto& argument : arguments) {
+    if (argument.empty() || argument[0] == '-') continue;
+    if (std::find(names.begin(), names.end(), argument) != names.end()) return std::nullopt;
+    std::string message = "harkwell: unknown subcommand \"" + EscapeForTerminal(argument) + "\"";
+    if (const auto nearest = NearestWord(argument, names)) {
+      message += "; did you mean \"" + *nearest + "\"?";
+    }
+    return message + "\nRun 'harkwell --help' for usage.\n";
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -119,10 +200,15 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
 
   Options options;
   double duration = 0;
+  std::string hogAction;
   std::map<Command, RawServiceOptions> raw;
+  const std::string verboseHelp =
+      "Also show the library's notes on expected conditions (a device without a model UID)";
+  app.add_flag("-v,--verbose", options.verbose, verboseHelp);
 
   auto* list = app.add_subcommand("list", "Print the connected devices, audio then video");
   list->add_flag("--json", options.json, "Print one JSON array of device objects");
+  list->add_flag("-v,--verbose", options.verbose, verboseHelp);
   AddServiceOptions(*list, raw[Command::List]);
 
   auto* watch = app.add_subcommand(
@@ -133,29 +219,64 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
                              ->check(DurationSeconds());
   watch->add_flag("--follow", options.follow,
                   "With --scenario: keep watching after the scenario's last step");
+  watch->add_flag("-v,--verbose", options.verbose, verboseHelp);
   AddServiceOptions(*watch, raw[Command::Watch]);
 
   auto* hog = app.add_subcommand("hog", "Read, take or release exclusive access to a device");
-  hog->add_option("action", options.hogAction, "status, on or off")
+  hog->add_option("action", hogAction, "status, on or off")
       ->required()
-      ->transform(CLI::CheckedTransformer(kHogActions));
-  hog->add_option("device", options.hogDevice, "A device UID or device ID")
+      ->check(OneOf(kHogActions))
+      ->type_name(Words(kHogActions, "|", "|"));
+  hog->add_option("device", options.hogDevice,
+                  "A device ID (a number, looked up first) or a device UID")
       ->required()
-      ->type_name("DEVICE");
+      ->type_name("DEVICE")
+      ->check(DeviceIDWithoutLeadingZeros());
   hog->add_flag("--json", options.json, "Print the answer as a JSON object");
+  auto* holdOption = hog->add_flag(
+      "--hold", options.hold,
+      "With 'on': keep the device until Ctrl-C or --duration (the hold ends with harkwell)");
+  auto* holdDurationOption =
+      hog->add_option("--duration", duration, "With --hold: let go after this many seconds")
+          ->type_name("SECONDS")
+          ->check(DurationSeconds())
+          ->needs(holdOption);
+  hog->add_flag("-v,--verbose", options.verbose, verboseHelp);
   AddServiceOptions(*hog, raw[Command::Hog]);
 
+  // `model` reads no devices, so it takes no device sources.
   auto* model = app.add_subcommand("model", "Print the computer's model identifier");
   model->add_flag("--json", options.json, "Print the answer as a JSON object");
-  AddServiceOptions(*model, raw[Command::Model]);
+  model->add_flag("-v,--verbose", options.verbose, verboseHelp);
 
+  if (const auto unknown = UnknownSubcommandMessage(
+          {list->get_name(), watch->get_name(), hog->get_name(), model->get_name()}, arguments)) {
+    err << *unknown;
+    return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
+  }
   std::vector<const char*> argv{"harkwell"};
   for (const auto& argument : arguments) argv.push_back(argument.c_str());
   try {
     app.parse(static_cast<int>(argv.size()), argv.data());
+  } catch (const CLI::ExtrasError&) {
+    // CLI11 lists the extra arguments back to front; the first one, as typed, says enough.
+    const auto extras = app.remaining(true);
+    std::string message = "harkwell: unexpected argument \"" +
+                          EscapeForTerminal(extras.empty() ? "" : extras.front()) + "\"";
+    if (model->parsed() && !extras.empty() && IsServiceOption(extras.front())) {
+      message += " ('model' reads no devices, so it takes no device options)";
+    }
+    err << message << "\n" << HelpPointer(app);
+    return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
   } catch (const CLI::ParseError& error) {
     const int code = app.exit(error, out, err);
     return ParsedCommandLine{.options = std::nullopt, .exitCode = code == 0 ? 0 : kUsageExitCode};
+  }
+  if (!hogAction.empty()) options.hogAction = kHogActions.at(hogAction);
+  if (holdDurationOption->count() > 0) options.durationSeconds = duration;
+  if (options.hold && options.hogAction != HogAction::On) {
+    err << "harkwell: --hold goes with 'hog on' only\n" << HelpPointer(app);
+    return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
   }
 
   const std::pair<CLI::App*, Command> commands[] = {
@@ -163,17 +284,14 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
   for (const auto& [subcommand, command] : commands) {
     if (subcommand->parsed()) {
       options.command = command;
-      options.services = Collect(raw[command]);
+      if (command != Command::Model) options.services = Collect(raw[command]);
     }
   }
   if (durationOption->count() > 0) options.durationSeconds = duration;
-  // Options that parse one by one but not together are a usage error too (`model` reads no
-  // devices, so it ignores the device-source options).
-  if (options.command != Command::Model) {
-    if (auto conflict = ServiceOptionsConflict(options.services)) {
-      app.exit(CLI::ValidationError(*conflict), out, err);
-      return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
-    }
+  // Options that parse one by one but not together are a usage error too.
+  if (auto conflict = ServiceOptionsConflict(options.services)) {
+    app.exit(CLI::ValidationError(*conflict), out, err);
+    return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
   }
   return ParsedCommandLine{.options = options, .exitCode = 0};
 }

@@ -30,10 +30,13 @@ struct ServiceOptions {
 struct Options {
   Command command = Command::List;
   bool json = false;
-  std::optional<double> durationSeconds;  // watch: run this long; absent means until interrupted
-  bool follow = false;  // watch --scenario: keep watching after the scenario's last step
+  // watch, hog --hold: run this long; absent means until interrupted
+  std::optional<double> durationSeconds;
+  bool follow = false;   // watch --scenario: keep watching after the scenario's last step
+  bool verbose = false;  // -v: also the library's notes on expected conditions
   HogAction hogAction = HogAction::Status;
-  std::string hogDevice;  // a device UID or a decimal device ID
+  std::string hogDevice;  // a decimal device ID or a device UID
+  bool hold = false;      // hog on --hold: keep the device until Ctrl-C or durationSeconds
   ServiceOptions services;
 };
 

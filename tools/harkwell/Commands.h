@@ -1,7 +1,8 @@
 // The four commands of the harkwell program. Each runs on the main thread, installs the device
 // sources it needs, prints its results to `out` and its complaints to `err`, and returns the
 // process's exit status: 0 on success, 1 when the work could not be done (bad scenario, unknown
-// device, exclusive access refused).
+// device, exclusive access refused), kUnreachableSourceExitCode when a device source did not
+// answer (`list` and `hog`).
 #pragma once
 
 #include <vector>
@@ -10,8 +11,13 @@
 #include "tools/harkwell/Colour.h"
 #include "tools/harkwell/CommandLine.h"
 #include "tools/harkwell/LineWriter.h"
+#include "tools/harkwell/ServiceSelection.h"
 
 namespace harkwell::cli {
+
+// A device source could not be reached (no sound server answered), so the devices shown would
+// not be all there are.
+constexpr int kUnreachableSourceExitCode = 3;
 
 struct CommandContext {
   LineWriter& out;
@@ -27,6 +33,14 @@ int RunModel(const Options& options, CommandContext& context);
 // The devices connected right now, audio then video, as a controller reports them once its initial
 // discovery has run. Uses the installed services.
 std::vector<MediaDevice> ConnectedDevicesNow();
+
+// For the commands that look once: false, after one line on `err`, when a device source did not
+// answer; otherwise passes the services' start-up lines on to the log and returns true.
+bool AllSourcesAnswered(const InstalledServices& services, LineWriter& err);
+
+// Passes the services' start-up lines on to the log (`watch`: a source that did not answer may
+// still start while it runs, as the line says).
+void LogStartupLines(const InstalledServices& services);
 
 // Puts services without devices in place of the ones a command used, so real services (their
 // threads and connections) end before the program does.

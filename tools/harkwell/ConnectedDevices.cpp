@@ -2,6 +2,7 @@
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "HarkwellFoundation/Platform/SystemLog.h"
 #include "tools/harkwell/Commands.h"
 #include "tools/harkwell/MainLoopWait.h"
 
@@ -18,6 +19,19 @@ std::vector<MediaDevice> ConnectedDevicesNow() {
   controller->setObserveDevices(false);
   WaitForQueueServingMainLoop(*queue);
   return devices;
+}
+
+bool AllSourcesAnswered(const InstalledServices& services, LineWriter& err) {
+  if (services.unreachableSource) {
+    err.writeLine("harkwell: " + *services.unreachableSource);
+    return false;
+  }
+  LogStartupLines(services);
+  return true;
+}
+
+void LogStartupLines(const InstalledServices& services) {
+  for (const auto& line : services.startupLog) SystemLog(line);
 }
 
 void ReleaseServices() {

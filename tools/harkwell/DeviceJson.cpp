@@ -3,6 +3,9 @@
 #include <cstdio>
 #include <ctime>
 
+#include "HarkwellFoundation/Platform/UTF8.h"
+#include "tools/harkwell/TerminalText.h"
+
 namespace harkwell::cli {
 namespace {
 
@@ -88,7 +91,25 @@ Json HogModeToJson(const MediaDeviceHogMode& mode) {
 }
 
 std::string DumpLine(const Json& value) {
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string dumped = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  // The dump escapes C0 controls but keeps DEL, C1 controls and direction overrides as they are;
+  // they become \u escapes too, as the table escapes them, so a terminal showing the JSON cannot
+  // be steered. Outside strings a dump holds only ASCII punctuation, so this touches strings only.
+  std::string line;
+  line.reserve(dumped.size());
+  for (std::size_t i = 0; i < dumped.size();) {
+    const auto sequence = DecodeUTF8(std::string_view(dumped).substr(i));
+    const std::size_t length = sequence ? sequence->length : 1;
+    if (sequence && (sequence->codePoint == 0x7F || IsInvisibleFormatting(sequence->codePoint))) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04X", static_cast<unsigned>(sequence->codePoint));
+      line += escape;
+    } else {
+      line.append(dumped, i, length);
+    }
+    i += length;
+  }
+  return line;
 }
 
 }  // namespace harkwell::cli

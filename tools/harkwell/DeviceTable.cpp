@@ -10,8 +10,15 @@ namespace {
 
 constexpr std::array<const char*, 10> kHeader{"",   "ID",  "TYPE",         "NAME",      "TRANSPORT",
                                               "IN", "OUT", "INPUT SOURCE", "SUPPORTED", "UID"};
+constexpr std::size_t kIDColumn = 1;
 constexpr std::size_t kNameColumn = 3;
+constexpr std::size_t kInColumn = 5;
+constexpr std::size_t kOutColumn = 6;
 constexpr std::size_t kSupportedColumn = 8;
+
+bool IsNumberColumn(std::size_t column) {
+  return column == kIDColumn || column == kInColumn || column == kOutColumn;
+}
 
 using Row = std::array<std::string, kHeader.size()>;
 
@@ -34,14 +41,28 @@ std::string PadRight(std::string text, std::size_t width) {
   return text;
 }
 
+std::string PadLeft(std::string text, std::size_t width) {
+  const std::size_t used = DisplayWidth(text);
+  if (used < width) text.insert(0, width - used, ' ');
+  return text;
+}
+
 }  // namespace
 
 std::string SupportText(const MediaDevice& device) {
   return device.unsupportedReason ? std::string(caseName(*device.unsupportedReason)) : "yes";
 }
 
-std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Painter& painter) {
-  if (devices.empty()) return "No devices connected.\n";
+void SortForDisplay(std::vector<MediaDevice>& devices) {
+  std::stable_sort(devices.begin(), devices.end(), [](const MediaDevice& a, const MediaDevice& b) {
+    if (a.mediaType != b.mediaType) return hashValue(a.mediaType) < hashValue(b.mediaType);
+    return a.deviceID < b.deviceID;
+  });
+}
+
+std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Painter& painter,
+                              bool withLegend) {
+  if (devices.empty()) return {};
 
   std::vector<Row> rows;
   rows.reserve(devices.size());
@@ -59,7 +80,9 @@ std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Pai
     std::string line;
     for (std::size_t column = 0; column < cells.size(); ++column) {
       const bool last = column + 1 == cells.size();
-      const std::string cell = last ? cells[column] : PadRight(cells[column], widths[column]);
+      const std::string cell = last                     ? cells[column]
+                               : IsNumberColumn(column) ? PadLeft(cells[column], widths[column])
+                                                        : PadRight(cells[column], widths[column]);
       line += colourFor(column, cell);
       if (!last) line += "  ";
     }
@@ -83,7 +106,9 @@ std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Pai
       return cell;
     });
   }
-  table += "* running\n";
+  const bool anyRunning = std::any_of(devices.begin(), devices.end(),
+                                      [](const MediaDevice& device) { return device.isRunning; });
+  if (withLegend && anyRunning) table += "* running\n";
   return table;
 }
 

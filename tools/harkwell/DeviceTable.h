@@ -11,8 +11,15 @@
 
 namespace harkwell::cli {
 
-// The whole table, header first, each line ending in '\n'. Without devices, one line saying so.
-std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Painter& painter);
+// `devices` in the order harkwell shows them: audio before video, each by device ID, so the same
+// devices are always listed the same way whatever order the platform reports them in.
+void SortForDisplay(std::vector<MediaDevice>& devices);
+
+// The whole table, header first, each line ending in '\n', numbers right-aligned; empty without
+// devices. `withLegend` adds a line that explains the "*" when some device is running (meant for a
+// terminal, where a person reads it; a script reading a pipe gets the table alone).
+std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Painter& painter,
+                              bool withLegend);
 
 // The text of the SUPPORTED column: "yes", or the reason the device is not supported.
 std::string SupportText(const MediaDevice& device);

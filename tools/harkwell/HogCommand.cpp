@@ -6,6 +6,7 @@
 #include "HarkwellFoundation/Model/MediaDeviceHogMode.h"
 #include "tools/harkwell/Commands.h"
 #include "tools/harkwell/DeviceJson.h"
+#include "tools/harkwell/HogHold.h"
 #include "tools/harkwell/ServiceSelection.h"
 #include "tools/harkwell/TerminalText.h"
 
@@ -17,20 +18,22 @@ struct DeviceLookup {
   std::string error;
 };
 
-// A device UID matches first; a decimal number then matches a device ID.
+// A decimal number matches a device ID first (the command line has refused leading zeros), so
+// `hog on 100` means the device `harkwell list` shows as 100 even when another device's UID is
+// "100"; anything else, and a number no device has as its ID, matches a device UID.
 DeviceLookup FindDevice(const std::vector<MediaDevice>& devices, const std::string& wanted) {
   std::vector<MediaDevice> matches;
-  for (const auto& device : devices) {
-    if (device.deviceUID == wanted) matches.push_back(device);
+  std::uint32_t id = 0;
+  const auto* end = wanted.data() + wanted.size();
+  const auto [stop, status] = std::from_chars(wanted.data(), end, id);
+  if (!wanted.empty() && status == std::errc() && stop == end) {
+    for (const auto& device : devices) {
+      if (device.deviceID == id) matches.push_back(device);
+    }
   }
   if (matches.empty()) {
-    std::uint32_t id = 0;
-    const auto* end = wanted.data() + wanted.size();
-    const auto [stop, status] = std::from_chars(wanted.data(), end, id);
-    if (status == std::errc() && stop == end) {
-      for (const auto& device : devices) {
-        if (device.deviceID == id) matches.push_back(device);
-      }
+    for (const auto& device : devices) {
+      if (device.deviceUID == wanted) matches.push_back(device);
     }
   }
   const std::string shown = EscapeForTerminal(wanted);
@@ -70,6 +73,10 @@ int RunHog(const Options& options, CommandContext& context) {
     context.err.writeLine("harkwell: " + setup.error);
     return 1;
   }
+  if (!AllSourcesAnswered(*setup.services, context.err)) {
+    ReleaseServices();
+    return kUnreachableSourceExitCode;
+  }
   const auto lookup = FindDevice(ConnectedDevicesNow(), options.hogDevice);
   if (!lookup.device) {
     ReleaseServices();
@@ -90,7 +97,6 @@ int RunHog(const Options& options, CommandContext& context) {
       break;
   }
   const MediaDeviceHogMode mode = device.currentHogMode();
-  ReleaseServices();
 
   if (options.json) {
     Json object = Json::object();
@@ -104,11 +110,14 @@ int RunHog(const Options& options, CommandContext& context) {
     context.out.writeLine(EscapeForTerminal(device.name) + ": " + HogModeText(mode));
   }
   if (!succeeded) {
+    ReleaseServices();
     context.err.writeLine(std::string("harkwell: could not ") +
                           (options.hogAction == HogAction::On ? "take" : "release") +
                           " exclusive access to " + EscapeForTerminal(device.name));
     return 1;
   }
+  if (options.hogAction == HogAction::On) HoldWhileAsked(options, device, context);
+  ReleaseServices();
   return 0;
 }
 

@@ -1,4 +1,7 @@
-// `harkwell list [--json]`: the connected devices as a table, or as one JSON array.
+// `harkwell list [--json]`: the connected devices as a table, or as one JSON array, audio before
+// video and each by ID.
+#include <unistd.h>
+
 #include "tools/harkwell/Commands.h"
 #include "tools/harkwell/DeviceJson.h"
 #include "tools/harkwell/DeviceTable.h"
@@ -12,15 +15,23 @@ int RunList(const Options& options, CommandContext& context) {
     context.err.writeLine("harkwell: " + setup.error);
     return 1;
   }
-  const auto devices = ConnectedDevicesNow();
+  if (!AllSourcesAnswered(*setup.services, context.err)) {
+    ReleaseServices();
+    return kUnreachableSourceExitCode;
+  }
+  auto devices = ConnectedDevicesNow();
   ReleaseServices();
+  SortForDisplay(devices);
 
   if (options.json) {
     Json array = Json::array();
     for (const auto& device : devices) array.push_back(DeviceToJson(device));
     context.out.writeLine(DumpLine(array));
+  } else if (devices.empty()) {
+    // A script reading the table gets no lines; a person reads why on stderr.
+    context.err.writeLine("harkwell: no devices connected");
   } else {
-    context.out.write(RenderDeviceTable(devices, context.painter));
+    context.out.write(RenderDeviceTable(devices, context.painter, isatty(context.out.fd()) == 1));
   }
   return 0;
 }

@@ -2,6 +2,8 @@
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "HarkwellFoundation/Platform/SystemLog.h"
+#include "tools/harkwell/LogLines.h"
 
 #if defined(HARKWELL_CLI_WITH_PULSEAUDIO)
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
@@ -17,11 +19,22 @@ ServiceSetup Failure(std::string error) {
   return ServiceSetup{.services = std::nullopt, .error = std::move(error)};
 }
 
-std::shared_ptr<AudioHardwareService> MakePulseAudioService() {
+// Runs `create` with the log lines written meanwhile kept in `lines` instead of shown. A service
+// writes its start-up lines on the calling thread before its create() returns.
+template <class Create>
+auto KeepingStartupLog(std::vector<std::string>& lines, Create create) {
+  auto previous = InstallLogSink([&lines](std::string_view line) { lines.emplace_back(line); });
+  auto service = create();
+  InstallLogSink(std::move(previous));
+  return service;
+}
+
+std::shared_ptr<AudioHardwareService> MakePulseAudioService(std::vector<std::string>& startupLog) {
 #if defined(HARKWELL_CLI_WITH_PULSEAUDIO)
   // libpulse finds the server as usual (PULSE_SERVER, client.conf, the user's own server).
-  return PulseAudioHardwareService::create();
+  return KeepingStartupLog(startupLog, [] { return PulseAudioHardwareService::create(); });
 #else
+  (void)startupLog;
   return nullptr;
 #endif
 }
@@ -83,11 +96,12 @@ ServiceSetup InstallServices(const ServiceOptions& options) {
   }
 
   // Everything that can fail is checked before anything is installed.
+  InstalledServices installed;
   std::shared_ptr<AudioHardwareService> audio;
   std::shared_ptr<SimulatedAudioHardwareService> simulatedAudio;
   switch (audioChoice) {
     case AudioChoice::Pulse:
-      audio = MakePulseAudioService();
+      audio = MakePulseAudioService(installed.startupLog);
       if (!audio) return Failure("PulseAudio is not available in this build of harkwell");
       break;
     case AudioChoice::Simulated:
@@ -119,7 +133,11 @@ ServiceSetup InstallServices(const ServiceOptions& options) {
   if (simulatedAudio) simulatedAudio->setRecordingCalls(false);
   if (simulatedVideo) simulatedVideo->setRecordingCalls(false);
 
-  InstalledServices installed;
+  for (const auto& line : installed.startupLog) {
+    if (auto reason = NoSoundServerReason(line)) {
+      installed.unreachableSource = "no PulseAudio server answered (" + *reason + ")";
+    }
+  }
   if (scenario) {
     installed.scenario =
         std::make_unique<ScenarioPlayer>(std::move(*scenario), simulatedAudio, simulatedVideo);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tools/harkwell/CommandLine.h"
 #include "tools/harkwell/ScenarioPlayer.h"
@@ -15,6 +16,13 @@ namespace harkwell::cli {
 struct InstalledServices {
   // Present when a scenario file was given; its starting devices are already in place.
   std::unique_ptr<ScenarioPlayer> scenario;
+  // The log lines real services wrote while they started, held back so that each command says
+  // it its own way: `watch` passes them on to the log, `list` and `hog` report an unreachable
+  // source in a line of their own.
+  std::vector<std::string> startupLog;
+  // Why a device source did not answer at start ("no PulseAudio server answered (Connection
+  // refused)"); its devices may still appear later, which only `watch` would see.
+  std::optional<std::string> unreachableSource;
 };
 
 // What the choices resolve to once a scenario's presence is taken into account.

@@ -8,11 +8,6 @@
 namespace harkwell::cli {
 namespace {
 
-bool IsInvisibleFormatting(char32_t value) {
-  return (value >= 0x80 && value <= 0x9F) || (value >= 0x202A && value <= 0x202E) ||
-         (value >= 0x2066 && value <= 0x2069);
-}
-
 void AppendHex(std::string& out, const char* format, unsigned value) {
   char buffer[16];
   std::snprintf(buffer, sizeof buffer, format, value);
@@ -20,6 +15,11 @@ void AppendHex(std::string& out, const char* format, unsigned value) {
 }
 
 }  // namespace
+
+bool IsInvisibleFormatting(char32_t value) {
+  return (value >= 0x80 && value <= 0x9F) || (value >= 0x202A && value <= 0x202E) ||
+         (value >= 0x2066 && value <= 0x2069);
+}
 
 std::string EscapeForTerminal(std::string_view text) {
   std::string out;

@@ -18,6 +18,10 @@ namespace harkwell::cli {
 // Everything else, printable non-ASCII letters included, is kept as it is.
 std::string EscapeForTerminal(std::string_view text);
 
+// The code points besides C0 controls and DEL that a terminal acts on without showing them: the C1
+// controls and the bidirectional overrides and isolates. JSON output escapes the same ones.
+bool IsInvisibleFormatting(char32_t codePoint);
+
 // How many terminal columns `text` takes once printed, counting one per code point. Meant for
 // text that went through EscapeForTerminal (and so holds no controls) and for ASCII colour codes,
 // which callers leave out of the text they measure.

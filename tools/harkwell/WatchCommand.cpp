@@ -38,6 +38,7 @@ int RunWatch(const Options& options, CommandContext& context) {
     context.err.writeLine("harkwell: " + setup.error);
     return 1;
   }
+  LogStartupLines(*setup.services);
   ScenarioPlayer* scenario = setup.services->scenario.get();
 
   WatchPrinter printer(options.json, context.painter, context.out);

@@ -47,13 +47,16 @@ std::string Padded(std::string_view text, std::size_t width) {
 
 std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
                            const MediaDevice& device, const Painter& painter) {
-  // The longest event name is 18 characters.
+  // Columns of fixed width first (the longest event name has 18 characters; IDs are right-aligned
+  // in 5, as wide as they usually are), then the name and what only some devices have, so lines
+  // printed minutes apart still line up.
+  std::string id = std::to_string(device.deviceID);
+  if (id.size() < 5) id.insert(0, 5 - id.size(), ' ');
   std::string line = LocalClockText(time) + "  " +
                      painter.paint(Padded(caseName(event), 18), EventColour(event)) + "  " +
-                     std::string(caseName(device.mediaType)) + " " +
-                     std::to_string(device.deviceID) + "  " + EscapeForTerminal(device.name);
-  line += "  ";
-  line += device.isRunning ? painter.paint("running", Colour::Green) : "idle";
+                     std::string(caseName(device.mediaType)) + " " + id + "  " +
+                     (device.isRunning ? painter.paint("running", Colour::Green) : "idle   ") +
+                     "  " + EscapeForTerminal(device.name);
   if (device.inputSourceName) line += "  source: " + EscapeForTerminal(*device.inputSourceName);
   if (device.unsupportedReason) {
     line += "  " + painter.paint("unsupported: " + SupportText(device), Colour::Dim);

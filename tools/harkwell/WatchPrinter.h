@@ -15,7 +15,7 @@ namespace harkwell::cli {
 
 using WallClock = std::function<std::chrono::system_clock::time_point()>;
 
-// "01:52:20.123  Connected           Audio 100  USB Microphone  running  source: Line In"
+// "01:52:20.123  Connected           Audio   100  running  USB Microphone  source: Line In"
 // (local time). Device texts are escaped for the terminal.
 std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
                            const MediaDevice& device, const Painter& painter);

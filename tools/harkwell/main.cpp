@@ -8,7 +8,7 @@
 
 #include "HarkwellFoundation/Platform/SystemLog.h"
 #include "tools/harkwell/Commands.h"
-#include "tools/harkwell/TerminalText.h"
+#include "tools/harkwell/LogLines.h"
 
 int main(int argc, char** argv) {
   using namespace harkwell::cli;
@@ -25,8 +25,9 @@ int main(int argc, char** argv) {
   const Options& options = *parsed.options;
 
   // The library's log lines go to stderr only, never into the output a program may be parsing.
-  harkwell::InstallLogSink(
-      [&err](std::string_view line) { err.writeLine(EscapeForTerminal(line)); });
+  harkwell::InstallLogSink([&err, verbose = options.verbose](std::string_view line) {
+    if (verbose || !IsExpectedConditionLine(line)) err.writeLine(StderrLogLine(line));
+  });
 
   CommandContext context{out, err, Painter(ShouldUseColour(STDOUT_FILENO))};
   int status = 1;
