@@ -240,7 +240,7 @@ TEST(HarkwellErrors, ADurationThatIsNotAFiniteTimeWithinTheLimitIsRefusedWithUsa
     EXPECT_TRUE(result.out.empty()) << value << ": " << result.out;
     EXPECT_EQ(result.err,
               "harkwell: --duration: expected a number of seconds greater than 0 and at most "
-              "10000000\nRun 'harkwell --help' for usage.\n")
+              "10000000\nRun 'harkwell watch --help' for usage.\n")
         << value;
   }
 }
@@ -273,7 +273,7 @@ TEST(HarkwellErrors, TreeRootsWithoutV4L2AreRefusedWithUsage) {
   EXPECT_TRUE(result.out.empty()) << result.out;
   EXPECT_EQ(result.err,
             "harkwell: --sysfs-root, --dev-root and --proc-root need --video v4l2\n"
-            "Run 'harkwell --help' for usage.\n");
+            "Run 'harkwell list --help' for usage.\n");
 }
 
 TEST(HarkwellVersion, PrintsTheProjectVersion) {
@@ -395,18 +395,136 @@ TEST(HarkwellHog, TakesAFreeDeviceAndIsRefusedOneHeldElsewhere) {
   EXPECT_EQ(result.err, "harkwell: could not take exclusive access to HD Webcam\n");
 }
 
-TEST(HarkwellOutput, LibraryLogLinesGoToStderrOnly) {
+TEST(HarkwellOutput, NotesOnExpectedConditionsShowOnlyWithVerboseAndOnStderr) {
   // A device without a model UID makes the library log one line as it reads the device.
   const TemporaryFile scenario(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}]})");
-  const auto result = RunHarkwell({"list", "--json", "--scenario", scenario.path()});
+  auto result = RunHarkwell({"list", "--json", "--scenario", scenario.path()});
   ASSERT_EQ(result.status, 0) << result.err;
   const json devices = json::parse(result.out, nullptr, false);
   ASSERT_TRUE(devices.is_array()) << result.out;
   ASSERT_EQ(devices.size(), 1u);
   EXPECT_TRUE(devices[0]["modelUID"].is_null());
-  EXPECT_NE(result.err.find("Audio Error (unknown error): Model UID for device with ID 5 is nil\n"),
-            std::string::npos)
-      << result.err;
+  EXPECT_EQ(result.err, "") << "a documented default is not an error";
+
+  result = RunHarkwell({"list", "--json", "-v", "--scenario", scenario.path()});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(json::parse(result.out, nullptr, false), devices);
+  EXPECT_EQ(result.err,
+            "harkwell: Audio Error (unknown error): Model UID for device with ID 5 is nil\n");
+}
+
+TEST(HarkwellOutput, ListWithoutDevicesPrintsNothingOnStdout) {
+  auto result = RunHarkwell({"list", "--audio", "none", "--video", "none"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "harkwell: no devices connected\n");
+  result = RunHarkwell({"list", "--json", "--audio", "none", "--video", "none"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "[]\n");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(HarkwellOutput, ListShowsAudioThenVideoEachByIDWithIDsRightAligned) {
+  const TemporaryFile scenario(R"({
+    "audio": [{"deviceID": 30, "deviceUID": "b", "name": "B", "modelUID": "1:2"},
+              {"deviceID": 4, "deviceUID": "a", "name": "A", "modelUID": "1:2"}],
+    "video": [{"deviceID": 2, "deviceUID": "c", "name": "C", "modelUID": "1:2"}]})");
+  const auto result = RunHarkwell({"list", "--scenario", scenario.path()});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out,
+            "  ID  TYPE   NAME  TRANSPORT  IN  OUT  INPUT SOURCE  SUPPORTED  UID\n"
+            "   4  Audio  A     Unknown     1    0  -             yes        a\n"
+            "  30  Audio  B     Unknown     1    0  -             yes        b\n"
+            "   2  Video  C     Unknown     1    0  -             yes        c\n");
+}
+
+TEST(HarkwellErrors, ChoicesThatAreNumbersAreRefusedWithUsage) {
+  auto result = RunHarkwell({"list", "--audio", "2"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "harkwell: --audio: expected none, pulse or simulated, not \"2\"\n"
+            "Run 'harkwell list --help' for usage.\n");
+  result = RunHarkwell({"hog", "1", "100"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.err,
+            "harkwell: action: expected off, on or status, not \"1\"\n"
+            "Run 'harkwell hog --help' for usage.\n");
+}
+
+TEST(HarkwellErrors, AMisspeltSubcommandIsNamedWithTheNearestOne) {
+  const auto result = RunHarkwell({"lsit"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "harkwell: unknown subcommand \"lsit\"; did you mean \"list\"?\n"
+            "Run 'harkwell --help' for usage.\n");
+}
+
+TEST(HarkwellErrors, ModelTakesNoDeviceOptions) {
+  const auto result = RunHarkwell({"model", "--video", "none"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "harkwell: unexpected argument \"--video\" ('model' reads no devices, so it takes no "
+            "device options)\nRun 'harkwell model --help' for usage.\n");
+}
+
+TEST(HarkwellErrors, AHogDeviceNumberWithLeadingZerosIsRefused) {
+  const TemporaryFile scenario(kScenario);
+  const auto result = RunHarkwell({"hog", "status", "0100", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            "harkwell: device: a device ID is written without leading zeros, not \"0100\"\n"
+            "Run 'harkwell hog --help' for usage.\n");
+}
+
+TEST(HarkwellHog, ANumberIsLookedUpAsADeviceIDBeforeAsAUID) {
+  const TemporaryFile scenario(R"({"audio": [
+    {"deviceID": 100, "deviceUID": "mic", "name": "By ID", "modelUID": "1:2"},
+    {"deviceID": 7, "deviceUID": "100", "name": "By UID", "modelUID": "1:2"}]})");
+  auto result = RunHarkwell({"hog", "status", "100", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "By ID: NoProcess\n");
+  // A number no device has as its ID may still be a UID.
+  const TemporaryFile numbered(R"({"audio": [
+    {"deviceID": 7, "deviceUID": "4242", "name": "Numbered", "modelUID": "1:2"}]})");
+  result = RunHarkwell({"hog", "status", "4242", "--scenario", numbered.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "Numbered: NoProcess\n");
+}
+
+TEST(HarkwellHog, OnSaysThatTheHoldEndsWithTheProgram) {
+  const TemporaryFile scenario(kScenario);
+  const auto result = RunHarkwell({"hog", "on", "100", "--scenario", scenario.path()});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "USB Microphone: CurrentProcess\n");
+  EXPECT_EQ(result.err,
+            "harkwell: the hold on USB Microphone ends when harkwell exits, which is now (--hold "
+            "keeps it)\n");
+}
+
+TEST(HarkwellHog, HoldKeepsTheDeviceForItsDuration) {
+  const TemporaryFile scenario(kScenario);
+  const auto started = std::chrono::steady_clock::now();
+  const auto result = RunHarkwell(
+      {"hog", "on", "usb-mic", "--hold", "--duration", "0.5", "--scenario", scenario.path()});
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 500ms);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "USB Microphone: CurrentProcess\n");
+  EXPECT_EQ(result.err, "harkwell: holding USB Microphone for 0.5 s; press Ctrl-C to let go\n");
+}
+
+TEST(HarkwellHog, HoldEndsAtCtrlC) {
+  const TemporaryFile scenario(kScenario);
+  auto run = StartHarkwell({"hog", "on", "usb-mic", "--hold", "--scenario", scenario.path()});
+  ASSERT_NE(run, nullptr);
+  ASSERT_EQ(run->readLine(kLineDeadline), "USB Microphone: CurrentProcess") << run->errorOutput();
+  run->sendSignal(SIGINT);
+  const auto status = run->waitForExit(kLineDeadline);
+  ASSERT_TRUE(status.has_value()) << "still holding after SIGINT";
+  EXPECT_EQ(*status, 0) << run->errorOutput();
 }
 
 TEST(HarkwellModel, JsonAnswersWithTheIdentifierOrNull) {

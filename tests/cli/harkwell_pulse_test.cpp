@@ -69,5 +69,32 @@ TEST(HarkwellOnPulseAudio, ListShowsTheServersDevices) {
       << result.out;
 }
 
+// A server address where nothing answers: no daemon is started for these.
+const std::map<std::string, std::string> kNoServer{{"PULSE_SERVER", "unix:/nonexistent/harkwell"}};
+
+TEST(HarkwellWithoutASoundServer, ListSaysSoInOneLineAndExitsWithStatus3) {
+  const auto result = RunHarkwell({"list", "--video", "none"}, kNoServer);
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "harkwell: no PulseAudio server answered (Connection refused)\n");
+}
+
+TEST(HarkwellWithoutASoundServer, HogSaysSoInOneLineAndExitsWithStatus3) {
+  const auto result = RunHarkwell({"hog", "status", "5", "--json", "--video", "none"}, kNoServer);
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "harkwell: no PulseAudio server answered (Connection refused)\n");
+}
+
+TEST(HarkwellWithoutASoundServer, WatchGoesOnAndSaysDevicesWillAppear) {
+  const auto result =
+      RunHarkwell({"watch", "--json", "--duration", "0.3", "--video", "none"}, kNoServer);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err,
+            "harkwell: PulseAudio: no server answered (Connection refused); devices will appear "
+            "when one starts\n");
+  EXPECT_NE(result.out.find("\"finished\":true"), std::string::npos) << result.out;
+}
+
 }  // namespace
 }  // namespace harkwell::testing

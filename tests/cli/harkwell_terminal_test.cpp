@@ -57,8 +57,18 @@ TEST_F(HarkwellTerminal, ColoursAppearOnATerminal) {
   const TemporaryFile scenario(kHostileScenario);
   const auto result = RunOnTerminal({"list", "--scenario", scenario.path()});
   ASSERT_EQ(result.status, 0) << result.out << result.err;
-  EXPECT_NE(result.out.find("\x1b[1mID"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("\x1b[1mTYPE"), std::string::npos) << result.out;
   EXPECT_NE(result.out.find("\x1b[32m*"), std::string::npos) << result.out;
+}
+
+TEST_F(HarkwellTerminal, TheRunningMarkIsExplainedOnATerminalOnly) {
+  const TemporaryFile scenario(kHostileScenario);
+  const auto terminal = RunOnTerminal({"list", "--scenario", scenario.path()}, {{"NO_COLOR", "1"}});
+  ASSERT_EQ(terminal.status, 0) << terminal.out;
+  EXPECT_NE(terminal.out.find("* running"), std::string::npos) << terminal.out;
+  const auto pipe = RunHarkwell({"list", "--scenario", scenario.path()});
+  ASSERT_EQ(pipe.status, 0) << pipe.err;
+  EXPECT_EQ(pipe.out.find("* running"), std::string::npos) << pipe.out;
 }
 
 TEST_F(HarkwellTerminal, NoColoursInAPipe) {

@@ -68,6 +68,8 @@ std::string_view ActionName(HogAction action) {
 }  // namespace
 
 int RunHog(const Options& options, CommandContext& context) {
+  std::optional<StopSignals> holdSignals;
+  if (options.hold) holdSignals.emplace();
   auto setup = InstallServices(options.services);
   if (!setup.services) {
     context.err.writeLine("harkwell: " + setup.error);
@@ -116,7 +118,9 @@ int RunHog(const Options& options, CommandContext& context) {
                           " exclusive access to " + EscapeForTerminal(device.name));
     return 1;
   }
-  if (options.hogAction == HogAction::On) HoldWhileAsked(options, device, context);
+  if (options.hogAction == HogAction::On) {
+    HoldWhileAsked(options, device, context, holdSignals ? &*holdSignals : nullptr);
+  }
   ReleaseServices();
   return 0;
 }

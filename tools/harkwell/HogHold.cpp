@@ -7,18 +7,17 @@
 #include "tools/harkwell/QueueBarrier.h"
 #include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/TerminalText.h"
-#include "tools/harkwell/WatchLoop.h"
 
 namespace harkwell::cli {
 
-void HoldWhileAsked(const Options& options, const MediaDevice& device, CommandContext& context) {
+void HoldWhileAsked(const Options& options, const MediaDevice& device, CommandContext& context,
+                    const StopSignals* signals) {
   const std::string name = EscapeForTerminal(device.name);
-  if (!options.hold) {
+  if (!options.hold || signals == nullptr) {
     context.err.writeLine("harkwell: the hold on " + name +
                           " ends when harkwell exits, which is now (--hold keeps it)");
     return;
   }
-  const StopSignals signals;
   const StopRequest stop;
   // Nothing is queued while holding; the loop only needs a barrier to wait for.
   QueueBarrier barrier(DispatchQueue::createSerial("com.harkwell.cli.hold"));
@@ -35,7 +34,7 @@ void HoldWhileAsked(const Options& options, const MediaDevice& device, CommandCo
   context.err.writeLine("harkwell: holding " + name + length + "; press Ctrl-C to let go");
   // A closed stdout ends the hold in the loop's poll rather than killing the program.
   signal(SIGPIPE, SIG_IGN);
-  RunWatchLoop(WatchLoopSettings{.signals = signals,
+  RunWatchLoop(WatchLoopSettings{.signals = *signals,
                                  .stop = stop,
                                  .outputFd = context.out.fd(),
                                  .deadline = deadline,

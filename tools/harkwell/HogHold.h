@@ -6,9 +6,13 @@
 
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "tools/harkwell/Commands.h"
+#include "tools/harkwell/WatchLoop.h"
 
 namespace harkwell::cli {
 
-void HoldWhileAsked(const Options& options, const MediaDevice& device, CommandContext& context);
+// `signals` is installed by the caller before it prints that it holds the device, so a Ctrl-C
+// that follows the printed line ends the hold cleanly; null unless options.hold.
+void HoldWhileAsked(const Options& options, const MediaDevice& device, CommandContext& context,
+                    const StopSignals* signals);
 
 }  // namespace harkwell::cli
