@@ -2,7 +2,8 @@
 //   BM_SimulatedChangeToClient  a simulated microphone starts or stops; the time until the
 //                               client's ChangedRunning callback has run (service listener, queue
 //                               hop, the observer's re-read through the seam, the controller).
-//   BM_BareCallback             its baseline: calling a client callback directly.
+//   BM_ThreadHandOffRoundTrip   its baseline: a bare round trip between two threads through a
+//                               mutex and condition variable, the floor of any such delivery.
 //   BM_SwitchOnToDiscoveryEnd   with the PulseAudio service already connected to a private
 //                               daemon, switching observation on until the initial discovery's
 //                               closing bracket.
@@ -22,6 +23,7 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
+#include "bench/ThreadHandOff.h"
 #include "tests/support/ScopedHardwareServices.h"
 #ifdef HARKWELL_HAVE_PULSEAUDIO
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
@@ -116,19 +118,8 @@ void BM_SimulatedChangeToClient(benchmark::State& state) {
 }
 BENCHMARK(BM_SimulatedChangeToClient)->UseRealTime();
 
-void BM_BareCallback(benchmark::State& state) {
-  MediaDevice device;
-  std::uint64_t calls = 0;
-  std::function<void(MediaDeviceEvent, const MediaDevice&)> callback =
-      [&calls](MediaDeviceEvent, const MediaDevice&) { ++calls; };
-  benchmark::DoNotOptimize(callback);
-  for (auto _ : state) {
-    callback(MediaDeviceEvent::ChangedRunning, device);
-    benchmark::ClobberMemory();
-  }
-  benchmark::DoNotOptimize(calls);
-}
-BENCHMARK(BM_BareCallback);
+using bench::BM_ThreadHandOffRoundTrip;
+BENCHMARK(BM_ThreadHandOffRoundTrip)->UseRealTime();
 
 #ifdef HARKWELL_HAVE_PULSEAUDIO
 using testing::ChildProcess;

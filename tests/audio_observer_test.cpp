@@ -178,7 +178,7 @@ TEST_F(AudioObserverTest, RefusedConnectedDevicesRegistrationLeavesTheFieldAbsen
                                      .status = -50});
 
   observer->startObservingConnectedDevices();
-  EXPECT_FALSE(observer->isObservingConnectedDevices());
+  EXPECT_FALSE(observer->isObservingConnectedDevicesForTesting());
   EXPECT_THAT(log.lines(), ElementsAre("Audio Error -50: Unable to register for property changes "
                                        "of device with ID 1"));
 
@@ -203,7 +203,7 @@ TEST_F(AudioObserverTest, StartingConnectedDevicesTwiceKeepsTheSecondRecordOnly)
   const auto removes = CallsOfKind(audio->calls(), SimulatedCallKind::RemovePropertyListener);
   ASSERT_EQ(removes.size(), 1u);
   EXPECT_EQ(removes[0].closure, adds[1].closure);
-  EXPECT_FALSE(observer->isObservingConnectedDevices());
+  EXPECT_FALSE(observer->isObservingConnectedDevicesForTesting());
   EXPECT_EQ(audio->listenerCount(kAudioObjectSystemObject, kDevices), 1u);
 }
 
@@ -211,10 +211,10 @@ TEST_F(AudioObserverTest, StoppingConnectedDevicesForgetsTheRecordEvenWhenRemova
   audio->setListenerMatching(ListenerMatching::ByBlockIdentity);
   auto observer = MakeObserver();
   observer->startObservingConnectedDevices();
-  ASSERT_TRUE(observer->isObservingConnectedDevices());
+  ASSERT_TRUE(observer->isObservingConnectedDevicesForTesting());
 
   observer->stopObservingConnectedDevices();
-  EXPECT_FALSE(observer->isObservingConnectedDevices());
+  EXPECT_FALSE(observer->isObservingConnectedDevicesForTesting());
   EXPECT_THAT(log.lines(), ElementsAre("Audio Error 2003332927: Unable to unregister for property "
                                        "changes of device with ID 1"));
 }
@@ -228,15 +228,15 @@ TEST_F(AudioObserverTest, StartingPropertiesTwiceLeavesOneRecordPerMap) {
   observer->startObservingPropertiesForDeviceID(kMic);
   observer->startObservingPropertiesForDeviceID(kMic);
 
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 1u);
-  EXPECT_EQ(observer->deviceSelectedInputSourceObserverCount(), 1u);
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 1u);
+  EXPECT_EQ(observer->deviceSelectedInputSourceObserverCountForTesting(), 1u);
   // The replaced records' listeners stay registered.
   EXPECT_EQ(audio->listenerCount(kMic, kRunning), 2u);
   EXPECT_EQ(audio->listenerCount(kMic, kDataSource), 2u);
 
   observer->stopObservingPropertiesForDeviceID(kMic);
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 0u);
-  EXPECT_EQ(observer->deviceSelectedInputSourceObserverCount(), 0u);
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 0u);
+  EXPECT_EQ(observer->deviceSelectedInputSourceObserverCountForTesting(), 0u);
   EXPECT_EQ(audio->listenerCount(kMic, kRunning), 1u);
   EXPECT_EQ(audio->listenerCount(kMic, kDataSource), 1u);
 
@@ -272,7 +272,7 @@ TEST_F(AudioObserverTest, StartRegistersRunningThenInputSourceThenReadsTheTransp
 }
 
 TEST_F(AudioObserverTest, OnlyABluetoothDeviceGetsAPollingHandler) {
-  MainRunLoop::shared().useManualClock();
+  MainRunLoop::shared().useManualClockForTesting();
   const std::pair<ObjectID, std::uint32_t> devices[] = {
       {kHeadset, kAudioDeviceTransportTypeBluetooth},
       {81, kAudioDeviceTransportTypeBluetoothLE},
@@ -284,19 +284,19 @@ TEST_F(AudioObserverTest, OnlyABluetoothDeviceGetsAPollingHandler) {
 
   for (const auto& [id, transport] : devices) observer->startObservingPropertiesForDeviceID(id);
   EXPECT_THAT(observer->pollingCalls(), ElementsAre("add 80"));
-  EXPECT_EQ(observer->pollingHandlerCount(), 1u);
-  EXPECT_NE(observer->devicePropertiesPollingTimer(), nullptr);
+  EXPECT_EQ(observer->pollingHandlerCountForTesting(), 1u);
+  EXPECT_NE(observer->devicePropertiesPollingTimerForTesting(), nullptr);
 
   // Stopping any device removes its polling handler, whatever its transport.
   for (const auto& [id, transport] : devices) observer->stopObservingPropertiesForDeviceID(id);
   EXPECT_THAT(observer->pollingCalls(),
               ElementsAre("add 80", "remove 80", "remove 81", "remove 82", "remove 83"));
-  EXPECT_EQ(observer->pollingHandlerCount(), 0u);
-  EXPECT_EQ(observer->devicePropertiesPollingTimer(), nullptr);
+  EXPECT_EQ(observer->pollingHandlerCountForTesting(), 0u);
+  EXPECT_EQ(observer->devicePropertiesPollingTimerForTesting(), nullptr);
 }
 
 TEST_F(AudioObserverTest, StopAllVisitsOnlyDevicesWithARunningStateRecord) {
-  MainRunLoop::shared().useManualClock();
+  MainRunLoop::shared().useManualClockForTesting();
   audio->addDevice(Device(kMic));
   audio->addDevice(Device(kHeadset, kAudioDeviceTransportTypeBluetooth));
   auto observer = MakeObserver();
@@ -307,27 +307,27 @@ TEST_F(AudioObserverTest, StopAllVisitsOnlyDevicesWithARunningStateRecord) {
                                      .status = -50});
   observer->startObservingPropertiesForDeviceID(kMic);
   observer->startObservingPropertiesForDeviceID(kHeadset);
-  ASSERT_EQ(observer->deviceIsRunningObserverCount(), 1u);
-  ASSERT_EQ(observer->deviceSelectedInputSourceObserverCount(), 2u);
-  ASSERT_EQ(observer->pollingHandlerCount(), 1u);
+  ASSERT_EQ(observer->deviceIsRunningObserverCountForTesting(), 1u);
+  ASSERT_EQ(observer->deviceSelectedInputSourceObserverCountForTesting(), 2u);
+  ASSERT_EQ(observer->pollingHandlerCountForTesting(), 1u);
 
   observer->stopObservingPropertiesForAllDevices();
 
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 0u);
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 0u);
   EXPECT_EQ(audio->listenerCount(kMic, kRunning), 0u);
   EXPECT_EQ(audio->listenerCount(kMic, kDataSource), 0u);
   // The headset was not visited.
-  EXPECT_EQ(observer->deviceSelectedInputSourceObserverCount(), 1u);
+  EXPECT_EQ(observer->deviceSelectedInputSourceObserverCountForTesting(), 1u);
   EXPECT_EQ(audio->listenerCount(kHeadset, kDataSource), 1u);
-  EXPECT_EQ(observer->pollingHandlerCount(), 1u);
+  EXPECT_EQ(observer->pollingHandlerCountForTesting(), 1u);
 
   observer->stopObservingPropertiesForDeviceID(kHeadset);
-  EXPECT_EQ(observer->pollingHandlerCount(), 0u);
+  EXPECT_EQ(observer->pollingHandlerCountForTesting(), 0u);
   EXPECT_EQ(audio->listenerCount(), 0u);
 }
 
 TEST_F(AudioObserverTest, TeardownRemovesEveryListenerItRegistered) {
-  MainRunLoop::shared().useManualClock();
+  MainRunLoop::shared().useManualClockForTesting();
   audio->addDevice(Device(kMic));
   audio->addDevice(Device(kHeadset, kAudioDeviceTransportTypeBluetooth));
   {
@@ -384,18 +384,18 @@ TEST_F(AudioObserverTest, ReportsConnectsRunningInputSourceAndDisconnectsOnItsQu
 }
 
 TEST_F(AudioObserverTest, BluetoothRunningStateIsPolledOnTheTimer) {
-  MainRunLoop::shared().useManualClock();
+  MainRunLoop::shared().useManualClockForTesting();
   audio->addDevice(Device(kHeadset, kAudioDeviceTransportTypeBluetooth));
   auto observer = MakeObserver();
   observer->startObservingPropertiesForDeviceID(kHeadset);
-  ASSERT_NE(observer->devicePropertiesPollingTimer(), nullptr);
+  ASSERT_NE(observer->devicePropertiesPollingTimerForTesting(), nullptr);
 
   // The device starts without telling its listeners; only the poll can see it.
   audio->setProperty(kHeadset, kRunning, SimulatedPropertyValue::UInt32(1), /*notify=*/false);
   RunMainLoopOnce();
   EXPECT_EQ(events.size(), 0u);
 
-  MainRunLoop::shared().advanceManualClock(5s);
+  MainRunLoop::shared().advanceManualClockForTesting(5s);
   ASSERT_TRUE(MainRunLoop::shared().runUntil([&] { return events.size() >= 1; }, 10s));
   DrainQueue(queue);
   ASSERT_EQ(events.size(), 1u);
@@ -404,16 +404,16 @@ TEST_F(AudioObserverTest, BluetoothRunningStateIsPolledOnTheTimer) {
   EXPECT_TRUE(events.entries()[0].onQueue);
 
   // A poll that reads the cached state again sends nothing.
-  MainRunLoop::shared().advanceManualClock(5s);
+  MainRunLoop::shared().advanceManualClockForTesting(5s);
   RunMainLoopOnce();
   EXPECT_EQ(events.size(), 1u);
 
   observer->stopObservingPropertiesForDeviceID(kHeadset);
-  EXPECT_EQ(observer->devicePropertiesPollingTimer(), nullptr);
+  EXPECT_EQ(observer->devicePropertiesPollingTimerForTesting(), nullptr);
 }
 
 TEST_F(AudioObserverTest, FailedPollReadCountsAsAChange) {
-  MainRunLoop::shared().useManualClock();
+  MainRunLoop::shared().useManualClockForTesting();
   audio->addDevice(Device(kHeadset, kAudioDeviceTransportTypeBluetooth));
   auto observer = MakeObserver();
   observer->startObservingPropertiesForDeviceID(kHeadset);
@@ -422,7 +422,7 @@ TEST_F(AudioObserverTest, FailedPollReadCountsAsAChange) {
                                      .selector = kAudioDevicePropertyDeviceIsRunningSomewhere,
                                      .status = -50});
 
-  MainRunLoop::shared().advanceManualClock(5s);
+  MainRunLoop::shared().advanceManualClockForTesting(5s);
   ASSERT_TRUE(MainRunLoop::shared().runUntil([&] { return events.size() >= 1; }, 10s));
   EXPECT_EQ(events.entries()[0].event, MediaDeviceEvent::ChangedRunning);
   EXPECT_FALSE(events.entries()[0].device.isRunning);
@@ -430,18 +430,18 @@ TEST_F(AudioObserverTest, FailedPollReadCountsAsAChange) {
 }
 
 TEST_F(AudioObserverTest, BluetoothLEDeviceIsNotPolled) {
-  MainRunLoop::shared().useManualClock();
-  const std::size_t timersBefore = MainRunLoop::shared().scheduledTimerCount();
+  MainRunLoop::shared().useManualClockForTesting();
+  const std::size_t timersBefore = MainRunLoop::shared().scheduledTimerCountForTesting();
   audio->addDevice(Device(81, kAudioDeviceTransportTypeBluetoothLE));
   auto observer = MakeObserver();
   observer->startObservingPropertiesForDeviceID(81);
-  EXPECT_EQ(observer->pollingHandlerCount(), 0u);
-  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCount(), timersBefore);
+  EXPECT_EQ(observer->pollingHandlerCountForTesting(), 0u);
+  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCountForTesting(), timersBefore);
 
   audio->setProperty(81, kRunning, SimulatedPropertyValue::UInt32(1), /*notify=*/false);
-  MainRunLoop::shared().advanceManualClock(5s);
+  MainRunLoop::shared().advanceManualClockForTesting(5s);
   RunMainLoopOnce();
-  MainRunLoop::shared().advanceManualClock(5s);
+  MainRunLoop::shared().advanceManualClockForTesting(5s);
   RunMainLoopOnce();
   EXPECT_EQ(events.size(), 0u);
   EXPECT_EQ(observer->cachedDeviceForDeviceID(81)->isRunning, false);

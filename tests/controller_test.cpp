@@ -130,12 +130,12 @@ TEST_F(ControllerTest, WritingTrueTwiceMakesOnePairOfObserversAndOneDiscovery) {
   audio->addDevice(Microphone(10, "mic"));
   controller_ = makeController();
   controller_->setObserveDevices(true);
-  auto audioObserver = controller_->audioDeviceObserver();
-  auto videoObserver = controller_->videoDeviceObserver();
+  auto audioObserver = controller_->audioDeviceObserverForTesting();
+  auto videoObserver = controller_->videoDeviceObserverForTesting();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  EXPECT_EQ(controller_->audioDeviceObserver(), audioObserver);
-  EXPECT_EQ(controller_->videoDeviceObserver(), videoObserver);
+  EXPECT_EQ(controller_->audioDeviceObserverForTesting(), audioObserver);
+  EXPECT_EQ(controller_->videoDeviceObserverForTesting(), videoObserver);
   EXPECT_EQ(timeline(), (std::vector<std::string>{"[", "InitialDiscovery mic", "]"}));
 }
 
@@ -143,7 +143,7 @@ TEST_F(ControllerTest, WritingFalseWhileIdleTouchesNoObserver) {
   controller_ = makeController();
   controller_->setObserveDevices(false);
   DrainQueue(queue_);
-  EXPECT_FALSE(controller_->audioDeviceObserver());
+  EXPECT_FALSE(controller_->audioDeviceObserverForTesting());
   EXPECT_TRUE(audio->calls().empty());
   EXPECT_TRUE(video->calls().empty());
   EXPECT_EQ(seen_.size(), 0u);
@@ -155,12 +155,12 @@ TEST_F(ControllerTest, TrueFalseTrueMakesNewObserversAndRepeatsTheDiscovery) {
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  std::weak_ptr<AudioDeviceObserver> firstAudio = controller_->audioDeviceObserver();
+  std::weak_ptr<AudioDeviceObserver> firstAudio = controller_->audioDeviceObserverForTesting();
   controller_->setObserveDevices(false);
-  EXPECT_FALSE(controller_->audioDeviceObserver());
+  EXPECT_FALSE(controller_->audioDeviceObserverForTesting());
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  EXPECT_NE(controller_->audioDeviceObserver(), firstAudio.lock());
+  EXPECT_NE(controller_->audioDeviceObserverForTesting(), firstAudio.lock());
   EXPECT_EQ(timeline(),
             (std::vector<std::string>{"[", "InitialDiscovery mic", "InitialDiscovery cam", "]", "[",
                                       "InitialDiscovery mic", "InitialDiscovery cam", "]"}));
@@ -330,7 +330,7 @@ TEST_F(ControllerTest, SwitchingOffBeforeTheDiscoveryRanDoesNotCancelIt) {
   queue_->async([opened = gate.get_future().share()] { opened.wait(); });
   controller_->setObserveDevices(true);
   controller_->setObserveDevices(false);
-  EXPECT_FALSE(controller_->audioDeviceObserver());
+  EXPECT_FALSE(controller_->audioDeviceObserverForTesting());
   gate.set_value();
   DrainQueue(queue_);
   EXPECT_EQ(timeline(),
@@ -346,14 +346,14 @@ TEST_F(ControllerTest, StopClearsOnlyTheEventCallbackOfEachObserver) {
   controller_ = makeController();
   controller_->setObserveDevices(true);
   DrainQueue(queue_);
-  auto audioObserver = controller_->audioDeviceObserver();
-  auto videoObserver = controller_->videoDeviceObserver();
+  auto audioObserver = controller_->audioDeviceObserverForTesting();
+  auto videoObserver = controller_->videoDeviceObserverForTesting();
   controller_->setObserveDevices(false);
   EXPECT_FALSE(audioObserver->deviceEventHandler());
   EXPECT_TRUE(audioObserver->updatingDevicesHandler());
   EXPECT_FALSE(videoObserver->deviceEventHandler());
   EXPECT_TRUE(videoObserver->updatingDevicesHandler());
-  EXPECT_FALSE(audioObserver->isObservingConnectedDevices());
+  EXPECT_FALSE(audioObserver->isObservingConnectedDevicesForTesting());
   // The updating forwarder still owns the controller until these observers go.
   audioObserver->setUpdatingDevicesHandler(nullptr);
   videoObserver->setUpdatingDevicesHandler(nullptr);
@@ -383,7 +383,7 @@ TEST_F(ControllerTest, EventForwarderUsedAfterTheControllerIsGoneStopsTheProgram
   auto controller = makeController();
   controller->setObserveDevices(true);
   DrainQueue(queue_);
-  auto observer = controller->audioDeviceObserver();
+  auto observer = controller->audioDeviceObserverForTesting();
   const auto forwarder = observer->deviceEventHandler();
   ASSERT_TRUE(forwarder);
   controller->setObserveDevices(false);

@@ -160,22 +160,22 @@ TEST(MainRunLoop, RealTimerFiresOnTheMainThread) {
 
 TEST(MainRunLoop, ManualClockFiresOnlyWhenMovedAndSkipsMissedFirings) {
   auto& loop = MainRunLoop::shared();
-  loop.useManualClock();
+  loop.useManualClockForTesting();
   int firings = 0;
   auto timer = loop.scheduleRepeatingTimer(5.0, 1.0, [&] { firings++; });
   loop.performDueWork();
   EXPECT_EQ(firings, 0);
-  loop.advanceManualClock(5s);
+  loop.advanceManualClockForTesting(5s);
   loop.performDueWork();
   EXPECT_EQ(firings, 1);
-  loop.advanceManualClock(23s);  // four periods pass; like a run-loop timer it fires once
+  loop.advanceManualClockForTesting(23s);  // four periods pass; like a run-loop timer it fires once
   loop.performDueWork();
   EXPECT_EQ(firings, 2);
   timer->invalidate();
-  loop.advanceManualClock(10s);
+  loop.advanceManualClockForTesting(10s);
   loop.performDueWork();
   EXPECT_EQ(firings, 2);
-  loop.useSystemClock();
+  loop.useSystemClockForTesting();
 }
 
 TEST(MainRunLoop, InvalidationReleasesTheAction) {
@@ -187,7 +187,7 @@ TEST(MainRunLoop, InvalidationReleasesTheAction) {
   EXPECT_FALSE(weak.expired());
   timer->invalidate();
   EXPECT_TRUE(weak.expired());
-  EXPECT_EQ(loop.scheduledTimerCount(), 0u);
+  EXPECT_EQ(loop.scheduledTimerCountForTesting(), 0u);
 }
 
 TEST(SystemLogSink, InstalledSinkReceivesLinesUnalteredAndIsRestored) {

@@ -24,12 +24,12 @@ using testing::ScriptedDeviceObserver;
 
 class PollingTimerTest : public ::testing::Test {
  protected:
-  void SetUp() override { loop().useManualClock(); }
+  void SetUp() override { loop().useManualClockForTesting(); }
   void TearDown() override {
     observer_.reset();
     DrainQueue(queue_);
-    loop().useSystemClock();
-    EXPECT_EQ(loop().scheduledTimerCount(), 0u) << "a test left a timer behind";
+    loop().useSystemClockForTesting();
+    EXPECT_EQ(loop().scheduledTimerCountForTesting(), 0u) << "a test left a timer behind";
   }
 
   static MainRunLoop& loop() { return MainRunLoop::shared(); }
@@ -37,7 +37,7 @@ class PollingTimerTest : public ::testing::Test {
   // Moves the clock and lets the main thread fire what is due, then lets the queue run the
   // passes the firings queued.
   void advance(std::chrono::nanoseconds delta) {
-    loop().advanceManualClock(delta);
+    loop().advanceManualClockForTesting(delta);
     loop().performDueWork();
     DrainQueue(queue_);
   }
@@ -49,17 +49,17 @@ class PollingTimerTest : public ::testing::Test {
 };
 
 TEST_F(PollingTimerTest, FirstAddSchedulesOneTimerAndASecondDeviceAddsNone) {
-  EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
+  EXPECT_FALSE(observer_->devicePropertiesPollingTimerForTesting());
   observer_->addPollingHandlerForDeviceID(1, [] {});
-  auto timer = observer_->devicePropertiesPollingTimer();
+  auto timer = observer_->devicePropertiesPollingTimerForTesting();
   ASSERT_TRUE(timer);
-  EXPECT_EQ(loop().scheduledTimerCount(), 1u);
+  EXPECT_EQ(loop().scheduledTimerCountForTesting(), 1u);
   EXPECT_EQ(timer->interval(), 5.0);
   EXPECT_EQ(timer->tolerance(), 1.0);
 
   observer_->addPollingHandlerForDeviceID(2, [] {});
-  EXPECT_EQ(observer_->devicePropertiesPollingTimer(), timer);
-  EXPECT_EQ(loop().scheduledTimerCount(), 1u);
+  EXPECT_EQ(observer_->devicePropertiesPollingTimerForTesting(), timer);
+  EXPECT_EQ(loop().scheduledTimerCountForTesting(), 1u);
 
   observer_->removePollingHandlerForDeviceID(1);
   observer_->removePollingHandlerForDeviceID(2);
@@ -78,10 +78,10 @@ TEST_F(PollingTimerTest, FirstFiringComesOneIntervalAfterCreation) {
 
 TEST_F(PollingTimerTest, SecondAddForTheSameDeviceReplacesTheFirstAndKeepsTheTimer) {
   observer_->addPollingHandlerForDeviceID(1, [this] { calls_.append("first"); });
-  auto timer = observer_->devicePropertiesPollingTimer();
+  auto timer = observer_->devicePropertiesPollingTimerForTesting();
   observer_->addPollingHandlerForDeviceID(1, [this] { calls_.append("second"); });
-  EXPECT_EQ(observer_->pollingHandlerCount(), 1u);
-  EXPECT_EQ(observer_->devicePropertiesPollingTimer(), timer);
+  EXPECT_EQ(observer_->pollingHandlerCountForTesting(), 1u);
+  EXPECT_EQ(observer_->devicePropertiesPollingTimerForTesting(), timer);
   advance(5s);
   advance(5s);
   EXPECT_EQ(calls_.entries(), (std::vector<std::string>{"second", "second"}));
@@ -91,21 +91,21 @@ TEST_F(PollingTimerTest, SecondAddForTheSameDeviceReplacesTheFirstAndKeepsTheTim
 TEST_F(PollingTimerTest, RemovingOneOfTwoKeepsTheTimerAndRemovingTheOtherInvalidatesIt) {
   observer_->addPollingHandlerForDeviceID(1, [] {});
   observer_->addPollingHandlerForDeviceID(2, [] {});
-  auto timer = observer_->devicePropertiesPollingTimer();
+  auto timer = observer_->devicePropertiesPollingTimerForTesting();
   observer_->removePollingHandlerForDeviceID(1);
   EXPECT_TRUE(timer->isValid());
-  EXPECT_EQ(observer_->devicePropertiesPollingTimer(), timer);
+  EXPECT_EQ(observer_->devicePropertiesPollingTimerForTesting(), timer);
   observer_->removePollingHandlerForDeviceID(2);
   EXPECT_FALSE(timer->isValid());
-  EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
-  EXPECT_EQ(loop().scheduledTimerCount(), 0u);
+  EXPECT_FALSE(observer_->devicePropertiesPollingTimerForTesting());
+  EXPECT_EQ(loop().scheduledTimerCountForTesting(), 0u);
 }
 
 TEST_F(PollingTimerTest, RemovingAnUnregisteredDeviceChangesNothing) {
   observer_->addPollingHandlerForDeviceID(1, [this] { calls_.append("poll"); });
-  auto timer = observer_->devicePropertiesPollingTimer();
+  auto timer = observer_->devicePropertiesPollingTimerForTesting();
   observer_->removePollingHandlerForDeviceID(99);
-  EXPECT_EQ(observer_->pollingHandlerCount(), 1u);
+  EXPECT_EQ(observer_->pollingHandlerCountForTesting(), 1u);
   EXPECT_TRUE(timer->isValid());
   advance(5s);
   EXPECT_EQ(calls_.size(), 1u);
@@ -114,7 +114,7 @@ TEST_F(PollingTimerTest, RemovingAnUnregisteredDeviceChangesNothing) {
 
 TEST_F(PollingTimerTest, RemoveOnAnotherThreadReturnsOnlyAfterTheMainThreadInvalidated) {
   observer_->addPollingHandlerForDeviceID(1, [] {});
-  auto timer = observer_->devicePropertiesPollingTimer();
+  auto timer = observer_->devicePropertiesPollingTimerForTesting();
   std::atomic<bool> returned{false};
   std::atomic<bool> invalidWhenReturned{false};
   std::thread remover([&] {
@@ -126,7 +126,7 @@ TEST_F(PollingTimerTest, RemoveOnAnotherThreadReturnsOnlyAfterTheMainThreadInval
   EXPECT_TRUE(loop().runUntil([&] { return returned.load(); }, 10s));
   remover.join();
   EXPECT_TRUE(invalidWhenReturned);
-  EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
+  EXPECT_FALSE(observer_->devicePropertiesPollingTimerForTesting());
 }
 
 TEST_F(PollingTimerTest, HandlersRunOnTheEventHandlerQueue) {
@@ -150,15 +150,15 @@ TEST_F(PollingTimerTest, HandlerThatRemovesItselfDoesNotStopTheOthers) {
     observer_->removePollingHandlerForDeviceID(2);
   });
   observer_->addPollingHandlerForDeviceID(3, [this] { calls_.append("three"); });
-  loop().advanceManualClock(5s);
+  loop().advanceManualClockForTesting(5s);
   loop().performDueWork();
   queue_->async([&] { passes++; });
   ASSERT_TRUE(loop().runUntil([&] { return passes.load() == 1; }, 10s));
   auto calls = calls_.entries();
   std::sort(calls.begin(), calls.end());
   EXPECT_EQ(calls, (std::vector<std::string>{"one", "three", "two"}));
-  EXPECT_EQ(observer_->pollingHandlerCount(), 1u);
-  EXPECT_TRUE(observer_->devicePropertiesPollingTimer());
+  EXPECT_EQ(observer_->pollingHandlerCountForTesting(), 1u);
+  EXPECT_TRUE(observer_->devicePropertiesPollingTimerForTesting());
   observer_->removePollingHandlerForDeviceID(3);
 }
 
@@ -172,12 +172,12 @@ TEST_F(PollingTimerTest, RemovingTheLastHandlerInAPassEndsTheFirings) {
     observer_->removePollingHandlerForDeviceID(1);
     removed = true;
   });
-  timer = observer_->devicePropertiesPollingTimer();
+  timer = observer_->devicePropertiesPollingTimerForTesting();
   // Hold the queue so that two firings queue two passes before either runs.
   queue_->async([opened] { opened.wait(); });
-  loop().advanceManualClock(5s);
+  loop().advanceManualClockForTesting(5s);
   loop().performDueWork();
-  loop().advanceManualClock(5s);
+  loop().advanceManualClockForTesting(5s);
   loop().performDueWork();
   gate.set_value();
   ASSERT_TRUE(loop().runUntil([&] { return removed.load(); }, 10s));
@@ -193,9 +193,9 @@ TEST_F(PollingTimerTest, FiringsAreNotCoalesced) {
   std::promise<void> gate;
   observer_->addPollingHandlerForDeviceID(1, [this] { calls_.append("poll"); });
   queue_->async([opened = gate.get_future().share()] { opened.wait(); });
-  loop().advanceManualClock(5s);
+  loop().advanceManualClockForTesting(5s);
   loop().performDueWork();
-  loop().advanceManualClock(5s);
+  loop().advanceManualClockForTesting(5s);
   loop().performDueWork();
   gate.set_value();
   DrainQueue(queue_);
@@ -221,16 +221,16 @@ TEST_F(PollingTimerTest, HandlerAddedDuringAPassIsFirstCalledAtTheNextFiring) {
 
 TEST_F(PollingTimerTest, WithoutHandlersThereIsNoTimerAndNothingFires) {
   // Only the timer starts a polling pass, so with no timer on the loop nothing can fire.
-  EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
-  EXPECT_EQ(loop().scheduledTimerCount(), 0u);
+  EXPECT_FALSE(observer_->devicePropertiesPollingTimerForTesting());
+  EXPECT_EQ(loop().scheduledTimerCountForTesting(), 0u);
 
   // The same holds once the map has been emptied again.
   observer_->addPollingHandlerForDeviceID(1, [] {});
-  ASSERT_EQ(loop().scheduledTimerCount(), 1u);
+  ASSERT_EQ(loop().scheduledTimerCountForTesting(), 1u);
   observer_->removePollingHandlerForDeviceID(1);
   advance(60s);
-  EXPECT_FALSE(observer_->devicePropertiesPollingTimer());
-  EXPECT_EQ(loop().scheduledTimerCount(), 0u);
+  EXPECT_FALSE(observer_->devicePropertiesPollingTimerForTesting());
+  EXPECT_EQ(loop().scheduledTimerCountForTesting(), 0u);
 }
 
 TEST_F(PollingTimerTest, ObserverWithALiveTimerIsNotTornDown) {

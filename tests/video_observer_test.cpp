@@ -137,20 +137,20 @@ TEST_F(VideoObserverTest, StoppingOneDeviceKeepsItsEntryAndStoppingAllEmptiesThe
   auto observer = MakeObserver();
   observer->startObservingPropertiesForDeviceID(kCamera);
   observer->startObservingPropertiesForDeviceID(34);
-  ASSERT_EQ(observer->deviceIsRunningObserverCount(), 2u);
+  ASSERT_EQ(observer->deviceIsRunningObserverCountForTesting(), 2u);
 
   observer->stopObservingPropertiesForDeviceID(kCamera);
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 2u);
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 2u);
   EXPECT_EQ(video->listenerCount(kCamera, kRunning), 0u);
   EXPECT_EQ(video->listenerCount(34, kRunning), 1u);
 
   // A later start overwrites the kept entry.
   observer->startObservingPropertiesForDeviceID(kCamera);
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 2u);
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 2u);
   EXPECT_EQ(video->listenerCount(kCamera, kRunning), 1u);
 
   observer->stopObservingPropertiesForAllDevices();
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 0u);
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 0u);
   EXPECT_EQ(video->listenerCount(), 0u);
 }
 
@@ -183,7 +183,7 @@ TEST_F(VideoObserverTest, StartingConnectedObservationTwiceKeepsTheSecondRecord)
   EXPECT_EQ(removes[0].closure, adds[1].closure);
   // The first listener stays registered with the service.
   EXPECT_EQ(video->listenerCount(kCMIOObjectSystemObject, kDevices), 1u);
-  EXPECT_FALSE(observer->isObservingConnectedDevices());
+  EXPECT_FALSE(observer->isObservingConnectedDevicesForTesting());
 }
 
 TEST_F(VideoObserverTest, RefusedRegistrationsStoreNothing) {
@@ -193,8 +193,8 @@ TEST_F(VideoObserverTest, RefusedRegistrationsStoreNothing) {
                                      .status = kCMIOHardwareBadObjectError});
   observer->startObservingConnectedDevices();
   observer->startObservingPropertiesForDeviceID(kCamera);
-  EXPECT_FALSE(observer->isObservingConnectedDevices());
-  EXPECT_EQ(observer->deviceIsRunningObserverCount(), 0u);
+  EXPECT_FALSE(observer->isObservingConnectedDevicesForTesting());
+  EXPECT_EQ(observer->deviceIsRunningObserverCountForTesting(), 0u);
   EXPECT_THAT(log.lines(), IsEmpty());
 
   video->clearCalls();
@@ -206,11 +206,11 @@ TEST_F(VideoObserverTest, RefusedRegistrationsStoreNothing) {
 TEST_F(VideoObserverTest, NoVideoDeviceIsPolledNotEvenBluetooth) {
   video->addDevice(Camera(kCamera, kVideoTransportTypeBluetooth));
   auto observer = MakeObserver();
-  const std::size_t timersBefore = MainRunLoop::shared().scheduledTimerCount();
+  const std::size_t timersBefore = MainRunLoop::shared().scheduledTimerCountForTesting();
   observer->startObservingPropertiesForDeviceID(kCamera);
-  EXPECT_EQ(observer->pollingHandlerCount(), 0u);
-  EXPECT_EQ(observer->devicePropertiesPollingTimer(), nullptr);
-  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCount(), timersBefore);
+  EXPECT_EQ(observer->pollingHandlerCountForTesting(), 0u);
+  EXPECT_EQ(observer->devicePropertiesPollingTimerForTesting(), nullptr);
+  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCountForTesting(), timersBefore);
   // Only the running-state listener is registered.
   EXPECT_EQ(CallsOfKind(video->calls(), SimulatedCallKind::AddPropertyListener).size(), 1u);
 }

@@ -144,17 +144,17 @@ void AudioDeviceObserver::stopObservingPropertiesForAllDevices() {
 
 // --- Inspection ----------------------------------------------------------------------------------
 
-bool AudioDeviceObserver::isObservingConnectedDevices() const {
+bool AudioDeviceObserver::isObservingConnectedDevicesForTesting() const {
   std::lock_guard lock(observersMutex_);
   return _connectedDevicesChangedObserver.has_value();
 }
 
-std::size_t AudioDeviceObserver::deviceIsRunningObserverCount() const {
+std::size_t AudioDeviceObserver::deviceIsRunningObserverCountForTesting() const {
   std::lock_guard lock(observersMutex_);
   return _deviceIsRunningObservers.size();
 }
 
-std::size_t AudioDeviceObserver::deviceSelectedInputSourceObserverCount() const {
+std::size_t AudioDeviceObserver::deviceSelectedInputSourceObserverCountForTesting() const {
   std::lock_guard lock(observersMutex_);
   return _deviceSelectedInputSourceObservers.size();
 }

@@ -45,10 +45,10 @@ class AudioDeviceObserver : public MediaDeviceObserver {
   void stopObservingPropertiesForDeviceID(std::uint32_t deviceID) override;
   void stopObservingPropertiesForAllDevices() override;
 
-  // Inspection for tests and tools.
-  bool isObservingConnectedDevices() const;
-  std::size_t deviceIsRunningObserverCount() const;
-  std::size_t deviceSelectedInputSourceObserverCount() const;
+  // For tests only: what is being observed right now.
+  bool isObservingConnectedDevicesForTesting() const;
+  std::size_t deviceIsRunningObserverCountForTesting() const;
+  std::size_t deviceSelectedInputSourceObserverCountForTesting() const;
 
  protected:
   explicit AudioDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);

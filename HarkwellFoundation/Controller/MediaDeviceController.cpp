@@ -149,20 +149,25 @@ void MediaDeviceController::_handleDeviceEvent(MediaDeviceObserver& observer,
 
 // --- Lists ---------------------------------------------------------------------------------------
 
-std::shared_ptr<AudioDeviceObserver> MediaDeviceController::audioDeviceObserver() const {
+std::pair<std::shared_ptr<AudioDeviceObserver>, std::shared_ptr<VideoDeviceObserver>>
+MediaDeviceController::_currentObservers() const {
   std::lock_guard lock(observersMutex_);
-  return _audioDeviceObserver;
+  return {_audioDeviceObserver, _videoDeviceObserver};
 }
 
-std::shared_ptr<VideoDeviceObserver> MediaDeviceController::videoDeviceObserver() const {
-  std::lock_guard lock(observersMutex_);
-  return _videoDeviceObserver;
+std::shared_ptr<AudioDeviceObserver> MediaDeviceController::audioDeviceObserverForTesting() const {
+  return _currentObservers().first;
+}
+
+std::shared_ptr<VideoDeviceObserver> MediaDeviceController::videoDeviceObserverForTesting() const {
+  return _currentObservers().second;
 }
 
 std::vector<MediaDevice> MediaDeviceController::connectedDevices() const {
   std::vector<MediaDevice> devices;
-  if (auto audio = audioDeviceObserver()) devices = audio->connectedDevices();
-  if (auto video = videoDeviceObserver()) {
+  const auto [audio, video] = _currentObservers();
+  if (audio) devices = audio->connectedDevices();
+  if (video) {
     auto videoDevices = video->connectedDevices();
     devices.insert(devices.end(), videoDevices.begin(), videoDevices.end());
   }

@@ -24,6 +24,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "HarkwellFoundation/Audio/AudioDeviceObserver.h"
@@ -69,9 +70,9 @@ class MediaDeviceController : public std::enable_shared_from_this<MediaDeviceCon
   virtual DeviceEventHandler deviceEventHandler() const;
   virtual void setDeviceEventHandler(DeviceEventHandler handler);
 
-  // The current observers (null while not observing), for tests and tools.
-  std::shared_ptr<AudioDeviceObserver> audioDeviceObserver() const;
-  std::shared_ptr<VideoDeviceObserver> videoDeviceObserver() const;
+  // For tests only: the current observers (null while not observing).
+  std::shared_ptr<AudioDeviceObserver> audioDeviceObserverForTesting() const;
+  std::shared_ptr<VideoDeviceObserver> videoDeviceObserverForTesting() const;
 
  protected:
   explicit MediaDeviceController(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
@@ -83,6 +84,8 @@ class MediaDeviceController : public std::enable_shared_from_this<MediaDeviceCon
                           const MediaDevice& device);
   template <class Observer>
   std::shared_ptr<Observer> _makeObserver();
+  std::pair<std::shared_ptr<AudioDeviceObserver>, std::shared_ptr<VideoDeviceObserver>>
+  _currentObservers() const;
 
   const std::shared_ptr<DispatchQueue> deviceEventHandlerQueue_;
   std::atomic<bool> observeDevices_{false};

@@ -259,12 +259,12 @@ void MediaDeviceObserver::_runPollingHandlers() {
   for (const auto& handler : snapshot) (*handler)();
 }
 
-std::shared_ptr<RunLoopTimer> MediaDeviceObserver::devicePropertiesPollingTimer() const {
+std::shared_ptr<RunLoopTimer> MediaDeviceObserver::devicePropertiesPollingTimerForTesting() const {
   std::lock_guard lock(pollingMutex_);
   return _devicePropertiesPollingTimer;
 }
 
-std::size_t MediaDeviceObserver::pollingHandlerCount() const {
+std::size_t MediaDeviceObserver::pollingHandlerCountForTesting() const {
   std::lock_guard lock(pollingMutex_);
   return _devicePropertiesPollingHandlers.size();
 }

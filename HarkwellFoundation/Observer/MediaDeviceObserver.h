@@ -107,9 +107,10 @@ class MediaDeviceObserver : public std::enable_shared_from_this<MediaDeviceObser
   virtual void stopObservingPropertiesForDeviceID(std::uint32_t deviceID);
   virtual void stopObservingPropertiesForAllDevices();
 
-  // The scheduled polling timer, or null when no handler is registered (for tests and tools).
-  std::shared_ptr<RunLoopTimer> devicePropertiesPollingTimer() const;
-  std::size_t pollingHandlerCount() const;
+  // For tests only: the scheduled polling timer (null when no handler is registered) and how many
+  // polling handlers are registered.
+  std::shared_ptr<RunLoopTimer> devicePropertiesPollingTimerForTesting() const;
+  std::size_t pollingHandlerCountForTesting() const;
 
  protected:
   explicit MediaDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 
@@ -30,16 +31,20 @@ class RunLoopTimer {
   virtual void invalidate() = 0;
 };
 
+class RunLoopTimerTable;
+
 class MainRunLoop {
  public:
   static MainRunLoop& shared();
 
-  virtual ~MainRunLoop() = default;
+  MainRunLoop(const MainRunLoop&) = delete;
+  MainRunLoop& operator=(const MainRunLoop&) = delete;
+  virtual ~MainRunLoop();
 
   // A repeating timer whose first firing comes one interval from now; its action runs on the main
   // thread at every firing until the timer is invalidated.
-  virtual std::shared_ptr<RunLoopTimer> scheduleRepeatingTimer(double interval, double tolerance,
-                                                               std::function<void()> action) = 0;
+  std::shared_ptr<RunLoopTimer> scheduleRepeatingTimer(double interval, double tolerance,
+                                                       std::function<void()> action);
 
   virtual void run() = 0;
   // Makes run() return; any thread may call it.
@@ -52,13 +57,27 @@ class MainRunLoop {
   // Runs the main queue's waiting work and fires the timers that are due; never blocks.
   virtual void performDueWork() = 0;
 
-  // Tests drive the loop's clock: after useManualClock() time stands still until
-  // advanceManualClock() moves it, and timers fire by that clock. useSystemClock() goes back.
-  virtual void useManualClock() = 0;
-  virtual void advanceManualClock(std::chrono::nanoseconds delta) = 0;
-  virtual void useSystemClock() = 0;
+  // For tests only: they drive the timers' clock. After useManualClockForTesting() time stands
+  // still until advanceManualClockForTesting() moves it, and timers fire by that clock alone;
+  // useSystemClockForTesting() goes back, keeping each timer's remaining time. Any thread.
+  void useManualClockForTesting();
+  void advanceManualClockForTesting(std::chrono::nanoseconds delta);
+  void useSystemClockForTesting();
   // How many valid timers are scheduled.
-  virtual std::size_t scheduledTimerCount() const = 0;
+  std::size_t scheduledTimerCountForTesting() const;
+
+ protected:
+  MainRunLoop();
+
+  // The loop's timers and their clock, the same on every platform.
+  RunLoopTimerTable& timers() const { return *timers_; }
+  // Any thread, never under a lock of the table: a timer was added or the clock changed, so the
+  // next fire date may have moved. The platform wakes its loop, which then fires what is due and
+  // waits for timers().nextSystemWakeUp().
+  virtual void timersChanged() = 0;
+
+ private:
+  const std::unique_ptr<RunLoopTimerTable> timers_;
 };
 
 }  // namespace harkwell

@@ -110,12 +110,12 @@ void VideoDeviceObserver::stopObservingPropertiesForAllDevices() {
 
 // --- Inspection ----------------------------------------------------------------------------------
 
-bool VideoDeviceObserver::isObservingConnectedDevices() const {
+bool VideoDeviceObserver::isObservingConnectedDevicesForTesting() const {
   std::lock_guard lock(observersMutex_);
   return _connectedDevicesChangedObserver.has_value();
 }
 
-std::size_t VideoDeviceObserver::deviceIsRunningObserverCount() const {
+std::size_t VideoDeviceObserver::deviceIsRunningObserverCountForTesting() const {
   std::lock_guard lock(observersMutex_);
   return _deviceIsRunningObservers.size();
 }

@@ -44,9 +44,9 @@ class VideoDeviceObserver : public MediaDeviceObserver {
   void stopObservingPropertiesForDeviceID(std::uint32_t deviceID) override;
   void stopObservingPropertiesForAllDevices() override;
 
-  // Inspection for tests and tools.
-  bool isObservingConnectedDevices() const;
-  std::size_t deviceIsRunningObserverCount() const;
+  // For tests only: what is being observed right now.
+  bool isObservingConnectedDevicesForTesting() const;
+  std::size_t deviceIsRunningObserverCountForTesting() const;
 
  protected:
   explicit VideoDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);

@@ -106,7 +106,7 @@ SimulatedFaultWorld::SimulatedFaultWorld()
   video_->setCallHook([this](const SimulatedCall& call) { beforeCall(MediaType::Video, call); });
   services_.install(audio_, video_);
   previousSink_ = InstallLogSink([this](std::string_view line) { onLogLine(line); });
-  MainRunLoop::shared().useManualClock();
+  MainRunLoop::shared().useManualClockForTesting();
 
   controller_ = MediaDeviceController::create(queue_);
   checker_->attach(*controller_);
@@ -123,7 +123,7 @@ SimulatedFaultWorld::~SimulatedFaultWorld() {
   DrainQueueServingMainThread(queue_);
   controller_.reset();
   DrainQueueServingMainThread(queue_);
-  MainRunLoop::shared().useSystemClock();
+  MainRunLoop::shared().useSystemClockForTesting();
   InstallLogSink(std::move(previousSink_));
   services_.restore();
 }
@@ -441,7 +441,7 @@ void SimulatedFaultWorld::switchOn() {
 
 std::string SimulatedFaultWorld::advanceClock(ChoiceSource& choices) {
   const auto seconds = std::chrono::seconds(1 + choices.below(7));
-  MainRunLoop::shared().advanceManualClock(seconds);
+  MainRunLoop::shared().advanceManualClockForTesting(seconds);
   return "move the clock " + std::to_string(seconds.count()) + " s on";
 }
 

@@ -89,11 +89,11 @@ class SoakTest : public ::testing::Test {
     services_.install(audio_, video_);
     previousSink_ = InstallLogSink([this](std::string_view) { ++logLines_; });
     // Bluetooth microphones are polled; the poll timer waits for a clock that only the test moves.
-    MainRunLoop::shared().useManualClock();
+    MainRunLoop::shared().useManualClockForTesting();
   }
 
   void TearDown() override {
-    MainRunLoop::shared().useSystemClock();
+    MainRunLoop::shared().useSystemClockForTesting();
     InstallLogSink(std::move(previousSink_));
     services_.restore();
   }
@@ -220,7 +220,7 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
   ASSERT_TRUE(DrainQueueServingMainThread(queue_));
   EXPECT_EQ(audio_->listenerCount(), 0u);
   EXPECT_EQ(video_->listenerCount(), 0u);
-  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCount(), 0u);
+  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCountForTesting(), 0u);
 }
 
 TEST_F(SoakTest, ControllerAndObserversLeaveNothingBehindAfterManyStarts) {
@@ -243,7 +243,7 @@ TEST_F(SoakTest, ControllerAndObserversLeaveNothingBehindAfterManyStarts) {
   }
   ASSERT_TRUE(DrainQueueServingMainThread(queue_));
   EXPECT_EQ(audio_->listenerCount(), 0u);
-  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCount(), 0u);
+  EXPECT_EQ(MainRunLoop::shared().scheduledTimerCountForTesting(), 0u);
   if (testing::LeakCheckAvailable()) {
     EXPECT_FALSE(testing::LeaksFoundNow());
   }

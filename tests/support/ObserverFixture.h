@@ -24,7 +24,7 @@ class ObserverTest : public SimulatedServicesTest {
  protected:
   void TearDown() override {
     DrainQueue(queue);
-    MainRunLoop::shared().useSystemClock();
+    MainRunLoop::shared().useSystemClockForTesting();
     SimulatedServicesTest::TearDown();
   }
 

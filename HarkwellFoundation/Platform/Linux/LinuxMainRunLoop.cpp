@@ -1,6 +1,7 @@
 // The main run loop on Linux. One epoll descriptor watches an eventfd (main-queue work was posted,
-// the clock moved, stop was asked) and a timerfd armed for the earliest timer; that epoll
-// descriptor is what fileDescriptor() offers to programs with their own loop.
+// the timers or their clock changed, stop was asked) and a timerfd armed for the earliest timer;
+// that epoll descriptor is what fileDescriptor() offers to programs with their own loop. The timers
+// themselves and their clock are the shared RunLoopTimerTable.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -8,18 +9,15 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cassert>
 #include <cerrno>
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
-#include <mutex>
-#include <vector>
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
-#include "HarkwellFoundation/Platform/internal/RunLoopTimerSchedule.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
+#include "HarkwellFoundation/Platform/internal/RunLoopTimerTable.h"
 
 namespace harkwell {
 namespace {
@@ -27,32 +25,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 class LinuxMainRunLoop;
-
-class LinuxRunLoopTimer final : public RunLoopTimer {
- public:
-  LinuxRunLoopTimer(LinuxMainRunLoop& loop, double interval, double tolerance,
-                    Clock::time_point fireDate, std::function<void()> action)
-      : loop_(loop),
-        interval_(interval),
-        tolerance_(tolerance),
-        fireDate_(fireDate),
-        action_(std::move(action)) {}
-
-  double interval() const override { return interval_; }
-  double tolerance() const override { return tolerance_; }
-  bool isValid() const override { return valid_.load(std::memory_order_acquire); }
-  void invalidate() override;
-
- private:
-  friend class LinuxMainRunLoop;
-  LinuxMainRunLoop& loop_;
-  const double interval_;
-  const double tolerance_;
-  // Guarded by the loop's mutex.
-  Clock::time_point fireDate_;
-  std::function<void()> action_;
-  std::atomic<bool> valid_{true};
-};
 
 class MainDispatchQueue final : public DispatchQueue {
  public:
@@ -89,34 +61,10 @@ class LinuxMainRunLoop final : public MainRunLoop {
 
   void postMainWork(DispatchQueue::Work work) {
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       mainWork_.push_back(std::move(work));
     }
     wake();
-  }
-
-  std::shared_ptr<RunLoopTimer> scheduleRepeatingTimer(double interval, double tolerance,
-                                                       std::function<void()> action) override {
-    std::shared_ptr<LinuxRunLoopTimer> timer;
-    {
-      std::lock_guard lock(mutex_);
-      timer = std::make_shared<LinuxRunLoopTimer>(
-          *this, interval, tolerance, nowLocked() + SecondsToDuration(interval), std::move(action));
-      timers_.push_back(timer);
-    }
-    wake();
-    return timer;
-  }
-
-  void invalidate(LinuxRunLoopTimer& timer) {
-    std::function<void()> released;
-    {
-      std::lock_guard lock(mutex_);
-      if (!timer.valid_.exchange(false)) return;
-      released = std::move(timer.action_);
-      std::erase_if(timers_, [&](const auto& scheduled) { return scheduled.get() == &timer; });
-    }
-    // `released` may hold the last reference to the timer's target; it goes here, unlocked.
   }
 
   void run() override {
@@ -154,7 +102,7 @@ class LinuxMainRunLoop final : public MainRunLoop {
 
     std::deque<DispatchQueue::Work> work;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       work.swap(mainWork_);
     }
     for (auto& item : work) {
@@ -162,48 +110,14 @@ class LinuxMainRunLoop final : public MainRunLoop {
       item = nullptr;
     }
 
-    fireDueTimers();
+    timers().fireDueTimers();
     rearmTimerFd();
   }
 
-  void useManualClock() override {
-    {
-      std::lock_guard lock(mutex_);
-      if (!manualClock_) manualNow_ = Clock::now();
-      manualClock_ = true;
-    }
-    wake();
-  }
-
-  void advanceManualClock(std::chrono::nanoseconds delta) override {
-    {
-      std::lock_guard lock(mutex_);
-      manualNow_ += delta;
-    }
-    wake();
-  }
-
-  void useSystemClock() override {
-    {
-      std::lock_guard lock(mutex_);
-      if (manualClock_) {
-        // Keep each timer's remaining time when the clock changes under it.
-        const auto shift = Clock::now() - manualNow_;
-        for (auto& timer : timers_) timer->fireDate_ += shift;
-      }
-      manualClock_ = false;
-    }
-    wake();
-  }
-
-  std::size_t scheduledTimerCount() const override {
-    std::lock_guard lock(mutex_);
-    return timers_.size();
-  }
+ protected:
+  void timersChanged() override { wake(); }
 
  private:
-  Clock::time_point nowLocked() const { return manualClock_ ? manualNow_ : Clock::now(); }
-
   void wake() const {
     const std::uint64_t one = 1;
     [[maybe_unused]] ssize_t ignored = ::write(eventFd_, &one, sizeof one);
@@ -221,56 +135,27 @@ class LinuxMainRunLoop final : public MainRunLoop {
     }
   }
 
-  void fireDueTimers() {
-    std::vector<std::pair<std::shared_ptr<LinuxRunLoopTimer>, std::function<void()>>> due;
-    {
-      std::lock_guard lock(mutex_);
-      const auto now = nowLocked();
-      for (auto& timer : timers_) {
-        if (timer->fireDate_ > now) continue;
-        timer->fireDate_ = NextFireDateAfter(timer->fireDate_, timer->interval_, now);
-        due.emplace_back(timer, timer->action_);
-      }
-    }
-    for (auto& [timer, action] : due) {
-      // An earlier action of this pass may have invalidated a later timer.
-      if (timer->isValid()) action();
-    }
-  }
-
+  // Arms the timerfd for the next timer by the system clock, or disarms it (no timer, or the
+  // manual clock, whose moves wake the loop through the eventfd).
   void rearmTimerFd() {
     itimerspec due{};
-    {
-      std::lock_guard lock(mutex_);
-      if (!manualClock_ && !timers_.empty()) {
-        auto earliest = timers_.front()->fireDate_;
-        for (auto& timer : timers_) earliest = std::min(earliest, timer->fireDate_);
-        auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(earliest - Clock::now());
-        if (wait.count() <= 0) wait = std::chrono::nanoseconds(1);
-        due.it_value.tv_sec = static_cast<time_t>(wait.count() / 1'000'000'000);
-        due.it_value.tv_nsec = static_cast<long>(wait.count() % 1'000'000'000);
-      }
+    if (const auto next = timers().nextSystemWakeUp()) {
+      auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(next->date - Clock::now());
+      if (wait.count() <= 0) wait = std::chrono::nanoseconds(1);
+      due.it_value.tv_sec = static_cast<time_t>(wait.count() / 1'000'000'000);
+      due.it_value.tv_nsec = static_cast<long>(wait.count() % 1'000'000'000);
     }
     timerfd_settime(timerFd_, 0, &due, nullptr);
   }
 
-  mutable std::mutex mutex_;
-  std::deque<DispatchQueue::Work> mainWork_;
-  std::vector<std::shared_ptr<LinuxRunLoopTimer>> timers_;
-  bool manualClock_ = false;
-  Clock::time_point manualNow_{};
+  Mutex mutex_;
+  std::deque<DispatchQueue::Work> mainWork_ HARKWELL_GUARDED_BY(mutex_);
   std::atomic<bool> stopRequested_{false};
   int epollFd_ = -1;
   int eventFd_ = -1;
   int timerFd_ = -1;
   std::shared_ptr<DispatchQueue> mainQueue_;
 };
-
-void LinuxRunLoopTimer::invalidate() {
-  // Debug builds catch a caller that skipped the hop to the main thread.
-  assert(IsMainThread() && "run loop timers are invalidated on the main thread");
-  loop_.invalidate(*this);
-}
 
 void MainDispatchQueue::async(Work work) {
   loop_.postMainWork(std::move(work));
