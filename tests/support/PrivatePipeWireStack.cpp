@@ -127,34 +127,16 @@ std::map<std::string, std::string> PrivatePipeWireStack::clientEnvironment() con
   };
 }
 
-std::string PrivatePipeWireStack::startBus(std::chrono::steady_clock::time_point giveUp) {
-  if (bus_.isRunning()) return {};
-  const std::string socketPath = runtimeFolder() + "/bus";
-  unlink(socketPath.c_str());
-  std::string error;
-  if (!bus_.start(
-          {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + busAddress()},
-          daemonEnvironment(), logPath("dbus-daemon"), &error)) {
-    return error;
-  }
-  while (!SocketAnswers(socketPath)) {
-    if (!bus_.isRunning()) return "dbus-daemon exited at start-up:\n" + output();
-    if (std::chrono::steady_clock::now() >= giveUp) {
-      return "dbus-daemon did not open its socket in time:\n" + output();
-    }
-    // No event tells that another process has bound its socket; look again shortly.
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return {};
-}
-
 std::string PrivatePipeWireStack::start(std::chrono::milliseconds deadline) {
   if (folder_.empty()) return "cannot make a temporary folder";
   if (const std::string missing = missingPrograms(); !missing.empty()) {
     return "not installed: " + missing + " (scripts/install-deps.sh installs them)";
   }
   const auto giveUp = std::chrono::steady_clock::now() + deadline;
-  if (std::string error = startBus(giveUp); !error.empty()) return error;
+  if (!busStarted_) {
+    if (std::string error = bus_.start(deadline); !error.empty()) return error;
+    busStarted_ = true;
+  }
 
   std::string error;
   if (!daemon_.isRunning()) {
@@ -216,7 +198,6 @@ void PrivatePipeWireStack::stop() {
   pulseServer_.stop(SIGTERM, kStopDeadline);
   sessionManager_.stop(SIGTERM, kStopDeadline);
   daemon_.stop(SIGTERM, kStopDeadline);
-  bus_.stop(SIGTERM, kStopDeadline);
 }
 
 bool PrivatePipeWireStack::isRunning() {
@@ -315,8 +296,8 @@ std::string PrivatePipeWireStack::waitForNode(const std::string& name, bool pres
 }
 
 std::string PrivatePipeWireStack::output() const {
-  std::string text;
-  for (const char* name : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"}) {
+  std::string text = "--- dbus-daemon\n" + bus_.output();
+  for (const char* name : {"pipewire", "wireplumber", "pipewire-pulse"}) {
     text += std::string("--- ") + name + "\n" + ReadFile(logPath(name));
   }
   return text;

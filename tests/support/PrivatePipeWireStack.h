@@ -15,6 +15,7 @@
 #include <string>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateSessionBus.h"
 
 namespace harkwell::testing {
 
@@ -40,7 +41,7 @@ class PrivatePipeWireStack {
   // Ends the pipewire daemon abruptly (a crash, as clients see it) and waits until it, WirePlumber
   // and pipewire-pulse are gone. The bus stays. start() brings the stack back.
   void killDaemon();
-  // Stops every process of the stack, the bus last.
+  // Stops pipewire-pulse, WirePlumber and the daemon; the bus stays until the stack is destroyed.
   void stop();
   // Whether the pipewire daemon runs.
   bool isRunning();
@@ -79,7 +80,7 @@ class PrivatePipeWireStack {
   // pipewire-pulse's socket as a libpulse server string ("unix:/tmp/.../pulse/native").
   std::string pulseAddress() const { return "unix:" + runtimeFolder() + "/pulse/native"; }
   // The session bus's address ("unix:path=/tmp/.../bus").
-  std::string busAddress() const { return "unix:path=" + runtimeFolder() + "/bus"; }
+  std::string busAddress() const { return bus_.address(); }
   // An environment for a client program: it finds this stack's PipeWire daemon, PulseAudio
   // server and session bus, and nothing of the user's.
   std::map<std::string, std::string> clientEnvironment() const;
@@ -91,13 +92,13 @@ class PrivatePipeWireStack {
  private:
   // The environment the stack's own programs run with.
   std::map<std::string, std::string> daemonEnvironment() const;
-  std::string startBus(std::chrono::steady_clock::time_point giveUp);
   // Runs a short-lived client program to its end; empty when it exited with status 0.
   std::string runToEnd(const std::vector<std::string>& argv, const std::string& logName);
   std::string logPath(const std::string& name) const { return folder_ + "/" + name + ".log"; }
 
   std::string folder_;
-  ChildProcess bus_;
+  PrivateSessionBus bus_;
+  bool busStarted_ = false;
   ChildProcess daemon_;
   ChildProcess sessionManager_;
   ChildProcess pulseServer_;

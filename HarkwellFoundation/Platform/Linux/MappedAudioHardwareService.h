@@ -14,7 +14,7 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
-#include "HarkwellFoundation/Platform/PropertyListenerRegistry.h"
+#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
 
