@@ -19,7 +19,8 @@ namespace {
 
 constexpr int kUsageExitCode = 2;
 
-const std::map<std::string, AudioChoice> kAudioChoices{{"pulse", AudioChoice::Pulse},
+const std::map<std::string, AudioChoice> kAudioChoices{{"pipewire", AudioChoice::PipeWire},
+                                                       {"pulse", AudioChoice::Pulse},
                                                        {"simulated", AudioChoice::Simulated},
                                                        {"none", AudioChoice::None}};
 const std::map<std::string, VideoChoice> kVideoChoices{{"v4l2", VideoChoice::V4L2},
@@ -45,7 +46,7 @@ CLI::Validator DurationSeconds() {
 
 // The values the service options are parsed into before they become optionals.
 struct RawServiceOptions {
-  AudioChoice audio = AudioChoice::Pulse;
+  AudioChoice audio = AudioChoice::Automatic;
   VideoChoice video = VideoChoice::V4L2;
   std::string scenarioPath, sysfsRoot, devRoot, procRoot;
   CLI::Option* audioOption = nullptr;
@@ -60,7 +61,10 @@ struct RawServiceOptions {
 void AddServiceOptions(CLI::App& command, RawServiceOptions& raw) {
   const std::string group = "Device sources";
   raw.audioOption =
-      command.add_option("--audio", raw.audio, "Audio devices: pulse (default), simulated or none")
+      command
+          .add_option("--audio", raw.audio,
+                      "Audio devices: pipewire, pulse, simulated or none (default: pipewire when "
+                      "a PipeWire daemon answers, else pulse)")
           ->transform(CLI::CheckedTransformer(kAudioChoices))
           ->group(group);
   raw.videoOption =

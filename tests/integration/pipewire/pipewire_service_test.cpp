@@ -9,6 +9,7 @@
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "tests/support/AudioServiceReads.h"
 #include "tests/support/ChildProcess.h"
@@ -336,6 +337,31 @@ TEST_F(PipeWireServiceTest, ListenersNeedAPresentObjectAndRemovedOnesAreNotCalle
   EXPECT_EQ(service_->listenerCount(), 0u);
   ASSERT_NO_FATAL_FAILURE(addBarrierNode("harkwell_barrier"));
   EXPECT_EQ(list.calls().size(), 0u);
+}
+
+TEST_F(PipeWireServiceTest, DefaultServiceIsPipeWireWhenItsDaemonAnswers) {
+  ASSERT_NO_FATAL_FAILURE(startStack());
+  ASSERT_EQ(stack_.createVirtualMicrophone(kMicrophone, kMicrophoneDescription), "");
+  setenv("PIPEWIRE_REMOTE", stack_.remote().c_str(), 1);
+  auto service = MakeDefaultAudioHardwareService();
+  ASSERT_TRUE(std::dynamic_pointer_cast<PipeWireHardwareService>(service));
+  EXPECT_TRUE(DeviceWithUID(*service, kMicrophone));
+
+  // PULSE_SERVER alone names a server someone chose: PulseAudio it is, here through
+  // pipewire-pulse, which shows the same microphone under the same UID.
+  unsetenv("PIPEWIRE_REMOTE");
+  setenv("PULSE_SERVER", stack_.pulseAddress().c_str(), 1);
+  auto pulse = MakeDefaultAudioHardwareService();
+  unsetenv("PULSE_SERVER");
+  ASSERT_TRUE(std::dynamic_pointer_cast<PulseAudioHardwareService>(pulse));
+  EXPECT_TRUE(DeviceWithUID(*pulse, kMicrophone));
+}
+
+TEST_F(PipeWireServiceTest, DefaultServiceIsPulseAudioWhenNoPipeWireDaemonAnswers) {
+  setenv("PIPEWIRE_REMOTE", stack_.remote().c_str(), 1);
+  auto service = MakeDefaultAudioHardwareService();
+  unsetenv("PIPEWIRE_REMOTE");
+  EXPECT_TRUE(std::dynamic_pointer_cast<PulseAudioHardwareService>(service));
 }
 
 }  // namespace
