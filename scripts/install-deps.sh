@@ -7,7 +7,8 @@ packages=(
   build-essential cmake pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
   libpulse-dev pulseaudio pulseaudio-utils
-  libsystemd-dev dbus pipewire-bin
+  libsystemd-dev dbus
+  libpipewire-0.3-dev pipewire pipewire-bin pipewire-pulse wireplumber
   libcli11-dev nlohmann-json3-dev
   psmisc lsof procps bsdutils
   clang-14 clang-format-14 libclang-rt-14-dev

@@ -49,7 +49,7 @@ TEST(CommandLine, ListWithDefaults) {
   EXPECT_FALSE(options.services.audio.has_value());
   EXPECT_FALSE(options.services.video.has_value());
   EXPECT_FALSE(options.services.scenarioPath.has_value());
-  EXPECT_EQ(EffectiveAudioChoice(options.services), AudioChoice::Pulse);
+  EXPECT_EQ(EffectiveAudioChoice(options.services), AudioChoice::Automatic);
   EXPECT_EQ(EffectiveVideoChoice(options.services), VideoChoice::V4L2);
 }
 
@@ -192,6 +192,11 @@ TEST(CommandLine, AnUnknownOptionIsAUsageError) {
   EXPECT_NE(outcome.err.find("harkwell: "), std::string::npos) << outcome.err;
   EXPECT_NE(outcome.err.find("--bogus"), std::string::npos) << outcome.err;
   EXPECT_TRUE(outcome.out.empty());
+}
+
+TEST(CommandLine, AudioChoicesIncludePipeWireAndPulseAudio) {
+  EXPECT_EQ(ParseOrFail({"list", "--audio", "pipewire"}).services.audio, AudioChoice::PipeWire);
+  EXPECT_EQ(ParseOrFail({"list", "--audio", "pulse"}).services.audio, AudioChoice::Pulse);
 }
 
 TEST(CommandLine, BadValuesAndMissingPiecesAreUsageErrors) {

@@ -22,7 +22,8 @@ namespace {
 
 constexpr int kUsageExitCode = 2;
 
-const std::map<std::string, AudioChoice> kAudioChoices{{"pulse", AudioChoice::Pulse},
+const std::map<std::string, AudioChoice> kAudioChoices{{"pipewire", AudioChoice::PipeWire},
+                                                       {"pulse", AudioChoice::Pulse},
                                                        {"simulated", AudioChoice::Simulated},
                                                        {"none", AudioChoice::None}};
 const std::map<std::string, VideoChoice> kVideoChoices{{"v4l2", VideoChoice::V4L2},
@@ -102,7 +103,10 @@ struct RawServiceOptions {
 void AddServiceOptions(CLI::App& command, RawServiceOptions& raw) {
   const std::string group = "Device sources";
   raw.audioOption =
-      command.add_option("--audio", raw.audio, "Audio devices: pulse (default), simulated or none")
+      command
+          .add_option("--audio", raw.audio,
+                      "Audio devices: pipewire, pulse, simulated or none (default: pipewire when "
+                      "a PipeWire daemon answers, else pulse)")
           ->check(OneOf(kAudioChoices))
           ->type_name(Words(kAudioChoices, "|", "|"))
           ->group(group);

@@ -12,7 +12,8 @@ namespace harkwell::cli {
 
 enum class Command { List, Watch, Hog, Model };
 enum class HogAction { Status, On, Off };
-enum class AudioChoice { Pulse, Simulated, None };
+// Automatic: PipeWire when a PipeWire daemon answers, else PulseAudio (the library's default).
+enum class AudioChoice { Automatic, PipeWire, Pulse, Simulated, None };
 enum class VideoChoice { V4L2, Simulated, None };
 
 // Where devices come from. An unset choice means "the real service", or "simulated" when a

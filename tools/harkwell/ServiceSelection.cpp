@@ -8,6 +8,9 @@
 #if defined(HARKWELL_CLI_WITH_PULSEAUDIO)
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #endif
+#if defined(HARKWELL_CLI_WITH_PIPEWIRE)
+#include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
+#endif
 #if defined(HARKWELL_CLI_WITH_V4L2)
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #endif
@@ -39,6 +42,15 @@ std::shared_ptr<AudioHardwareService> MakePulseAudioService(std::vector<std::str
 #endif
 }
 
+std::shared_ptr<AudioHardwareService> MakePipeWireService() {
+#if defined(HARKWELL_CLI_WITH_PIPEWIRE)
+  // libpipewire finds the daemon as usual (PIPEWIRE_REMOTE, the user's pipewire-0 socket).
+  return PipeWireHardwareService::create();
+#else
+  return nullptr;
+#endif
+}
+
 std::shared_ptr<VideoHardwareService> MakeV4L2Service(const ServiceOptions& options) {
 #if defined(HARKWELL_CLI_WITH_V4L2)
   V4L2HardwareService::Options serviceOptions;
@@ -58,7 +70,7 @@ std::shared_ptr<VideoHardwareService> MakeV4L2Service(const ServiceOptions& opti
 
 AudioChoice EffectiveAudioChoice(const ServiceOptions& options) {
   if (options.audio) return *options.audio;
-  return options.scenarioPath ? AudioChoice::Simulated : AudioChoice::Pulse;
+  return options.scenarioPath ? AudioChoice::Simulated : AudioChoice::Automatic;
 }
 
 VideoChoice EffectiveVideoChoice(const ServiceOptions& options) {
@@ -100,6 +112,13 @@ ServiceSetup InstallServices(const ServiceOptions& options) {
   std::shared_ptr<AudioHardwareService> audio;
   std::shared_ptr<SimulatedAudioHardwareService> simulatedAudio;
   switch (audioChoice) {
+    case AudioChoice::Automatic:
+      audio = MakeDefaultAudioHardwareService();
+      break;
+    case AudioChoice::PipeWire:
+      audio = MakePipeWireService();
+      if (!audio) return Failure("PipeWire is not available in this build of harkwell");
+      break;
     case AudioChoice::Pulse:
       audio = MakePulseAudioService(installed.startupLog);
       if (!audio) return Failure("PulseAudio is not available in this build of harkwell");

@@ -1,6 +1,7 @@
 // Installs the audio and video hardware services the command line asked for, before any device is
-// read: PulseAudio and V4L2 by default, simulated ones (filled from a scenario file) or ones with
-// no devices. Called once, on the main thread, before a controller is made.
+// read: PipeWire (or PulseAudio where no PipeWire daemon answers) and V4L2 by default, simulated
+// ones (filled from a scenario file) or ones with no devices. Called once, on the main thread,
+// before a controller is made.
 #pragma once
 
 #include <memory>

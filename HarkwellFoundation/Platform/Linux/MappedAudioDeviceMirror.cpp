@@ -1,0 +1,244 @@
+#include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
+
+#include <algorithm>
+#include <cstring>
+#include <variant>
+
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
+#include "HarkwellFoundation/Platform/PlatformString.h"
+
+namespace harkwell {
+namespace {
+
+PropertyAddress GlobalAddress(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
+}
+
+PropertyAddress InputAddress(std::uint32_t selector) {
+  return {selector, kAudioObjectPropertyScopeInput, kAudioObjectPropertyElementMaster};
+}
+
+bool IsKnownScope(std::uint32_t scope) {
+  return scope == kAudioObjectPropertyScopeGlobal || scope == kAudioObjectPropertyScopeInput ||
+         scope == kAudioObjectPropertyScopeOutput;
+}
+
+}  // namespace
+
+// A property's value, or the status that stands in for it.
+struct MappedAudioDeviceMirror::Answer {
+  using Translation = const std::vector<std::pair<std::uint32_t, std::string>>*;
+  using Value =
+      std::variant<std::uint32_t, std::optional<std::string>, std::vector<ObjectID>, Translation>;
+
+  OSStatus status = kNoErr;
+  Value value;
+
+  static Answer failure(OSStatus status) { return Answer{status, std::uint32_t{0}}; }
+};
+
+MappedAudioDeviceMirror::Answer MappedAudioDeviceMirror::answer(
+    ObjectID object, const PropertyAddress& address) const {
+  // Every property here lives on the main element; the global ones answer in any scope, as the
+  // platform's do.
+  const std::uint32_t selector = address.mSelector;
+  const bool known =
+      address.mElement == kAudioObjectPropertyElementMaster && IsKnownScope(address.mScope);
+
+  if (object == kAudioObjectSystemObject) {
+    if (known && selector == kAudioHardwarePropertyDevices) return Answer{kNoErr, deviceIDs()};
+    return Answer::failure(kAudioHardwareUnknownPropertyError);
+  }
+  auto found = entries_.find(object);
+  if (found == entries_.end()) return Answer::failure(kAudioHardwareBadObjectError);
+  if (!known) return Answer::failure(kAudioHardwareUnknownPropertyError);
+  const Entry& entry = found->second;
+  const MappedAudioDevice& device = entry.device;
+  const bool inputScope = address.mScope == kAudioObjectPropertyScopeInput;
+
+  switch (selector) {
+    case kAudioObjectPropertyName:
+      return Answer{kNoErr, std::optional<std::string>(device.name)};
+    case kAudioDevicePropertyDeviceUID:
+      return Answer{kNoErr, std::optional<std::string>(device.uid)};
+    case kAudioDevicePropertyModelUID:
+      // Unknown model: a null reference, the platform's "no value".
+      return Answer{kNoErr, device.modelUID};
+    case kAudioDevicePropertyTransportType:
+      return Answer{kNoErr, device.transportType};
+    case kAudioDevicePropertyDeviceIsRunningSomewhere:
+      return Answer{kNoErr, std::uint32_t{device.isRunning ? 1u : 0u}};
+    case kAudioDevicePropertyStreams: {
+      std::uint32_t count = device.inputStreamCount + device.outputStreamCount;
+      if (address.mScope == kAudioObjectPropertyScopeInput) count = device.inputStreamCount;
+      if (address.mScope == kAudioObjectPropertyScopeOutput) count = device.outputStreamCount;
+      return Answer{kNoErr, std::vector<ObjectID>(count, object + 1)};
+    }
+    case kAudioDevicePropertyDataSource:
+      if (inputScope && entry.selectedInputSource) {
+        return Answer{kNoErr, *entry.selectedInputSource};
+      }
+      break;
+    case kAudioDevicePropertyDataSourceNameForIDCFString:
+      if (inputScope && !entry.inputSources.empty()) {
+        return Answer{kNoErr, &entry.inputSources};
+      }
+      break;
+    default:
+      // Exclusive access ("oink") among others: the server has no such notion.
+      break;
+  }
+  return Answer::failure(kAudioHardwareUnknownPropertyError);
+}
+
+OSStatus MappedAudioDeviceMirror::getPropertyDataSize(ObjectID object,
+                                                      const PropertyAddress& address,
+                                                      std::uint32_t* outDataSize) const {
+  const Answer found = answer(object, address);
+  if (found.status != kNoErr) return found.status;
+  if (!outDataSize) return kAudioHardwareIllegalOperationError;
+  struct SizeOf {
+    std::uint32_t operator()(std::uint32_t) const { return sizeof(std::uint32_t); }
+    std::uint32_t operator()(const std::optional<std::string>&) const {
+      return sizeof(PlatformStringRef);
+    }
+    std::uint32_t operator()(const std::vector<ObjectID>& ids) const {
+      return static_cast<std::uint32_t>(ids.size() * sizeof(ObjectID));
+    }
+    std::uint32_t operator()(Answer::Translation) const { return kAudioValueTranslationDataSize; }
+  };
+  *outDataSize = std::visit(SizeOf{}, found.value);
+  return kNoErr;
+}
+
+OSStatus MappedAudioDeviceMirror::getPropertyData(ObjectID object, const PropertyAddress& address,
+                                                  std::uint32_t* ioDataSize, void* outData) const {
+  const Answer found = answer(object, address);
+  if (found.status != kNoErr) return found.status;
+  if (!ioDataSize || (!outData && *ioDataSize > 0)) return kAudioHardwareIllegalOperationError;
+  const std::uint32_t capacity = *ioDataSize;
+
+  if (const auto* value = std::get_if<std::uint32_t>(&found.value)) {
+    if (capacity < sizeof *value) return kAudioHardwareBadPropertySizeError;
+    std::memcpy(outData, value, sizeof *value);
+    *ioDataSize = sizeof *value;
+    return kNoErr;
+  }
+  if (const auto* text = std::get_if<std::optional<std::string>>(&found.value)) {
+    if (capacity < sizeof(PlatformStringRef)) return kAudioHardwareBadPropertySizeError;
+    PlatformStringRef string = *text ? PlatformStringCreate(**text) : nullptr;
+    std::memcpy(outData, &string, sizeof string);
+    *ioDataSize = sizeof string;
+    return kNoErr;
+  }
+  if (const auto* ids = std::get_if<std::vector<ObjectID>>(&found.value)) {
+    // As many whole IDs as fit the caller's buffer.
+    const std::size_t count = std::min<std::size_t>(capacity / sizeof(ObjectID), ids->size());
+    if (count > 0) std::memcpy(outData, ids->data(), count * sizeof(ObjectID));
+    *ioDataSize = static_cast<std::uint32_t>(count * sizeof(ObjectID));
+    return kNoErr;
+  }
+  // A translation from input source ID to its name, through the caller's AudioValueTranslation.
+  const auto* sources = std::get<Answer::Translation>(found.value);
+  if (capacity < kAudioValueTranslationDataSize) return kAudioHardwareBadPropertySizeError;
+  AudioValueTranslation translation;
+  std::memcpy(&translation, outData, kAudioValueTranslationDataSize);
+  if (translation.mInputDataSize != sizeof(std::uint32_t) ||
+      translation.mOutputDataSize != sizeof(PlatformStringRef) || !translation.mInputData ||
+      !translation.mOutputData) {
+    return kAudioHardwareBadPropertySizeError;
+  }
+  std::uint32_t sourceID;
+  std::memcpy(&sourceID, translation.mInputData, sizeof sourceID);
+  auto match = std::find_if(sources->begin(), sources->end(),
+                            [&](const auto& source) { return source.first == sourceID; });
+  PlatformStringRef string =
+      match == sources->end() ? nullptr : PlatformStringCreate(match->second);
+  std::memcpy(translation.mOutputData, &string, sizeof string);
+  *ioDataSize = kAudioValueTranslationDataSize;
+  return kNoErr;
+}
+
+bool MappedAudioDeviceMirror::hasProperty(ObjectID object, const PropertyAddress& address) const {
+  return answer(object, address).status == kNoErr;
+}
+
+OSStatus MappedAudioDeviceMirror::setPropertyDataStatus(ObjectID object,
+                                                        const PropertyAddress& address) const {
+  const Answer found = answer(object, address);
+  return found.status != kNoErr ? found.status : kAudioHardwareIllegalOperationError;
+}
+
+std::vector<ObjectID> MappedAudioDeviceMirror::deviceIDs() const {
+  std::vector<ObjectID> ids;
+  ids.reserve(entries_.size());
+  for (const auto& [id, entry] : entries_) ids.push_back(id);
+  return ids;
+}
+
+bool MappedAudioDeviceMirror::hasObject(ObjectID object) const {
+  return object == kAudioObjectSystemObject || entries_.count(object) != 0;
+}
+
+MappedAudioDeviceMirror::Entry MappedAudioDeviceMirror::entryFor(const MappedAudioDevice& device) {
+  std::map<std::string, std::uint32_t>& sourceIDs = inputSourceIDs_[device.uid];
+  Entry entry{device, {}, std::nullopt};
+  for (const MappedInputSource& source : device.inputSources) {
+    // Input source IDs count from 1 per device, in the order the sources were first seen.
+    auto [slot, added] =
+        sourceIDs.try_emplace(source.name, static_cast<std::uint32_t>(sourceIDs.size() + 1));
+    entry.inputSources.emplace_back(slot->second, source.description);
+    if (device.selectedInputSource == source.name) entry.selectedInputSource = slot->second;
+  }
+  return entry;
+}
+
+std::vector<MappedAudioDeviceMirror::Change> MappedAudioDeviceMirror::update(
+    const std::vector<MappedAudioDevice>& devices) {
+  std::vector<std::string> uids;
+  uids.reserve(devices.size());
+  for (const MappedAudioDevice& device : devices) uids.push_back(device.uid);
+  const std::vector<ObjectID> ids = AssignStableDeviceIDs(StableIDSpace::Audio, uids);
+  std::map<ObjectID, Entry> next;
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    // A device beyond the ID space's size has no ID and is not shown.
+    if (ids[i] != 0) next.insert_or_assign(ids[i], entryFor(devices[i]));
+  }
+
+  std::vector<Change> changes;
+  const bool listChanged =
+      next.size() != entries_.size() ||
+      !std::equal(next.begin(), next.end(), entries_.begin(),
+                  [](const auto& a, const auto& b) { return a.first == b.first; });
+  if (listChanged) {
+    changes.push_back({kAudioObjectSystemObject, GlobalAddress(kAudioHardwarePropertyDevices)});
+  }
+  for (const auto& [id, entry] : next) {
+    auto before = entries_.find(id);
+    if (before == entries_.end() || before->second == entry) continue;
+    const Entry& old = before->second;
+    const MappedAudioDevice& was = old.device;
+    const MappedAudioDevice& now = entry.device;
+    auto note = [&, id = id](const PropertyAddress& address) { changes.push_back({id, address}); };
+    if (was.name != now.name) note(GlobalAddress(kAudioObjectPropertyName));
+    if (was.uid != now.uid) note(GlobalAddress(kAudioDevicePropertyDeviceUID));
+    if (was.modelUID != now.modelUID) note(GlobalAddress(kAudioDevicePropertyModelUID));
+    if (was.transportType != now.transportType) {
+      note(GlobalAddress(kAudioDevicePropertyTransportType));
+    }
+    if (was.isRunning != now.isRunning) {
+      note(GlobalAddress(kAudioDevicePropertyDeviceIsRunningSomewhere));
+    }
+    if (old.selectedInputSource != entry.selectedInputSource) {
+      note(InputAddress(kAudioDevicePropertyDataSource));
+    }
+    if (old.inputSources != entry.inputSources) {
+      note(InputAddress(kAudioDevicePropertyDataSourceNameForIDCFString));
+    }
+  }
+  entries_ = std::move(next);
+  return changes;
+}
+
+}  // namespace harkwell

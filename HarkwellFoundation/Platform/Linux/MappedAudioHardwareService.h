@@ -1,0 +1,57 @@
+// The part of a Linux audio service that answers the seam: a mirror of mapped devices (read under
+// a short lock, never waiting on a server) and the property listeners it notifies. A service
+// derives from it, keeps its server connection, and hands every new state to applyDevices().
+//
+// Thread-safety: every member may be called from any thread at the same time. Listener blocks run
+// on their queues, never on the caller's thread nor the one that applies devices.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
+#include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
+
+namespace harkwell {
+
+class MappedAudioHardwareService : public AudioHardwareService {
+ public:
+  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
+                               std::uint32_t qualifierDataSize, const void* qualifierData,
+                               std::uint32_t* outDataSize) override;
+  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void* qualifierData,
+                           std::uint32_t* ioDataSize, void* outData) override;
+  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
+                           std::uint32_t qualifierDataSize, const void* qualifierData,
+                           std::uint32_t dataSize, void* data) override;
+  bool hasProperty(ObjectID object, const PropertyAddress& address) override;
+  // Any property of a present object may be listened to. A listener stays when its device leaves
+  // and fires again for its changes when a device with that ID comes back.
+  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                    std::shared_ptr<DispatchQueue> queue,
+                                    PlatformListenerBlockRef block) override;
+  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
+                                       std::shared_ptr<DispatchQueue> queue,
+                                       PlatformListenerBlockRef block) override;
+
+  // How many listeners are registered (for tests and tools).
+  std::size_t listenerCount() const { return listeners_.count(); }
+
+ protected:
+  MappedAudioHardwareService() = default;
+  // Replaces the mirrored devices, then queues the listeners of every property whose value
+  // changed. Calls from one thread at a time (the service's server thread).
+  void applyDevices(const std::vector<MappedAudioDevice>& devices);
+
+ private:
+  mutable std::mutex mutex_;
+  MappedAudioDeviceMirror mirror_;  // guarded by mutex_
+  PropertyListenerRegistry listeners_;
+};
+
+}  // namespace harkwell
