@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "HarkwellFoundation/Platform/UTF8.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 #include "tools/harkwell/TerminalText.h"
 
 namespace harkwell::cli {

@@ -13,8 +13,8 @@
 #include <set>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/UTF8.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
+#include "HarkwellFoundation/Platform/internal/UTF8.h"
 #include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/TerminalText.h"
 
