@@ -113,7 +113,8 @@ ServiceSetup InstallServices(const ServiceOptions& options) {
   std::shared_ptr<SimulatedAudioHardwareService> simulatedAudio;
   switch (audioChoice) {
     case AudioChoice::Automatic:
-      audio = MakeDefaultAudioHardwareService();
+      audio =
+          KeepingStartupLog(installed.startupLog, [] { return MakeDefaultAudioHardwareService(); });
       break;
     case AudioChoice::PipeWire:
       audio = MakePipeWireService();
