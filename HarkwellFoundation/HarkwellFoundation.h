@@ -1,4 +1,9 @@
-// The whole public API of HarkwellFoundation.
+// The public API of HarkwellFoundation: device records and their events, the observers and the
+// controller, the free property and listener functions, exclusive access, the host's model, and
+// the seam a program uses to install a hardware service, with its queues, run loop and log. A
+// service of one's own also needs the constants in Platform/AudioHardwareConstants.h and
+// Platform/VideoHardwareConstants.h; the simulated services have a header of their own,
+// Platform/Simulated/SimulatedHardwareServices.h. Nothing from an internal/ folder is included.
 #pragma once
 
 #include "HarkwellFoundation/Audio/AudioDeviceObserver.h"

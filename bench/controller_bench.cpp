@@ -25,7 +25,7 @@
 #include "HarkwellFoundation/Platform/SystemLog.h"
 #include "bench/ThreadHandOff.h"
 #include "tests/support/ScopedHardwareServices.h"
-#ifdef HARKWELL_HAVE_PULSEAUDIO
+#ifdef HARKWELL_WITH_PULSEAUDIO
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePulseServer.h"
@@ -121,7 +121,7 @@ BENCHMARK(BM_SimulatedChangeToClient)->UseRealTime();
 using bench::BM_ThreadHandOffRoundTrip;
 BENCHMARK(BM_ThreadHandOffRoundTrip)->UseRealTime();
 
-#ifdef HARKWELL_HAVE_PULSEAUDIO
+#ifdef HARKWELL_WITH_PULSEAUDIO
 using testing::ChildProcess;
 using testing::PrivatePulseServer;
 

@@ -14,39 +14,41 @@ install(TARGETS HarkwellFoundation
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # Every public header keeps its place, so installed code includes exactly what in-tree code
-# includes. Headers in internal/ folders are the library's own, and the platform folders hold the
-# services' implementations, reached through the seam.
-set(harkwell_foreign_platforms PATTERN "internal" EXCLUDE PATTERN "Posix" EXCLUDE)
-if(NOT APPLE)
-  list(APPEND harkwell_foreign_platforms PATTERN "Apple" EXCLUDE)
-endif()
-if(NOT HARKWELL_LINUX)
-  list(APPEND harkwell_foreign_platforms PATTERN "Linux" EXCLUDE)
-endif()
+# includes. Left out: the internal/ folders (headers that are not the public API) and the platform
+# folders that hold the services' implementations (Linux/, Posix/, Apple/), which clients reach
+# through the seam (Platform/HardwareService.h). Platform/Simulated/ is public: its header is for
+# clients that want the simulated services.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/HarkwellFoundation
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  FILES_MATCHING PATTERN "*.h" ${harkwell_foreign_platforms})
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "internal" EXCLUDE
+  PATTERN "Apple" EXCLUDE
+  PATTERN "Linux" EXCLUDE
+  PATTERN "Posix" EXCLUDE)
+install(FILES ${HARKWELL_GENERATED_INCLUDE_DIR}/HarkwellFoundation/HarkwellFoundationExport.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/HarkwellFoundation)
 
 install(EXPORT HarkwellFoundationTargets
   NAMESPACE HarkwellFoundation::
   DESTINATION ${HARKWELL_CMAKE_PACKAGE_DIR})
 
-# The config file finds libpulse, libpipewire and libsystemd again where the library links them.
-if(HARKWELL_WITH_PULSEAUDIO)
-  set(HARKWELL_CONFIG_NEEDS_LIBPULSE ON)
-else()
-  set(HARKWELL_CONFIG_NEEDS_LIBPULSE OFF)
+# The config file finds libpulse, libpipewire and libsystemd again where a static library passes
+# them on to every program; a shared library keeps them to itself.
+set(HARKWELL_CONFIG_NEEDS_LIBPULSE OFF)
+set(HARKWELL_CONFIG_NEEDS_LIBPIPEWIRE OFF)
+set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD OFF)
+if(harkwell_library_type STREQUAL "STATIC_LIBRARY")
+  set(HARKWELL_CONFIG_NEEDS_LIBPULSE ${HARKWELL_WITH_PULSEAUDIO})
+  set(HARKWELL_CONFIG_NEEDS_LIBPIPEWIRE ${HARKWELL_WITH_PIPEWIRE})
+  set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD ${HARKWELL_WITH_DEVICE_RESERVATION})
 endif()
-if(HARKWELL_WITH_PIPEWIRE)
-  set(HARKWELL_CONFIG_NEEDS_LIBPIPEWIRE ON)
-else()
-  set(HARKWELL_CONFIG_NEEDS_LIBPIPEWIRE OFF)
-endif()
-if(HARKWELL_WITH_DEVICE_RESERVATION)
-  set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD ON)
-else()
-  set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD OFF)
-endif()
+foreach(flag LIBPULSE LIBPIPEWIRE LIBSYSTEMD)
+  if(HARKWELL_CONFIG_NEEDS_${flag})
+    set(HARKWELL_CONFIG_NEEDS_${flag} ON)
+  else()
+    set(HARKWELL_CONFIG_NEEDS_${flag} OFF)
+  endif()
+endforeach()
 configure_package_config_file(
   ${PROJECT_SOURCE_DIR}/cmake/HarkwellFoundationConfig.cmake.in
   ${PROJECT_BINARY_DIR}/HarkwellFoundationConfig.cmake
@@ -62,25 +64,18 @@ install(FILES
 
 # pkg-config: a static archive needs its dependencies on every link line, a shared library only
 # when linking statically.
-set(HARKWELL_PC_CFLAGS "")
 set(HARKWELL_PC_REQUIRES "")
 if(HARKWELL_WITH_PULSEAUDIO)
-  set(HARKWELL_PC_CFLAGS "-DHARKWELL_HAVE_PULSEAUDIO=1")
   set(HARKWELL_PC_REQUIRES "libpulse")
 endif()
 if(HARKWELL_WITH_PIPEWIRE)
-  string(APPEND HARKWELL_PC_CFLAGS " -DHARKWELL_HAVE_PIPEWIRE=1")
-  string(STRIP "${HARKWELL_PC_CFLAGS}" HARKWELL_PC_CFLAGS)
   string(APPEND HARKWELL_PC_REQUIRES " libpipewire-0.3")
   string(STRIP "${HARKWELL_PC_REQUIRES}" HARKWELL_PC_REQUIRES)
 endif()
 if(HARKWELL_WITH_DEVICE_RESERVATION)
-  string(APPEND HARKWELL_PC_CFLAGS " -DHARKWELL_HAVE_DEVICE_RESERVATION=1")
-  string(STRIP "${HARKWELL_PC_CFLAGS}" HARKWELL_PC_CFLAGS)
   string(APPEND HARKWELL_PC_REQUIRES " libsystemd")
   string(STRIP "${HARKWELL_PC_REQUIRES}" HARKWELL_PC_REQUIRES)
 endif()
-get_target_property(harkwell_library_type HarkwellFoundation TYPE)
 if(harkwell_library_type STREQUAL "STATIC_LIBRARY")
   set(HARKWELL_PC_PUBLIC_REQUIRES "${HARKWELL_PC_REQUIRES}")
   set(HARKWELL_PC_PRIVATE_REQUIRES "")

@@ -18,11 +18,12 @@
 #include <vector>
 
 #include "HarkwellFoundation/Audio/AudioDevicePropertyListeners.h"
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Observer/MediaDeviceObserver.h"
 
 namespace harkwell {
 
-class AudioDeviceObserver : public MediaDeviceObserver {
+class HARKWELL_EXPORT AudioDeviceObserver : public MediaDeviceObserver {
  public:
   static std::shared_ptr<AudioDeviceObserver> create(
       std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);

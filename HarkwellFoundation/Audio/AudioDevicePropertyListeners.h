@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "HarkwellFoundation/Backend/DevicePropertyObserver.h"
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 
 namespace harkwell {
@@ -18,17 +19,23 @@ namespace harkwell {
 using AudioDevicePropertyObserver = DevicePropertyObserver;
 
 // Empty (after a log line, except for "!obj") when the service refuses the registration.
-std::optional<AudioDevicePropertyObserver> AudioDeviceAddObserverForConnectedDevices(
-    std::shared_ptr<DispatchQueue> queue, std::function<void()> callback);
-std::optional<AudioDevicePropertyObserver> AudioDeviceAddObserverForDeviceIsRunning(
+HARKWELL_EXPORT std::optional<AudioDevicePropertyObserver>
+AudioDeviceAddObserverForConnectedDevices(std::shared_ptr<DispatchQueue> queue,
+                                          std::function<void()> callback);
+HARKWELL_EXPORT std::optional<AudioDevicePropertyObserver> AudioDeviceAddObserverForDeviceIsRunning(
     std::uint32_t deviceID, std::shared_ptr<DispatchQueue> queue, std::function<void()> callback);
-std::optional<AudioDevicePropertyObserver> AudioDeviceAddObserverForSelectedInputSource(
-    std::uint32_t deviceID, std::shared_ptr<DispatchQueue> queue, std::function<void()> callback);
+HARKWELL_EXPORT std::optional<AudioDevicePropertyObserver>
+AudioDeviceAddObserverForSelectedInputSource(std::uint32_t deviceID,
+                                             std::shared_ptr<DispatchQueue> queue,
+                                             std::function<void()> callback);
 
 // True when the service accepted the removal. The removal is asked for with a block made anew
 // from the record's closure, never with the block the add registered.
-bool AudioDeviceRemoveObserverForConnectedDevices(const AudioDevicePropertyObserver& observer);
-bool AudioDeviceRemoveObserverForDeviceIsRunning(const AudioDevicePropertyObserver& observer);
-bool AudioDeviceRemoveObserverForSelectedInputSource(const AudioDevicePropertyObserver& observer);
+HARKWELL_EXPORT bool AudioDeviceRemoveObserverForConnectedDevices(
+    const AudioDevicePropertyObserver& observer);
+HARKWELL_EXPORT bool AudioDeviceRemoveObserverForDeviceIsRunning(
+    const AudioDevicePropertyObserver& observer);
+HARKWELL_EXPORT bool AudioDeviceRemoveObserverForSelectedInputSource(
+    const AudioDevicePropertyObserver& observer);
 
 }  // namespace harkwell

@@ -7,12 +7,13 @@
 #include <functional>
 #include <memory>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
 
 namespace harkwell {
 
-struct DevicePropertyObserver {
+struct HARKWELL_EXPORT DevicePropertyObserver {
   std::uint32_t deviceID = 0;  // the object listened to: the system object (1) or a device
   std::function<void()> callback;
   std::shared_ptr<DispatchQueue> callbackQueue;

@@ -28,13 +28,15 @@
 #include <vector>
 
 #include "HarkwellFoundation/Audio/AudioDeviceObserver.h"
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Video/VideoDeviceObserver.h"
 
 namespace harkwell {
 
-class MediaDeviceController : public std::enable_shared_from_this<MediaDeviceController> {
+class HARKWELL_EXPORT MediaDeviceController
+    : public std::enable_shared_from_this<MediaDeviceController> {
  public:
   using UpdatingDevicesHandler = std::function<void(bool finished)>;
   using DeviceEventHandler = std::function<void(MediaDeviceEvent, const MediaDevice&)>;

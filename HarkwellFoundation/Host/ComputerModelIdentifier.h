@@ -8,8 +8,10 @@
 #include <optional>
 #include <string>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
-std::optional<std::string> ComputerModelIdentifier();
+HARKWELL_EXPORT std::optional<std::string> ComputerModelIdentifier();
 
 }  // namespace harkwell

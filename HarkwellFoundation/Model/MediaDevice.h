@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Model/MediaEnumerations.h"
 
 namespace harkwell {
@@ -17,13 +18,14 @@ class MediaDeviceHogMode;
 // The unsupported reason for a device with these counts: NoInputChannels when there is no input,
 // none when there is input only, InputAndOutputChannels when there are both. Only pure input
 // devices are supported.
-std::optional<MediaDeviceUnsupportedReason> MediaDeviceUnsupportedReasonForChannelCounts(
-    std::uint64_t inputChannelCount, std::uint64_t outputChannelCount);
+HARKWELL_EXPORT std::optional<MediaDeviceUnsupportedReason>
+MediaDeviceUnsupportedReasonForChannelCounts(std::uint64_t inputChannelCount,
+                                             std::uint64_t outputChannelCount);
 
 // An aggregate, so designated initialisers name every field:
 //   MediaDevice{.deviceID = 7, .mediaType = MediaType::Audio, .deviceUID = "mic", ...}
 // Absent optional strings are std::nullopt, never empty strings.
-struct MediaDevice {
+struct HARKWELL_EXPORT MediaDevice {
   std::uint32_t deviceID = 0;  // the platform's object ID; the key of every cache
   MediaType mediaType = MediaType::Audio;
   std::string deviceUID;
@@ -49,6 +51,6 @@ struct MediaDevice {
   friend bool operator==(const MediaDevice&, const MediaDevice&) = default;
 };
 
-std::ostream& operator<<(std::ostream& out, const MediaDevice& device);
+HARKWELL_EXPORT std::ostream& operator<<(std::ostream& out, const MediaDevice& device);
 
 }  // namespace harkwell

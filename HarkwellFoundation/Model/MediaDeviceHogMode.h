@@ -7,9 +7,11 @@
 #include <optional>
 #include <ostream>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
-class MediaDeviceHogMode {
+class HARKWELL_EXPORT MediaDeviceHogMode {
  public:
   enum class Kind { NoProcess, CurrentProcess, OtherProcess };
 
@@ -40,15 +42,17 @@ class MediaDeviceHogMode {
   std::int32_t pid_;
 };
 
-std::ostream& operator<<(std::ostream& out, const MediaDeviceHogMode& mode);
+HARKWELL_EXPORT std::ostream& operator<<(std::ostream& out, const MediaDeviceHogMode& mode);
 
 // Who holds the device; empty (after one log line) when the state cannot be read.
-std::optional<MediaDeviceHogMode> AudioDeviceHogModeForDeviceID(std::uint32_t deviceID);
-std::optional<MediaDeviceHogMode> VideoDeviceHogModeForDeviceID(std::uint32_t deviceID);
+HARKWELL_EXPORT std::optional<MediaDeviceHogMode> AudioDeviceHogModeForDeviceID(
+    std::uint32_t deviceID);
+HARKWELL_EXPORT std::optional<MediaDeviceHogMode> VideoDeviceHogModeForDeviceID(
+    std::uint32_t deviceID);
 
 // Writes the hog-mode property, which the platform treats as a toggle; true when this process
 // holds the device afterwards.
-bool AudioDeviceToggleHogModeForDeviceID(std::uint32_t deviceID);
-bool VideoDeviceToggleHogModeForDeviceID(std::uint32_t deviceID);
+HARKWELL_EXPORT bool AudioDeviceToggleHogModeForDeviceID(std::uint32_t deviceID);
+HARKWELL_EXPORT bool VideoDeviceToggleHogModeForDeviceID(std::uint32_t deviceID);
 
 }  // namespace harkwell

@@ -31,6 +31,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
@@ -38,14 +39,15 @@
 namespace harkwell {
 
 // A device's input and output counts (streams, not channels).
-struct MediaDeviceChannelCounts {
+struct HARKWELL_EXPORT MediaDeviceChannelCounts {
   std::uint64_t inputCount = 0;
   std::uint64_t outputCount = 0;
   friend bool operator==(const MediaDeviceChannelCounts&,
                          const MediaDeviceChannelCounts&) = default;
 };
 
-class MediaDeviceObserver : public std::enable_shared_from_this<MediaDeviceObserver> {
+class HARKWELL_EXPORT MediaDeviceObserver
+    : public std::enable_shared_from_this<MediaDeviceObserver> {
  public:
   // Told with `finished` false before each re-read of the device list and true after it.
   using UpdatingDevicesHandler = std::function<void(MediaDeviceObserver& observer, bool finished)>;

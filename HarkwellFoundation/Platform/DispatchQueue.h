@@ -7,9 +7,11 @@
 #include <memory>
 #include <string>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
-class DispatchQueue {
+class HARKWELL_EXPORT DispatchQueue {
  public:
   using Work = std::function<void()>;
 
@@ -56,6 +58,6 @@ class DispatchQueue {
 };
 
 // Whether the calling thread is the process's main thread (the one that started the program).
-bool IsMainThread();
+HARKWELL_EXPORT bool IsMainThread();
 
 }  // namespace harkwell

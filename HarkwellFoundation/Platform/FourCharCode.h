@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
 constexpr std::uint32_t FourCharCode(const char (&code)[5]) {
@@ -16,6 +18,6 @@ constexpr std::uint32_t FourCharCode(const char (&code)[5]) {
 
 // The four characters of a code, for diagnostics ("dev#"); bytes outside printable ASCII are
 // written as '?'.
-std::string FourCharCodeText(std::uint32_t code);
+HARKWELL_EXPORT std::string FourCharCodeText(std::uint32_t code);
 
 }  // namespace harkwell

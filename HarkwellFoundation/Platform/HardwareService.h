@@ -16,13 +16,14 @@
 #include <cstdint>
 #include <memory>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
 namespace harkwell {
 
-class HardwareService {
+class HARKWELL_EXPORT HardwareService {
  public:
   virtual ~HardwareService() = default;
 
@@ -45,26 +46,26 @@ class HardwareService {
 };
 
 // The audio service (CoreAudio's shape) adds a property test.
-class AudioHardwareService : public HardwareService {
+class HARKWELL_EXPORT AudioHardwareService : public HardwareService {
  public:
   virtual bool hasProperty(ObjectID object, const PropertyAddress& address) = 0;
 };
 
 // The video service (CoreMediaIO's shape).
-class VideoHardwareService : public HardwareService {};
+class HARKWELL_EXPORT VideoHardwareService : public HardwareService {};
 
 // The process-wide services. The first use installs the platform's default (Apple's services on
 // macOS; on Linux PulseAudio and V4L2, or a service without devices where those are missing).
 // Installing returns the service it replaces; calls already under way finish on the old one.
-std::shared_ptr<AudioHardwareService> CurrentAudioHardwareService();
-std::shared_ptr<AudioHardwareService> InstallAudioHardwareService(
+HARKWELL_EXPORT std::shared_ptr<AudioHardwareService> CurrentAudioHardwareService();
+HARKWELL_EXPORT std::shared_ptr<AudioHardwareService> InstallAudioHardwareService(
     std::shared_ptr<AudioHardwareService> service);
-std::shared_ptr<VideoHardwareService> CurrentVideoHardwareService();
-std::shared_ptr<VideoHardwareService> InstallVideoHardwareService(
+HARKWELL_EXPORT std::shared_ptr<VideoHardwareService> CurrentVideoHardwareService();
+HARKWELL_EXPORT std::shared_ptr<VideoHardwareService> InstallVideoHardwareService(
     std::shared_ptr<VideoHardwareService> service);
 
 // The platform's default services; each platform folder provides these.
-std::shared_ptr<AudioHardwareService> MakeDefaultAudioHardwareService();
-std::shared_ptr<VideoHardwareService> MakeDefaultVideoHardwareService();
+HARKWELL_EXPORT std::shared_ptr<AudioHardwareService> MakeDefaultAudioHardwareService();
+HARKWELL_EXPORT std::shared_ptr<VideoHardwareService> MakeDefaultVideoHardwareService();
 
 }  // namespace harkwell

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
 namespace harkwell {
@@ -17,7 +18,7 @@ namespace harkwell {
 using PropertyListener = std::function<void(std::uint32_t, const PropertyAddress*)>;
 using SharedPropertyListener = std::shared_ptr<const PropertyListener>;
 
-class PlatformListenerBlock {
+class HARKWELL_EXPORT PlatformListenerBlock {
  public:
   // A new block wrapping `closure` (the equivalent of copying a block to the heap).
   static std::shared_ptr<PlatformListenerBlock> copy(SharedPropertyListener closure) {

@@ -15,13 +15,15 @@
 #include <functional>
 #include <memory>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
 class MainRunLoop;
 
 // A repeating timer on the main run loop. It keeps its action (and what the action holds) alive
 // until it is invalidated.
-class RunLoopTimer {
+class HARKWELL_EXPORT RunLoopTimer {
  public:
   virtual ~RunLoopTimer() = default;
   virtual double interval() const = 0;   // seconds
@@ -33,7 +35,7 @@ class RunLoopTimer {
 
 class RunLoopTimerTable;
 
-class MainRunLoop {
+class HARKWELL_EXPORT MainRunLoop {
  public:
   static MainRunLoop& shared();
 

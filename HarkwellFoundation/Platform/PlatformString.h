@@ -11,6 +11,8 @@
 #include <CoreFoundation/CoreFoundation.h>
 #endif
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
 #if defined(__APPLE__)
@@ -24,18 +26,18 @@ static_assert(sizeof(PlatformStringRef) == sizeof(void*));
 
 // A new reference (+1) holding a copy of `text`. The bytes are kept exactly, even when they are
 // not valid UTF-8.
-PlatformStringRef PlatformStringCreate(std::string_view text);
+HARKWELL_EXPORT PlatformStringRef PlatformStringCreate(std::string_view text);
 // Adds an owner; returns `string`. Null is allowed and returned as is.
-PlatformStringRef PlatformStringRetain(PlatformStringRef string);
+HARKWELL_EXPORT PlatformStringRef PlatformStringRetain(PlatformStringRef string);
 // Drops an owner; the last release frees the string. Null is allowed and ignored.
-void PlatformStringRelease(PlatformStringRef string);
+HARKWELL_EXPORT void PlatformStringRelease(PlatformStringRef string);
 // A copy of the text. Must not be called with null.
-std::string PlatformStringText(PlatformStringRef string);
+HARKWELL_EXPORT std::string PlatformStringText(PlatformStringRef string);
 // How many strings are alive in this process (for leak checks in tests).
-std::size_t PlatformStringLiveCount();
+HARKWELL_EXPORT std::size_t PlatformStringLiveCount();
 
 // Owns one reference and releases it when destroyed.
-class OwnedPlatformString {
+class HARKWELL_EXPORT OwnedPlatformString {
  public:
   OwnedPlatformString() = default;
   explicit OwnedPlatformString(PlatformStringRef adopted) : string_(adopted) {}

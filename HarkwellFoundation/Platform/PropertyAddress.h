@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
 using ObjectID = std::uint32_t;
@@ -11,7 +13,7 @@ using OSStatus = std::int32_t;
 
 constexpr OSStatus kNoErr = 0;
 
-struct PropertyAddress {
+struct HARKWELL_EXPORT PropertyAddress {
   std::uint32_t mSelector = 0;
   std::uint32_t mScope = 0;
   std::uint32_t mElement = 0;

@@ -6,15 +6,17 @@
 #include <functional>
 #include <string_view>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
+
 namespace harkwell {
 
 using LogSink = std::function<void(std::string_view line)>;
 
 // Writes one line. Safe on any thread; the sink is called without any lock held.
-void SystemLog(std::string_view line);
+HARKWELL_EXPORT void SystemLog(std::string_view line);
 
 // Installs `sink` (an empty one restores the default) and returns the sink it replaces. Lines
 // being written on other threads while the sink changes go to either the old or the new one.
-LogSink InstallLogSink(LogSink sink);
+HARKWELL_EXPORT LogSink InstallLogSink(LogSink sink);
 
 }  // namespace harkwell

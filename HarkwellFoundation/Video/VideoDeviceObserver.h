@@ -16,12 +16,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Observer/MediaDeviceObserver.h"
 #include "HarkwellFoundation/Video/VideoDevicePropertyListeners.h"
 
 namespace harkwell {
 
-class VideoDeviceObserver : public MediaDeviceObserver {
+class HARKWELL_EXPORT VideoDeviceObserver : public MediaDeviceObserver {
  public:
   static std::shared_ptr<VideoDeviceObserver> create(
       std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);

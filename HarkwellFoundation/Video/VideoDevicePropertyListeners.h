@@ -9,18 +9,22 @@
 #include <optional>
 
 #include "HarkwellFoundation/Backend/DevicePropertyObserver.h"
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 
 namespace harkwell {
 
 using VideoDevicePropertyObserver = DevicePropertyObserver;
 
-std::optional<VideoDevicePropertyObserver> VideoDeviceAddObserverForConnectedDevices(
-    std::shared_ptr<DispatchQueue> queue, std::function<void()> callback);
-std::optional<VideoDevicePropertyObserver> VideoDeviceAddObserverForDeviceIsRunning(
+HARKWELL_EXPORT std::optional<VideoDevicePropertyObserver>
+VideoDeviceAddObserverForConnectedDevices(std::shared_ptr<DispatchQueue> queue,
+                                          std::function<void()> callback);
+HARKWELL_EXPORT std::optional<VideoDevicePropertyObserver> VideoDeviceAddObserverForDeviceIsRunning(
     std::uint32_t deviceID, std::shared_ptr<DispatchQueue> queue, std::function<void()> callback);
 
-bool VideoDeviceRemoveObserverForConnectedDevices(const VideoDevicePropertyObserver& observer);
-bool VideoDeviceRemoveObserverForDeviceIsRunning(const VideoDevicePropertyObserver& observer);
+HARKWELL_EXPORT bool VideoDeviceRemoveObserverForConnectedDevices(
+    const VideoDevicePropertyObserver& observer);
+HARKWELL_EXPORT bool VideoDeviceRemoveObserverForDeviceIsRunning(
+    const VideoDevicePropertyObserver& observer);
 
 }  // namespace harkwell

@@ -5,13 +5,13 @@
 #include "HarkwellFoundation/Platform/SystemLog.h"
 #include "tools/harkwell/LogLines.h"
 
-#if defined(HARKWELL_CLI_WITH_PULSEAUDIO)
+#if defined(HARKWELL_WITH_PULSEAUDIO)
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #endif
-#if defined(HARKWELL_CLI_WITH_PIPEWIRE)
+#if defined(HARKWELL_WITH_PIPEWIRE)
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
 #endif
-#if defined(HARKWELL_CLI_WITH_V4L2)
+#if defined(HARKWELL_WITH_V4L2)
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #endif
 
@@ -33,7 +33,7 @@ auto KeepingStartupLog(std::vector<std::string>& lines, Create create) {
 }
 
 std::shared_ptr<AudioHardwareService> MakePulseAudioService(std::vector<std::string>& startupLog) {
-#if defined(HARKWELL_CLI_WITH_PULSEAUDIO)
+#if defined(HARKWELL_WITH_PULSEAUDIO)
   // libpulse finds the server as usual (PULSE_SERVER, client.conf, the user's own server).
   return KeepingStartupLog(startupLog, [] { return PulseAudioHardwareService::create(); });
 #else
@@ -43,7 +43,7 @@ std::shared_ptr<AudioHardwareService> MakePulseAudioService(std::vector<std::str
 }
 
 std::shared_ptr<AudioHardwareService> MakePipeWireService() {
-#if defined(HARKWELL_CLI_WITH_PIPEWIRE)
+#if defined(HARKWELL_WITH_PIPEWIRE)
   // libpipewire finds the daemon as usual (PIPEWIRE_REMOTE, the user's pipewire-0 socket).
   return PipeWireHardwareService::create();
 #else
@@ -52,7 +52,7 @@ std::shared_ptr<AudioHardwareService> MakePipeWireService() {
 }
 
 std::shared_ptr<VideoHardwareService> MakeV4L2Service(const ServiceOptions& options) {
-#if defined(HARKWELL_CLI_WITH_V4L2)
+#if defined(HARKWELL_WITH_V4L2)
   V4L2HardwareService::Options serviceOptions;
   if (options.sysfsRoot) serviceOptions.sysfsRoot = *options.sysfsRoot;
   if (options.devRoot) serviceOptions.devRoot = *options.devRoot;

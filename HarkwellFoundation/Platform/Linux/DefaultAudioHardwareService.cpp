@@ -13,24 +13,24 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 
-#if defined(HARKWELL_HAVE_PIPEWIRE)
+#if defined(HARKWELL_WITH_PIPEWIRE)
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
 #endif
-#if defined(HARKWELL_HAVE_PULSEAUDIO)
+#if defined(HARKWELL_WITH_PULSEAUDIO)
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #endif
 
 namespace harkwell {
 
 std::shared_ptr<AudioHardwareService> MakeDefaultAudioHardwareService() {
-#if defined(HARKWELL_HAVE_PIPEWIRE)
+#if defined(HARKWELL_WITH_PIPEWIRE)
   const bool pulseServerChosen = std::getenv("PULSE_SERVER") && !std::getenv("PIPEWIRE_REMOTE");
   if (!pulseServerChosen &&
       PipeWireGraphConnection::DaemonAnswers(std::nullopt, std::chrono::seconds(1))) {
     if (auto service = PipeWireHardwareService::create()) return service;
   }
 #endif
-#if defined(HARKWELL_HAVE_PULSEAUDIO)
+#if defined(HARKWELL_WITH_PULSEAUDIO)
   // libpulse finds the server the usual way, PULSE_SERVER first.
   if (auto service = PulseAudioHardwareService::create()) return service;
 #endif

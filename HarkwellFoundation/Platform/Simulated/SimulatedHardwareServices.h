@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedObjectGraph.h"
 
@@ -18,7 +19,7 @@ namespace harkwell {
 
 // An audio device as the simulated platform shows it. std::nullopt strings are read as null
 // references. Without `selectedDataSource` the device has no data-source properties at all.
-struct SimulatedAudioDevice {
+struct HARKWELL_EXPORT SimulatedAudioDevice {
   ObjectID deviceID = 0;
   std::optional<std::string> name;
   std::optional<std::string> deviceUID;
@@ -33,7 +34,7 @@ struct SimulatedAudioDevice {
 };
 
 // A video device as the simulated platform shows it.
-struct SimulatedVideoDevice {
+struct HARKWELL_EXPORT SimulatedVideoDevice {
   ObjectID deviceID = 0;
   std::optional<std::string> name;
   std::optional<std::string> deviceUID;
@@ -48,7 +49,8 @@ struct SimulatedVideoDevice {
 // The seam's calls answered from the graph, and the device-list and running-state helpers, which
 // are the same for both media types.
 template <class ServiceInterface>
-class SimulatedHardwareService : public ServiceInterface, public SimulatedObjectGraph {
+class HARKWELL_EXPORT SimulatedHardwareService : public ServiceInterface,
+                                                 public SimulatedObjectGraph {
  public:
   // Removes the device object and takes it out of the list, then notifies the list.
   void removeDevice(ObjectID deviceID);
@@ -90,7 +92,8 @@ class SimulatedHardwareService : public ServiceInterface, public SimulatedObject
 extern template class SimulatedHardwareService<AudioHardwareService>;
 extern template class SimulatedHardwareService<VideoHardwareService>;
 
-class SimulatedAudioHardwareService final : public SimulatedHardwareService<AudioHardwareService> {
+class HARKWELL_EXPORT SimulatedAudioHardwareService final
+    : public SimulatedHardwareService<AudioHardwareService> {
  public:
   static std::shared_ptr<SimulatedAudioHardwareService> create() {
     return std::shared_ptr<SimulatedAudioHardwareService>(new SimulatedAudioHardwareService);
@@ -108,7 +111,8 @@ class SimulatedAudioHardwareService final : public SimulatedHardwareService<Audi
   SimulatedAudioHardwareService() = default;
 };
 
-class SimulatedVideoHardwareService final : public SimulatedHardwareService<VideoHardwareService> {
+class HARKWELL_EXPORT SimulatedVideoHardwareService final
+    : public SimulatedHardwareService<VideoHardwareService> {
  public:
   static std::shared_ptr<SimulatedVideoHardwareService> create() {
     return std::shared_ptr<SimulatedVideoHardwareService>(new SimulatedVideoHardwareService);

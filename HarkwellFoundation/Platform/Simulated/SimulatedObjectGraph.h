@@ -18,6 +18,7 @@
 #include <variant>
 #include <vector>
 
+#include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
@@ -34,7 +35,7 @@ enum class SimulatedCallKind {
 };
 
 // One call the service received, and what it answered.
-struct SimulatedCall {
+struct HARKWELL_EXPORT SimulatedCall {
   SimulatedCallKind kind{};
   ObjectID object = 0;
   PropertyAddress address;
@@ -48,7 +49,7 @@ struct SimulatedCall {
 };
 
 // The value of one property.
-class SimulatedPropertyValue {
+class HARKWELL_EXPORT SimulatedPropertyValue {
  public:
   using Translation = std::map<std::uint32_t, std::optional<std::string>>;
 
@@ -81,7 +82,7 @@ class SimulatedPropertyValue {
 };
 
 // Which calls fail, and with what status. Empty fields match anything.
-struct SimulatedFailure {
+struct HARKWELL_EXPORT SimulatedFailure {
   std::optional<SimulatedCallKind> kind;
   std::optional<ObjectID> object;
   std::optional<std::uint32_t> selector;
@@ -97,7 +98,7 @@ enum class ListenerMatching {
   ByWrappedClosure,  // a removal matches the registration whose block wraps the same closure
 };
 
-class SimulatedObjectGraph {
+class HARKWELL_EXPORT SimulatedObjectGraph {
  public:
   SimulatedObjectGraph();
   SimulatedObjectGraph(const SimulatedObjectGraph&) = delete;

@@ -3,7 +3,7 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
 #include "HarkwellFoundation/Platform/Linux/Reservation/ReservationHogMode.h"
 #endif
 
@@ -11,7 +11,7 @@ namespace harkwell {
 
 std::shared_ptr<PulseAudioHardwareService> PulseAudioHardwareService::create(Options options) {
   std::shared_ptr<PulseAudioHardwareService> service(new PulseAudioHardwareService);
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   service->reservation_ =
       options.reservation ? std::move(options.reservation) : DeviceReservation::create();
 #endif
@@ -82,7 +82,7 @@ OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
 OSStatus PulseAudioHardwareService::getPropertyData(ObjectID object, const PropertyAddress& address,
                                                     std::uint32_t, const void*,
                                                     std::uint32_t* ioDataSize, void* outData) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) {
     std::uint32_t card = 0;
     const OSStatus status = hogModeSoundCard(object, address, &card);
@@ -99,7 +99,7 @@ OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const Prope
                                                     std::uint32_t, const void*,
                                                     [[maybe_unused]] std::uint32_t dataSize,
                                                     [[maybe_unused]] void* data) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) {
     std::uint32_t card = 0;
     const OSStatus status = hogModeSoundCard(object, address, &card);
