@@ -34,7 +34,6 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "tests/integration/v4l2/PipedChildProcess.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/ScopedHardwareServices.h"
@@ -195,7 +194,8 @@ void BM_OpenToChangedRunning(benchmark::State& state) {
   controller->setObserveDevices(true);
   testing::DrainQueue(queue);
 
-  auto helper = testing::PipedChildProcess::start({HARKWELL_V4L2_TEST_HELPER, "hold"});
+  auto helper =
+      testing::ChildProcess::launch({HARKWELL_V4L2_TEST_HELPER, "hold"}, {.pipeInput = true});
   std::vector<double> latencies;
   for (auto _ : state) {
     const std::size_t seen = events->size();

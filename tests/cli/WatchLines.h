@@ -11,7 +11,7 @@
 #include <regex>
 #include <string>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 
 namespace harkwell::testing {
 
@@ -31,7 +31,7 @@ inline nlohmann::json ParseWatchLine(const std::string& line) {
 
 // Reads lines until one satisfies `matches`; nothing when the deadline passes or output ends.
 inline std::optional<nlohmann::json> NextWatchLineWhere(
-    ProgramRun& run, const std::function<bool(const nlohmann::json&)>& matches,
+    ChildProcess& run, const std::function<bool(const nlohmann::json&)>& matches,
     std::chrono::milliseconds deadline) {
   const auto until = std::chrono::steady_clock::now() + deadline;
   for (;;) {

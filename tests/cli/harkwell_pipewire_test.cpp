@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 #include "tests/cli/WatchLines.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePipeWireStack.h"
@@ -78,7 +78,7 @@ TEST(HarkwellOnPipeWire, ARecordingShowsAsChangedRunningTrueThenFalse) {
   ASSERT_TRUE(gone.has_value()) << run->errorOutput();
 
   run->sendSignal(SIGINT);
-  EXPECT_EQ(run->waitForExit(kDeadline), 0) << run->errorOutput();
+  EXPECT_EQ(run->waitForExitCode(kDeadline), 0) << run->errorOutput();
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 #include "tests/cli/WatchLines.h"
 
 namespace harkwell::testing {
@@ -139,7 +139,7 @@ TEST(HarkwellWatch, CtrlCEndsItWithinASecondAndSuccessfully) {
   // Wait until the initial discovery is complete, so the watch is really under way.
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
   run->sendSignal(SIGINT);
-  const auto status = run->waitForExit(1s);
+  const auto status = run->waitForExitCode(1s);
   ASSERT_TRUE(status.has_value()) << "still running a second after SIGINT";
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }
@@ -160,7 +160,7 @@ TEST(HarkwellWatch, ABluetoothMicrophoneUnpluggedIsReportedAndTheDurationEndsThe
   ASSERT_TRUE(NextWatchLineWhere(*run, EventFor("Disconnected", "bt-mic"), kLineDeadline))
       << run->errorOutput();
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
-  const auto status = run->waitForExit(kLineDeadline);
+  const auto status = run->waitForExitCode(kLineDeadline);
   ASSERT_TRUE(status.has_value()) << "still running well after its duration";
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }
@@ -173,7 +173,7 @@ TEST(HarkwellWatch, ABluetoothMicrophoneUnpluggedIsReportedAndCtrlCEndsTheWatch)
       << run->errorOutput();
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kLineDeadline)) << run->errorOutput();
   run->sendSignal(SIGINT);
-  const auto status = run->waitForExit(kLineDeadline);
+  const auto status = run->waitForExitCode(kLineDeadline);
   ASSERT_TRUE(status.has_value()) << "still running after SIGINT";
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }
@@ -186,9 +186,9 @@ TEST(HarkwellWatch, AScenarioWatchEndsAfterItsLastStepWithoutFollow) {
 }
 
 // Closes the reading end of the program's output and expects the watch to end with status 0.
-void ExpectEndsOnceItsOutputIsClosed(ProgramRun& run) {
+void ExpectEndsOnceItsOutputIsClosed(ChildProcess& run) {
   run.closeOutput();
-  const auto status = run.waitForExit(kLineDeadline);
+  const auto status = run.waitForExitCode(kLineDeadline);
   ASSERT_TRUE(status.has_value()) << "still running after its output was closed";
   EXPECT_EQ(*status, 0) << run.errorOutput();
 }
@@ -522,7 +522,7 @@ TEST(HarkwellHog, HoldEndsAtCtrlC) {
   ASSERT_NE(run, nullptr);
   ASSERT_EQ(run->readLine(kLineDeadline), "USB Microphone: CurrentProcess") << run->errorOutput();
   run->sendSignal(SIGINT);
-  const auto status = run->waitForExit(kLineDeadline);
+  const auto status = run->waitForExitCode(kLineDeadline);
   ASSERT_TRUE(status.has_value()) << "still holding after SIGINT";
   EXPECT_EQ(*status, 0) << run->errorOutput();
 }

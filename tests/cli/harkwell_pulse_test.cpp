@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 #include "tests/cli/WatchLines.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
@@ -47,7 +47,7 @@ TEST(HarkwellOnPulseAudio, ARecordingShowsAsChangedRunningTrueThenFalse) {
   EXPECT_EQ((*stopped)["device"]["isRunning"], false);
 
   run->sendSignal(SIGINT);
-  EXPECT_EQ(run->waitForExit(kDeadline), 0) << run->errorOutput();
+  EXPECT_EQ(run->waitForExitCode(kDeadline), 0) << run->errorOutput();
 }
 
 TEST(HarkwellOnPulseAudio, ListShowsTheServersDevices) {

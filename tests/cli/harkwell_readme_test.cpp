@@ -17,7 +17,7 @@
 #include <regex>
 #include <sstream>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 
 namespace harkwell::testing {
 namespace {
@@ -187,11 +187,11 @@ class Readme : public ::testing::Test {
   static ProgramResult RunCommand(const std::string& command, const fs::path& folder,
                                   const std::map<std::string, std::string>& environment) {
     ProgramResult result;
-    auto run = ProgramRun::start(
-        "/bin/bash", {"-c", "cd '" + folder.string() + "' && { " + command + "\n} 2>&1"},
-        environment);
+    auto run = ChildProcess::launch(
+        {"/bin/bash", "-c", "cd '" + folder.string() + "' && { " + command + "\n} 2>&1"},
+        {.environment = environment});
     if (run == nullptr) return result;
-    const auto status = run->waitForExit(kCommandDeadline);
+    const auto status = run->waitForExitCode(kCommandDeadline);
     result.status = status.value_or(-1);
     result.out = run->unreadOutput();
     result.err = run->errorOutput();

@@ -2,7 +2,7 @@
 // as its stdout, against the same program with a pipe as its stdout.
 #include <gtest/gtest.h>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 
 namespace harkwell::testing {
 namespace {
@@ -37,10 +37,11 @@ ProgramResult RunOnTerminal(const std::vector<std::string>& arguments,
   environment.emplace("TERM", "xterm-256color");
   environment.emplace("NO_COLOR", "");
   ProgramResult result;
-  auto run = ProgramRun::start(kScript, {"--quiet", "--return", "--command", command, "/dev/null"},
-                               environment);
+  auto run =
+      ChildProcess::launch({kScript, "--quiet", "--return", "--command", command, "/dev/null"},
+                           {.environment = environment});
   if (!run) return result;
-  result.status = run->waitForExit(30s).value_or(-1);
+  result.status = run->waitForExitCode(30s).value_or(-1);
   result.out = run->unreadOutput();
   result.err = run->errorOutput();
   return result;

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "PipedChildProcess.h"
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 #include "tests/cli/WatchLines.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 
 namespace harkwell::testing {
@@ -50,7 +50,7 @@ TEST(HarkwellOnV4L2, ACameraOpenedElsewhereShowsAsChangedRunningTrueThenFalse) {
   EXPECT_EQ((*closed)["device"]["isRunning"], false);
 
   run->sendSignal(SIGINT);
-  EXPECT_EQ(run->waitForExit(kDeadline), 0) << run->errorOutput();
+  EXPECT_EQ(run->waitForExitCode(kDeadline), 0) << run->errorOutput();
 }
 
 }  // namespace

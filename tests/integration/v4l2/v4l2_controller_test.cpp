@@ -8,7 +8,7 @@
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "PipedChildProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScopedHardwareServices.h"

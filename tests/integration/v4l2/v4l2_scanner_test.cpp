@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
-#include "PipedChildProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 
 namespace harkwell::testing {
@@ -103,8 +103,8 @@ TEST_F(ProcessNodeScannerTest, UnreadableProcessesAreSkippedWhenScanningWithoutP
   auto ownHolder = StartNodeHolder(video1, kNobody);
   ASSERT_TRUE(ownHolder);
 
-  auto scanner = PipedChildProcess::start(
-      {HARKWELL_V4L2_TEST_HELPER, "scan", "/proc", video0, video1}, kNobody);
+  auto scanner = ChildProcess::launch({HARKWELL_V4L2_TEST_HELPER, "scan", "/proc", video0, video1},
+                                      {.runAsUser = kNobody});
   ASSERT_TRUE(scanner);
   const auto first = scanner->readLine();
   const auto second = scanner->readLine();

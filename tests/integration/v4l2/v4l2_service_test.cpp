@@ -15,7 +15,7 @@
 
 #include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
-#include "PipedChildProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Waiting.h"
@@ -484,7 +484,7 @@ TEST_F(V4L2ServiceTest, QuickOpenAndCloseYieldsAtMostOnePairOfEvents) {
 
   for (int round = 0; round < 20; ++round) {
     const std::size_t before = listener.values.size();
-    auto prober = PipedChildProcess::start(
+    auto prober = ChildProcess::launch(
         {"/bin/sh", "-c", "exec 3<\"$0\" && exec 3<&-", tree.devNodePath("video0")});
     ASSERT_TRUE(prober);
     ASSERT_TRUE(prober->waitForExit().has_value());
