@@ -21,8 +21,8 @@ if [ $# -gt 0 ]; then programs=("$@"); fi
 
 scripts/install-deps.sh
 cmake --preset release >/dev/null
-# Every target of the bench folder (the presets use Makefiles), and what they depend on.
-make -C build/release/bench -j "$(nproc)" >/dev/null
+# The programs to run and the table that reads their results, and what they depend on.
+cmake --build --preset release -j "$(nproc)" --target bench_table "${programs[@]}" >/dev/null
 
 results=build/release/bench-results
 rm -rf "$results"
