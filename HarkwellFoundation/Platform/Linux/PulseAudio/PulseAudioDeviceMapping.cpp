@@ -1,6 +1,8 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 
 #include <charconv>
+#include <map>
+#include <set>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 
@@ -21,7 +23,176 @@ std::optional<std::string> PropertyOf(const PulseEndpoint& endpoint, const Pulse
   return std::nullopt;
 }
 
+const PulseCard* CardOf(const PulseEndpoint& endpoint, const PulseServerState& state) {
+  if (!endpoint.cardIndex) return nullptr;
+  auto found = state.cards.find(*endpoint.cardIndex);
+  return found == state.cards.end() ? nullptr : &found->second;
+}
+
+// The kinds of record, as the upper half of a graph key.
+enum class RecordKind : std::uint64_t { Source = 1, Sink = 2, Recording = 3, Playback = 4 };
+
+ConsumerGraph::NodeKey KeyOf(RecordKind kind, std::uint32_t index) {
+  return (static_cast<std::uint64_t>(kind) << 32) | index;
+}
+
+bool HasHardware(const PulseEndpoint& endpoint, const PulseCard* card) {
+  if (endpoint.cardIndex) return true;
+  const std::uint32_t transport = PulseTransportTypeFor(endpoint, card);
+  return transport != kAudioDeviceTransportTypeVirtual &&
+         transport != kAudioDeviceTransportTypeUnknown;
+}
+
+// The names of the filter groups a record belongs to: its owner module's and its link group's.
+std::vector<std::string> GroupsOf(const std::optional<std::uint32_t>& ownerModule,
+                                  const std::optional<std::string>& linkGroup) {
+  std::vector<std::string> groups;
+  if (ownerModule) groups.push_back("module " + std::to_string(*ownerModule));
+  if (linkGroup) groups.push_back("link " + *linkGroup);
+  return groups;
+}
+
+std::optional<std::string> LinkGroupOf(const PulseEndpoint& endpoint) {
+  auto found = endpoint.properties.find("node.link-group");
+  if (found == endpoint.properties.end()) return std::nullopt;
+  return found->second;
+}
+
+// The members of one filter group, by index.
+struct FilterGroup {
+  std::set<std::uint32_t> sources;
+  std::set<std::uint32_t> sinks;
+  std::set<std::uint32_t> recordings;
+  std::set<std::uint32_t> playbacks;
+};
+
+// Every member of every group the record belongs to, merged.
+FilterGroup MembersOf(const std::map<std::string, FilterGroup>& groups,
+                      const std::vector<std::string>& names) {
+  FilterGroup members;
+  for (const std::string& name : names) {
+    auto found = groups.find(name);
+    if (found == groups.end()) continue;
+    const FilterGroup& group = found->second;
+    members.sources.insert(group.sources.begin(), group.sources.end());
+    members.sinks.insert(group.sinks.begin(), group.sinks.end());
+    members.recordings.insert(group.recordings.begin(), group.recordings.end());
+    members.playbacks.insert(group.playbacks.begin(), group.playbacks.end());
+  }
+  return members;
+}
+
+bool IsRunningIn(const PulseEndpoint& endpoint, const ConsumerGraph& graph) {
+  // The server's own word first: a device it does not call RUNNING moves no data at all.
+  return endpoint.state == PulseEndpointState::Running &&
+         DeviceIsRunning(graph, PulseGraphKeyFor(endpoint));
+}
+
 }  // namespace
+
+ConsumerGraph::NodeKey PulseGraphKeyFor(const PulseEndpoint& endpoint) {
+  return KeyOf(endpoint.kind == PulseEndpointKind::Source ? RecordKind::Source : RecordKind::Sink,
+               endpoint.index);
+}
+
+ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
+  using Direction = ConsumerGraph::DeviceDirection;
+  using Kind = ConsumerGraph::StreamKind;
+  ConsumerGraph graph;
+  std::map<std::string, FilterGroup> groups;
+
+  for (const auto& [index, source] : state.sources) {
+    if (source.isMonitor) continue;
+    graph.addDevice(KeyOf(RecordKind::Source, index), Direction::Source,
+                    HasHardware(source, CardOf(source, state)));
+    for (const std::string& name : GroupsOf(source.ownerModule, LinkGroupOf(source))) {
+      groups[name].sources.insert(index);
+    }
+  }
+  for (const auto& [index, sink] : state.sinks) {
+    graph.addDevice(KeyOf(RecordKind::Sink, index), Direction::Sink,
+                    HasHardware(sink, CardOf(sink, state)));
+    for (const std::string& name : GroupsOf(sink.ownerModule, LinkGroupOf(sink))) {
+      groups[name].sinks.insert(index);
+    }
+  }
+  for (const auto& [index, stream] : state.recordingStreams) {
+    for (const std::string& name : GroupsOf(stream.ownerModule, stream.linkGroup)) {
+      groups[name].recordings.insert(index);
+    }
+  }
+  for (const auto& [index, stream] : state.playbackStreams) {
+    for (const std::string& name : GroupsOf(stream.ownerModule, stream.linkGroup)) {
+      groups[name].playbacks.insert(index);
+    }
+  }
+
+  for (const auto& [index, stream] : state.recordingStreams) {
+    const ConsumerGraph::NodeKey key = KeyOf(RecordKind::Recording, index);
+    auto recorded = state.sources.find(stream.sourceIndex);
+    const PulseEndpoint* source = recorded == state.sources.end() ? nullptr : &recorded->second;
+    const FilterGroup filter = MembersOf(groups, GroupsOf(stream.ownerModule, stream.linkGroup));
+    const bool isFilter =
+        !filter.sources.empty() || !filter.sinks.empty() || !filter.playbacks.empty();
+    const bool isMonitorCapture = source && source->isMonitor;
+
+    Kind kind = Kind::Program;
+    if (stream.corked) {
+      kind = Kind::Paused;
+    } else if (stream.levelMeter) {
+      kind = Kind::LevelMeter;
+    } else if (isFilter) {
+      kind = Kind::Filter;
+    } else if (isMonitorCapture) {
+      kind = Kind::MonitorCapture;
+    }
+    graph.addStream(key, kind);
+
+    if (isMonitorCapture) {
+      if (source->monitoredSink)
+        graph.addFlow(KeyOf(RecordKind::Sink, *source->monitoredSink), key);
+    } else {
+      graph.addFlow(KeyOf(RecordKind::Source, stream.sourceIndex), key);
+    }
+    if (!isFilter) continue;
+    for (std::uint32_t offered : filter.sources) {
+      const PulseEndpoint& output = state.sources.at(offered);
+      // A filter source that names its master takes only from the stream on that master.
+      auto master = output.properties.find("device.master_device");
+      if (master != output.properties.end() && source && master->second != source->name) continue;
+      graph.addFlow(key, KeyOf(RecordKind::Source, offered));
+    }
+    // A loopback offers no device: its recording half feeds its playback half.
+    if (filter.sources.empty()) {
+      for (std::uint32_t playback : filter.playbacks) {
+        graph.addFlow(key, KeyOf(RecordKind::Playback, playback));
+      }
+    }
+  }
+
+  for (const auto& [index, stream] : state.playbackStreams) {
+    const ConsumerGraph::NodeKey key = KeyOf(RecordKind::Playback, index);
+    const FilterGroup filter = MembersOf(groups, GroupsOf(stream.ownerModule, stream.linkGroup));
+    const bool isFilter =
+        !filter.sources.empty() || !filter.sinks.empty() || !filter.recordings.empty();
+    Kind kind = Kind::Program;
+    if (stream.corked) {
+      kind = Kind::Paused;
+    } else if (isFilter) {
+      kind = Kind::Filter;
+    }
+    graph.addStream(key, kind);
+    graph.addFlow(key, KeyOf(RecordKind::Sink, stream.sinkIndex));
+    if (!isFilter) continue;
+    for (std::uint32_t input : filter.sinks) graph.addFlow(KeyOf(RecordKind::Sink, input), key);
+    if (filter.sinks.empty()) {
+      for (std::uint32_t recording : filter.recordings) {
+        graph.addFlow(KeyOf(RecordKind::Recording, recording), key);
+      }
+    }
+  }
+  return graph;
+}
 
 std::uint32_t PulseTransportTypeFor(const PulseEndpoint& endpoint, const PulseCard* card) {
   const auto bus = PropertyOf(endpoint, card, "device.bus");
@@ -31,7 +202,10 @@ std::uint32_t PulseTransportTypeFor(const PulseEndpoint& endpoint, const PulseCa
 
   // The bus says how the device is attached; a built-in one says so through its form factor
   // even though it sits on a PCI (or other) bus inside the computer.
-  if (bus == "bluetooth" || api == "bluez") return kAudioDeviceTransportTypeBluetooth;
+  // PulseAudio's Bluetooth modules say "bluez"; PipeWire's (through pipewire-pulse) "bluez5".
+  if (bus == "bluetooth" || api == "bluez" || api == "bluez5") {
+    return kAudioDeviceTransportTypeBluetooth;
+  }
   if (bus == "usb") return kAudioDeviceTransportTypeUSB;
   if (bus == "firewire" || bus == "ieee1394") return kAudioDeviceTransportTypeFireWire;
   if (formFactor == "internal") return kAudioDeviceTransportTypeBuiltIn;
@@ -64,16 +238,17 @@ std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
 }
 
 bool PulseEndpointIsRunning(const PulseEndpoint& endpoint, const PulseServerState& state) {
-  if (endpoint.state != PulseEndpointState::Running) return false;
-  if (endpoint.kind == PulseEndpointKind::Sink) return true;
-  for (const auto& [index, stream] : state.recordingStreams) {
-    if (stream.sourceIndex == endpoint.index && !stream.corked && !stream.levelMeter) return true;
-  }
-  return false;
+  ConsumerGraph graph = PulseConsumerGraphFor(state);
+  const bool isSource = endpoint.kind == PulseEndpointKind::Source;
+  graph.addDevice(
+      PulseGraphKeyFor(endpoint),
+      isSource ? ConsumerGraph::DeviceDirection::Source : ConsumerGraph::DeviceDirection::Sink,
+      HasHardware(endpoint, CardOf(endpoint, state)));
+  return IsRunningIn(endpoint, graph);
 }
 
 PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCard* card,
-                                   const PulseServerState& state) {
+                                   const ConsumerGraph& graph) {
   PulseMappedDevice device;
   device.kind = endpoint.kind;
   device.uid = endpoint.name;
@@ -83,7 +258,7 @@ PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCar
   const bool isSource = endpoint.kind == PulseEndpointKind::Source;
   device.inputStreamCount = isSource ? 1 : 0;
   device.outputStreamCount = isSource ? 0 : 1;
-  device.isRunning = PulseEndpointIsRunning(endpoint, state);
+  device.isRunning = IsRunningIn(endpoint, graph);
   device.soundCard = PulseSoundCardFor(endpoint, card);
   if (isSource && !endpoint.ports.empty()) {
     device.inputSources = endpoint.ports;
@@ -93,18 +268,16 @@ PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCar
 }
 
 std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state) {
-  auto cardOf = [&](const PulseEndpoint& endpoint) -> const PulseCard* {
-    if (!endpoint.cardIndex) return nullptr;
-    auto found = state.cards.find(*endpoint.cardIndex);
-    return found == state.cards.end() ? nullptr : &found->second;
-  };
+  const ConsumerGraph graph = PulseConsumerGraphFor(state);
   std::vector<PulseMappedDevice> devices;
   devices.reserve(state.sources.size() + state.sinks.size());
   for (const auto& [index, source] : state.sources) {
-    if (!source.isMonitor) devices.push_back(MapPulseEndpoint(source, cardOf(source), state));
+    if (!source.isMonitor) {
+      devices.push_back(MapPulseEndpoint(source, CardOf(source, state), graph));
+    }
   }
   for (const auto& [index, sink] : state.sinks) {
-    devices.push_back(MapPulseEndpoint(sink, cardOf(sink), state));
+    devices.push_back(MapPulseEndpoint(sink, CardOf(sink, state), graph));
   }
   return devices;
 }
