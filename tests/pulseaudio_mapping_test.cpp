@@ -202,15 +202,23 @@ TEST(PulseServerStateTest, StreamsKeepTheirOwnerModuleAndLinkGroup) {
   recording.index = 3;
   recording.source = 1;
   recording.owner_module = 9;
+  recording.client = PA_INVALID_INDEX;
   recording.proplist = grouped.list;
   EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(recording),
             (PulseRecordingStream{3, 1, false, false, 9, "loopback-1-2"}));
+  // A client's stream names the protocol module it came through: that ties nothing together.
+  recording.client = 5;
+  recording.owner_module = 2;
+  recording.proplist = nullptr;
+  EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(recording),
+            (PulseRecordingStream{3, 1, false, false, std::nullopt, std::nullopt}));
 
   pa_sink_input_info playback{};
   playback.index = 4;
   playback.sink = 2;
   playback.corked = 1;
   playback.owner_module = PA_INVALID_INDEX;
+  playback.client = PA_INVALID_INDEX;
   EXPECT_EQ(PulsePlaybackStreamFromSinkInputInfo(playback),
             (PulsePlaybackStream{4, 2, true, std::nullopt, std::nullopt}));
   playback.proplist = grouped.list;

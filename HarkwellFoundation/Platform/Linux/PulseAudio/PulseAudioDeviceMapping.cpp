@@ -131,9 +131,11 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
     const ConsumerGraph::NodeKey key = KeyOf(RecordKind::Recording, index);
     auto recorded = state.sources.find(stream.sourceIndex);
     const PulseEndpoint* source = recorded == state.sources.end() ? nullptr : &recorded->second;
-    const FilterGroup filter = MembersOf(groups, GroupsOf(stream.ownerModule, stream.linkGroup));
-    const bool isFilter =
-        !filter.sources.empty() || !filter.sinks.empty() || !filter.playbacks.empty();
+    const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
+    const FilterGroup filter = MembersOf(groups, names);
+    // A module's stream, or one of a link group, is a filter's half even before the rest of its
+    // filter shows up: a filter module puts its recording stream in place before its source.
+    const bool isFilter = !names.empty();
     const bool isMonitorCapture = source && source->isMonitor;
 
     Kind kind = Kind::Program;
@@ -172,9 +174,9 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
 
   for (const auto& [index, stream] : state.playbackStreams) {
     const ConsumerGraph::NodeKey key = KeyOf(RecordKind::Playback, index);
-    const FilterGroup filter = MembersOf(groups, GroupsOf(stream.ownerModule, stream.linkGroup));
-    const bool isFilter =
-        !filter.sources.empty() || !filter.sinks.empty() || !filter.recordings.empty();
+    const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
+    const FilterGroup filter = MembersOf(groups, names);
+    const bool isFilter = !names.empty();
     Kind kind = Kind::Program;
     if (stream.corked) {
       kind = Kind::Paused;

@@ -61,16 +61,18 @@ std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
 //   devices   every source but monitors, and every sink; with hardware behind it when a card owns
 //             it or its transport is a bus (neither virtual nor unknown)
 //   streams   a recording stream is paused when corked, else a level meter when the server feeds
-//             it peaks, else a monitor capture when it records a sink's monitor, else one half of a
-//             filter when it belongs to a filter, else a program's. A playback stream is paused
-//             when corked, else a filter's half, else a program's.
+//             it peaks, else one half of a filter when a module opened it (it has no client) or
+//             it has a "node.link-group", else a monitor capture when it records a sink's monitor,
+//             else a program's. A playback stream is paused when corked, else a filter's half on
+//             the same terms, else a program's. (Programs' streams belong to clients; a module
+//             that sends a source over the network is judged as a filter feeding nobody.)
 //   filters   records that share an owner module or a "node.link-group" belong to one filter: a
 //             filter module (virtual, remapped, echo-cancelling source or sink, loopback) owns the
 //             streams it opens and the devices it offers. Its recording stream feeds the sources of
 //             the group (only those whose "device.master_device", if any, names the source it
 //             records from), or, without any, the group's playback streams (a loopback). Its
 //             playback stream is fed by the sinks of the group, or, without any, by the group's
-//             recording streams.
+//             recording streams. A half whose group offers nothing yet feeds nothing.
 //   flows     a source into each stream recording from it, a sink into each capture of its
 //             monitor, each playback stream into its sink, and the filter links above.
 // Keys: the record's index, with the kind of record in the upper 32 bits.

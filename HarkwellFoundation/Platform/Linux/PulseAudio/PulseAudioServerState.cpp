@@ -27,6 +27,13 @@ std::optional<std::uint32_t> IndexOf(std::uint32_t index) {
   return index;
 }
 
+// The module a stream belongs to when no client opened it. A client's streams name the protocol
+// module the client came through as their owner, which ties nothing together.
+std::optional<std::uint32_t> ModuleOwning(std::uint32_t ownerModule, std::uint32_t client) {
+  if (client != PA_INVALID_INDEX) return std::nullopt;
+  return IndexOf(ownerModule);
+}
+
 // A proplist entry that reads "true".
 bool IsTrue(const pa_proplist* list, const char* key) {
   const char* value = list ? pa_proplist_gets(list, key) : nullptr;
@@ -98,12 +105,13 @@ PulseRecordingStream PulseRecordingStreamFromSourceOutputInfo(const pa_source_ou
                               info.source,
                               info.corked != 0,
                               peaks,
-                              IndexOf(info.owner_module),
+                              ModuleOwning(info.owner_module, info.client),
                               LinkGroupOf(info.proplist)};
 }
 
 PulsePlaybackStream PulsePlaybackStreamFromSinkInputInfo(const pa_sink_input_info& info) {
-  return PulsePlaybackStream{info.index, info.sink, info.corked != 0, IndexOf(info.owner_module),
+  return PulsePlaybackStream{info.index, info.sink, info.corked != 0,
+                             ModuleOwning(info.owner_module, info.client),
                              LinkGroupOf(info.proplist)};
 }
 

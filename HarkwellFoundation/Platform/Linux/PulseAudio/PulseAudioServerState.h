@@ -71,8 +71,9 @@ struct PulseRecordingStream {
   // for. PulseAudio tells by the resample method "peaks"; pipewire-pulse reports "PipeWire" there
   // and marks the stream with "stream.monitor" or "resample.peaks" set to "true".
   bool levelMeter = false;
-  // What ties a filter's halves together: the module that owns the stream (PulseAudio's filter
-  // modules own their streams and the device they offer), and PipeWire's "node.link-group".
+  // What ties a filter's halves together: the module that opened the stream itself, with no client
+  // (PulseAudio's filter modules own their streams and the device they offer; a client's streams
+  // are left without one), and PipeWire's "node.link-group".
   std::optional<std::uint32_t> ownerModule;
   std::optional<std::string> linkGroup;
 
@@ -84,6 +85,7 @@ struct PulsePlaybackStream {
   std::uint32_t index = 0;
   std::uint32_t sinkIndex = 0;
   bool corked = false;
+  // As for recording streams.
   std::optional<std::uint32_t> ownerModule;
   std::optional<std::string> linkGroup;
 
