@@ -498,7 +498,7 @@ TEST(PulseRunningMappingTest, RunningSinkIsRunningWhileAProgramPlaysToIt) {
   EXPECT_FALSE(PulseEndpointIsRunning(sink, state)) << "nobody plays";
   state.playbackStreams.emplace(30, PulsePlaybackStream{30, 0});
   EXPECT_TRUE(PulseEndpointIsRunning(sink, state));
-  sink.state = PulseEndpointState::Idle;
+  sink.state = PulseEndpointState::Suspended;
   EXPECT_FALSE(PulseEndpointIsRunning(sink, state));
 }
 
@@ -534,11 +534,18 @@ TEST(PulseRunningMappingTest, RecordingOnAnotherSourceDoesNotCount) {
   EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
 }
 
-TEST(PulseRunningMappingTest, IdleOrSuspendedSourceIsNotRunningWhateverItsStreams) {
+TEST(PulseRunningMappingTest, SuspendedSourceIsNotRunningWhateverItsStreams) {
   PulseServerState state;
   state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, false});
-  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Idle), state));
   EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Suspended), state));
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Invalid), state));
+}
+
+TEST(PulseRunningMappingTest, ARecordingOnAnIdleSourceCountsBeforeTheServerSaysRunning) {
+  // The server reports a new stream before the state it puts the source in.
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, false});
+  EXPECT_TRUE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Idle), state));
 }
 
 TEST(PulseRunningMappingTest, IdleToSuspendedMapsToTheSameDevice) {

@@ -3,24 +3,29 @@
 #include <charconv>
 #include <map>
 #include <set>
+#include <string_view>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 
 namespace harkwell {
 namespace {
 
-// The value of `key` on the device, else on its card.
-std::optional<std::string> PropertyOf(const PulseEndpoint& endpoint, const PulseCard* card,
-                                      const std::string& key) {
+// The value of `key` on the device, else on its card; null when neither has it.
+const std::string* PropertyOf(const PulseEndpoint& endpoint, const PulseCard* card,
+                              std::string_view key) {
   if (auto found = endpoint.properties.find(key); found != endpoint.properties.end()) {
-    return found->second;
+    return &found->second;
   }
   if (card) {
     if (auto found = card->properties.find(key); found != card->properties.end()) {
-      return found->second;
+      return &found->second;
     }
   }
-  return std::nullopt;
+  return nullptr;
+}
+
+bool Is(const std::string* value, std::string_view expected) {
+  return value && *value == expected;
 }
 
 const PulseCard* CardOf(const PulseEndpoint& endpoint, const PulseServerState& state) {
@@ -83,9 +88,11 @@ FilterGroup MembersOf(const std::map<std::string, FilterGroup>& groups,
 }
 
 bool IsRunningIn(const PulseEndpoint& endpoint, const ConsumerGraph& graph) {
-  // The server's own word first: a device it does not call RUNNING moves no data at all.
-  return endpoint.state == PulseEndpointState::Running &&
-         DeviceIsRunning(graph, PulseGraphKeyFor(endpoint));
+  // A suspended device moves no data, whoever holds a stream on it. An idle one may: the server
+  // reports a new stream before the state it puts the device in, and the stream is the answer.
+  const bool awake =
+      endpoint.state == PulseEndpointState::Running || endpoint.state == PulseEndpointState::Idle;
+  return awake && DeviceIsRunning(graph, PulseGraphKeyFor(endpoint));
 }
 
 }  // namespace
@@ -197,30 +204,32 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
 }
 
 std::uint32_t PulseTransportTypeFor(const PulseEndpoint& endpoint, const PulseCard* card) {
-  const auto bus = PropertyOf(endpoint, card, "device.bus");
-  const auto api = PropertyOf(endpoint, card, "device.api");
-  const auto formFactor = PropertyOf(endpoint, card, "device.form_factor");
-  const auto deviceClass = PropertyOf(endpoint, card, "device.class");
+  const std::string* bus = PropertyOf(endpoint, card, "device.bus");
+  const std::string* api = PropertyOf(endpoint, card, "device.api");
+  const std::string* formFactor = PropertyOf(endpoint, card, "device.form_factor");
+  const std::string* deviceClass = PropertyOf(endpoint, card, "device.class");
 
   // The bus says how the device is attached; a built-in one says so through its form factor
   // even though it sits on a PCI (or other) bus inside the computer.
   // PulseAudio's Bluetooth modules say "bluez"; PipeWire's (through pipewire-pulse) "bluez5".
-  if (bus == "bluetooth" || api == "bluez" || api == "bluez5") {
+  if (Is(bus, "bluetooth") || Is(api, "bluez") || Is(api, "bluez5")) {
     return kAudioDeviceTransportTypeBluetooth;
   }
-  if (bus == "usb") return kAudioDeviceTransportTypeUSB;
-  if (bus == "firewire" || bus == "ieee1394") return kAudioDeviceTransportTypeFireWire;
-  if (formFactor == "internal") return kAudioDeviceTransportTypeBuiltIn;
-  if (bus == "pci") return kAudioDeviceTransportTypePCI;
+  if (Is(bus, "usb")) return kAudioDeviceTransportTypeUSB;
+  if (Is(bus, "firewire") || Is(bus, "ieee1394")) return kAudioDeviceTransportTypeFireWire;
+  if (Is(formFactor, "internal")) return kAudioDeviceTransportTypeBuiltIn;
+  if (Is(bus, "pci")) return kAudioDeviceTransportTypePCI;
   // Null devices, loopbacks, filters and network tunnels have no hardware behind them.
-  if (deviceClass == "abstract" || deviceClass == "filter") return kAudioDeviceTransportTypeVirtual;
+  if (Is(deviceClass, "abstract") || Is(deviceClass, "filter")) {
+    return kAudioDeviceTransportTypeVirtual;
+  }
   if (!bus && !endpoint.cardIndex) return kAudioDeviceTransportTypeVirtual;
   return kAudioDeviceTransportTypeUnknown;
 }
 
 std::optional<std::string> PulseModelUIDFor(const PulseEndpoint& endpoint, const PulseCard* card) {
-  const auto vendor = PropertyOf(endpoint, card, "device.vendor.id");
-  const auto product = PropertyOf(endpoint, card, "device.product.id");
+  const std::string* vendor = PropertyOf(endpoint, card, "device.vendor.id");
+  const std::string* product = PropertyOf(endpoint, card, "device.product.id");
   if (!vendor || !product || vendor->empty() || product->empty()) return std::nullopt;
   return *vendor + ":" + *product;
 }

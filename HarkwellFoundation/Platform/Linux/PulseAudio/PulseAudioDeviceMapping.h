@@ -79,9 +79,9 @@ std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
 ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state);
 ConsumerGraph::NodeKey PulseGraphKeyFor(const PulseEndpoint& endpoint);
 
-// Whether the device is in use by any process: the server calls it RUNNING and the shared rule
-// finds a real consumer (a source) or a real producer (a sink) in the server's graph. A device
-// missing from `state` is judged as if it were there.
+// Whether the device is in use by any process: the server does not hold it suspended and the
+// shared rule finds a real consumer (a source) or a real producer (a sink) in the server's graph.
+// A device missing from `state` is judged as if it were there.
 bool PulseEndpointIsRunning(const PulseEndpoint& endpoint, const PulseServerState& state);
 
 }  // namespace harkwell

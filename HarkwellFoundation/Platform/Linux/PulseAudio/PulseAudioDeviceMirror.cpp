@@ -212,13 +212,22 @@ std::vector<PulseAudioDeviceMirror::Change> PulseAudioDeviceMirror::update(
     const std::vector<PulseMappedDevice>& devices) {
   // Sources come before sinks in `devices`, so a source and a sink of one name always take their
   // slots in the same order.
+  // Two records of one kind under one name (never from a sane server) are one device: the last.
+  std::map<DeviceKey, std::size_t> lastOfKey;
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    lastOfKey[DeviceKey(devices[i].kind, devices[i].uid)] = i;
+  }
+  std::vector<const PulseMappedDevice*> distinct;
   std::vector<std::string> uids;
-  uids.reserve(devices.size());
-  for (const PulseMappedDevice& device : devices) uids.push_back(device.uid);
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    if (lastOfKey[DeviceKey(devices[i].kind, devices[i].uid)] != i) continue;
+    distinct.push_back(&devices[i]);
+    uids.push_back(devices[i].uid);
+  }
   const std::vector<ObjectID> ids = AssignStableDeviceIDs(StableIDSpace::Audio, uids);
   std::map<ObjectID, Entry> next;
-  for (std::size_t i = 0; i < devices.size(); ++i) {
-    if (ids[i] != 0) next.insert_or_assign(ids[i], entryFor(devices[i]));
+  for (std::size_t i = 0; i < distinct.size(); ++i) {
+    if (ids[i] != 0) next.emplace(ids[i], entryFor(*distinct[i]));
   }
 
   std::vector<Change> changes;

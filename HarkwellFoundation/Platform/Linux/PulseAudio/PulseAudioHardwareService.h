@@ -31,7 +31,9 @@
 //   "stm#"                        a source has one input stream, a sink one output stream (4 bytes
 //                                 each; the stream's ID is the device's ID + 1 and is not an
 //                                 object)
-//   "gone" (running somewhere)    the server calls the device RUNNING and the shared running rule
+//   "gone" (running somewhere)    the server does not hold the device suspended (a stream on an
+//                                 IDLE device counts as soon as the server reports the stream,
+//                                 before the device's new state) and the shared running rule
 //                                 (ConsumerGraph.h) finds a real consumer of a source, or a real
 //                                 producer for a sink, in the server's graph
 //                                 (PulseConsumerGraphFor in PulseAudioDeviceMapping.h): recording

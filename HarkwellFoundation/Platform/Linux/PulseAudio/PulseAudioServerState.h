@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -19,8 +20,8 @@ struct pa_sink_input_info;
 
 namespace harkwell {
 
-// A proplist's string entries ("device.bus" -> "usb").
-using PulseProperties = std::map<std::string, std::string>;
+// A proplist's string entries ("device.bus" -> "usb"), found by any string-like key.
+using PulseProperties = std::map<std::string, std::string, std::less<>>;
 
 enum class PulseEndpointKind { Source, Sink };
 
