@@ -249,12 +249,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (!source) Require(device.inputSources.empty(), "a sink with input sources");
       if (device.isRunning) {
         const auto& endpoints = source ? state.sources : state.sinks;
-        bool serverRuns = false;
+        bool awake = false;
         for (const auto& [index, endpoint] : endpoints) {
-          serverRuns = serverRuns || (endpoint.name == device.uid &&
-                                      endpoint.state == PulseEndpointState::Running);
+          awake = awake ||
+                  (endpoint.name == device.uid && (endpoint.state == PulseEndpointState::Running ||
+                                                   endpoint.state == PulseEndpointState::Idle));
         }
-        Require(serverRuns, "a device running that the server does not run");
+        Require(awake, "a device running that the server holds suspended");
       }
       keys.emplace(device.kind, device.uid);
     }
