@@ -329,18 +329,20 @@ TEST(PulseAudioDeviceMirrorTest, HogModeOfADeviceWithACardNamesTheCard) {
   withCard.soundCard = 4;
   mirror.update({withCard, Speakers("null")});
   std::uint32_t card = 0;
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, Global(kAudioDevicePropertyHogMode), &card), kNoErr);
+  EXPECT_EQ(mirror.hogModeSoundCard(IDOf("mic"), Global(kAudioDevicePropertyHogMode), &card),
+            kNoErr);
   EXPECT_EQ(card, 4u);
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, Output(kAudioDevicePropertyHogMode), &card), kNoErr);
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst + 2, Global(kAudioDevicePropertyHogMode), &card),
+  EXPECT_EQ(mirror.hogModeSoundCard(IDOf("mic"), Output(kAudioDevicePropertyHogMode), &card),
+            kNoErr);
+  EXPECT_EQ(mirror.hogModeSoundCard(IDOf("null"), Global(kAudioDevicePropertyHogMode), &card),
             kAudioHardwareUnknownPropertyError);
-  EXPECT_EQ(mirror.hogModeSoundCard(kAudioObjectSystemObject, Global(kAudioDevicePropertyHogMode),
-                                    &card),
-            kAudioHardwareUnknownPropertyError);
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, {kAudioDevicePropertyHogMode,
-                                             kAudioObjectPropertyScopeGlobal, 1},
-                                    &card),
-            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(
+      mirror.hogModeSoundCard(kAudioObjectSystemObject, Global(kAudioDevicePropertyHogMode), &card),
+      kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(
+      mirror.hogModeSoundCard(
+          IDOf("mic"), {kAudioDevicePropertyHogMode, kAudioObjectPropertyScopeGlobal, 1}, &card),
+      kAudioHardwareUnknownPropertyError);
   EXPECT_EQ(mirror.hogModeSoundCard(999, Global(kAudioDevicePropertyHogMode), &card),
             kAudioHardwareBadObjectError);
 }
