@@ -51,8 +51,8 @@ INSTANTIATE_TYPED_TEST_SUITE_P(PipeWirePulse, PulseRunningTest, PipeWirePulseSta
 using PipeWirePulseRunningTest = PulseRunningTest<PipeWirePulseStack>;
 
 TEST_F(PipeWirePulseRunningTest, PwRecordMakesTheMicrophoneRunningAndStoppingMakesItIdle) {
-  ValueProbe running(*service_, microphone_, kRunning, queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*service_, microphone_, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ChildProcess recorder;
   ASSERT_EQ(server_.stack().startRecorder(recorder, kMicrophone), "");
   ASSERT_TRUE(running.waitForValue({1})) << server_.output();
@@ -62,8 +62,8 @@ TEST_F(PipeWirePulseRunningTest, PwRecordMakesTheMicrophoneRunningAndStoppingMak
 
 TEST_F(PipeWirePulseRunningTest, APipeWireMonitorStreamNeverMakesTheMicrophoneRunning) {
   // What PipeWire's own volume controls open: a stream marked stream.monitor=true.
-  ValueProbe running(*service_, microphone_, kRunning, queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*service_, microphone_, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ChildProcess meter;
   ASSERT_EQ(server_.stack().startRecorder(meter, kMicrophone, "stream.monitor=true"), "");
   ASSERT_TRUE(waitForServerState(kMicrophone, "RUNNING")) << server_.output();
@@ -73,8 +73,8 @@ TEST_F(PipeWirePulseRunningTest, APipeWireMonitorStreamNeverMakesTheMicrophoneRu
 }
 
 TEST_F(PipeWirePulseRunningTest, APwLoopbackSourceMakesTheMicrophoneRunningOnlyWhileItIsRecorded) {
-  ValueProbe running(*service_, microphone_, kRunning, queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*service_, microphone_, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ChildProcess loopback;
   ASSERT_EQ(server_.stack().startLoopbackSource(loopback, kMicrophone, "harkwell_filter", "Filter"),
             "");
@@ -91,8 +91,8 @@ TEST_F(PipeWirePulseRunningTest, APwLoopbackSourceMakesTheMicrophoneRunningOnlyW
 }
 
 TEST_F(PipeWirePulseRunningTest, AMicrophoneMadeWithPwCliComesAndGoes) {
-  ValueProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
-  ASSERT_TRUE(list.added());
+  PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
+  ASSERT_EQ(list.add(), kNoErr);
   ASSERT_EQ(server_.stack().createVirtualMicrophone("harkwell_second_mic", "Second"), "");
   ASSERT_TRUE(list.calls().waitUntil(
       [&](const auto&) { return DeviceWithUID(*service_, "harkwell_second_mic").has_value(); }));

@@ -1,18 +1,15 @@
 // The PulseAudio service's "running" cases, written once and run against every server that speaks
 // the PulseAudio protocol: the real pulseaudio daemon and PipeWire's pipewire-pulse. A suite
 // instantiates them with a server type that offers:
-//
-//   static const char* kLabel                      how the test names it
-//   std::string start()                            starts it with its test microphone; "" or why
-//   not std::string restart()                          kills the daemon and starts it again,
-//   microphone
-//                                                  included; "" or why not
-//   std::string address() const                    its libpulse server string
-//   std::string microphone() const                 the test microphone's source name
-//   std::map<...> clientEnvironment() const        the environment a client program needs
-//   std::string addBluetoothDevice(client, name)   a device whose node says device.api=bluez5
-//   std::string addBarrierDevice(client, name)     any new device, to order the service's events
-//   std::string output() const                     what the server's programs wrote
+//   - kLabel: how the test names the server;
+//   - start(): starts it with its test microphone, "" or why not;
+//   - restart(): kills the daemon and starts it again, microphone included, "" or why not;
+//   - address(): its libpulse server string;
+//   - microphone(): the test microphone's source name;
+//   - clientEnvironment(): the environment a client program needs;
+//   - addBluetoothDevice(client, name): a device whose node says device.api=bluez5;
+//   - addBarrierDevice(client, name): any new device, to order the service's events;
+//   - output(): what the server's programs wrote.
 //
 // Included by one file per test program, which instantiates the cases.
 #pragma once
@@ -31,7 +28,7 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
-#include "HarkwellFoundation/Platform/PlatformString.h"
+#include "tests/support/AudioServiceReads.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PulseTestClient.h"
 #include "tests/support/Waiting.h"
@@ -39,109 +36,19 @@
 namespace harkwell::running_cases {
 
 using testing::ChildProcess;
+using testing::DeviceIDs;
+using testing::DeviceWithUID;
 using testing::DrainQueue;
+using testing::Global;
+using testing::kDevices;
+using testing::kRunning;
+using testing::PropertyProbe;
 using testing::PulseTestClient;
 using testing::Recorder;
-
-inline PropertyAddress Global(std::uint32_t selector) {
-  return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
-}
-
-inline const PropertyAddress kDevices = Global(kAudioHardwarePropertyDevices);
-inline const PropertyAddress kRunning = Global(kAudioDevicePropertyDeviceIsRunningSomewhere);
+using testing::UInt32Property;
 
 // The sink both servers start with.
 inline constexpr const char* kNullSink = "harkwell_null_sink";
-
-inline std::vector<ObjectID> DeviceIDs(AudioHardwareService& service) {
-  std::uint32_t size = 0;
-  if (service.getPropertyDataSize(kAudioObjectSystemObject, kDevices, 0, nullptr, &size) !=
-      kNoErr) {
-    return {};
-  }
-  std::vector<ObjectID> ids(size / 4);
-  if (service.getPropertyData(kAudioObjectSystemObject, kDevices, 0, nullptr, &size, ids.data()) !=
-      kNoErr) {
-    return {};
-  }
-  ids.resize(size / 4);
-  return ids;
-}
-
-inline std::optional<std::string> UID(AudioHardwareService& service, ObjectID device) {
-  OwnedPlatformString string;
-  std::uint32_t size = sizeof(PlatformStringRef);
-  if (service.getPropertyData(device, Global(kAudioDevicePropertyDeviceUID), 0, nullptr, &size,
-                              string.slot()) != kNoErr ||
-      !string.get()) {
-    return std::nullopt;
-  }
-  return PlatformStringText(string.get());
-}
-
-inline std::optional<ObjectID> DeviceWithUID(AudioHardwareService& service,
-                                             const std::string& uid) {
-  for (ObjectID id : DeviceIDs(service)) {
-    if (UID(service, id) == uid) return id;
-  }
-  return std::nullopt;
-}
-
-inline std::optional<std::uint32_t> UInt32Property(AudioHardwareService& service, ObjectID device,
-                                                   const PropertyAddress& address) {
-  std::uint32_t value = 0;
-  std::uint32_t size = sizeof value;
-  if (service.getPropertyData(device, address, 0, nullptr, &size, &value) != kNoErr) {
-    return std::nullopt;
-  }
-  return value;
-}
-
-// A listener on one 4-byte property (or the device list) that records what each call reads.
-class ValueProbe {
- public:
-  ValueProbe(AudioHardwareService& service, ObjectID object, PropertyAddress address,
-             std::shared_ptr<DispatchQueue> queue)
-      : service_(service), object_(object), address_(address), queue_(std::move(queue)) {
-    closure_ = std::make_shared<const PropertyListener>([this](std::uint32_t,
-                                                               const PropertyAddress*) {
-      std::uint32_t size = 0;
-      service_.getPropertyDataSize(object_, address_, 0, nullptr, &size);
-      std::vector<std::uint32_t> value(size / 4);
-      if (service_.getPropertyData(object_, address_, 0, nullptr, &size, value.data()) != kNoErr) {
-        value.clear();
-      }
-      calls_.append(value);
-    });
-    added_ = service_.addPropertyListenerBlock(object_, address_, queue_,
-                                               PlatformListenerBlock::copy(closure_)) == kNoErr;
-  }
-  ~ValueProbe() {
-    if (added_) {
-      service_.removePropertyListenerBlock(object_, address_, queue_,
-                                           PlatformListenerBlock::copy(closure_));
-    }
-    DrainQueue(queue_);
-  }
-  ValueProbe(const ValueProbe&) = delete;
-  ValueProbe& operator=(const ValueProbe&) = delete;
-
-  bool added() const { return added_; }
-  Recorder<std::vector<std::uint32_t>>& calls() { return calls_; }
-  bool waitForValue(const std::vector<std::uint32_t>& value) {
-    return calls_.waitUntil(
-        [&](const auto& values) { return !values.empty() && values.back() == value; });
-  }
-
- private:
-  AudioHardwareService& service_;
-  ObjectID object_;
-  PropertyAddress address_;
-  std::shared_ptr<DispatchQueue> queue_;
-  SharedPropertyListener closure_;
-  Recorder<std::vector<std::uint32_t>> calls_;
-  bool added_ = false;
-};
 
 template <class Server>
 class PulseRunningTest : public ::testing::Test {
@@ -205,8 +112,8 @@ class PulseRunningTest : public ::testing::Test {
   // Adds a device and waits until the service lists it, its notifications run: every change the
   // server reported before is applied and notified by then.
   void settle(const std::string& barrierName) {
-    ValueProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
-    ASSERT_TRUE(list.added());
+    PropertyProbe list(*service_, kAudioObjectSystemObject, kDevices, queue_);
+    ASSERT_EQ(list.add(), kNoErr);
     ASSERT_EQ(server_.addBarrierDevice(client(), barrierName), "") << server_.output();
     ASSERT_TRUE(list.calls().waitUntil(
         [&](const auto&) { return DeviceWithUID(*service_, barrierName).has_value(); }));
@@ -233,8 +140,8 @@ TYPED_TEST_P(PulseRunningTest, TheMicrophoneHasTheIDOfItsUID) {
 }
 
 TYPED_TEST_P(PulseRunningTest, ParecordMakesTheMicrophoneRunningAndStoppingMakesItIdle) {
-  ValueProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ChildProcess parecord;
   ASSERT_EQ(this->startParecord(parecord, this->server_.microphone()), "");
   ASSERT_TRUE(running.waitForValue({1})) << this->server_.output();
@@ -244,8 +151,8 @@ TYPED_TEST_P(PulseRunningTest, ParecordMakesTheMicrophoneRunningAndStoppingMakes
 }
 
 TYPED_TEST_P(PulseRunningTest, TwoRecordersKeepTheMicrophoneRunningUntilTheLastStops) {
-  ValueProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ChildProcess first;
   ChildProcess second;
   ASSERT_EQ(this->startParecord(first, this->server_.microphone()), "");
@@ -265,8 +172,8 @@ TYPED_TEST_P(PulseRunningTest, TwoRecordersKeepTheMicrophoneRunningUntilTheLastS
 }
 
 TYPED_TEST_P(PulseRunningTest, ALevelMeterNeverMakesTheMicrophoneRunning) {
-  ValueProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   auto meter = this->client().record(this->server_.microphone(), {.levelMeter = true});
   ASSERT_TRUE(meter);
   // The server itself runs the microphone for the meter.
@@ -284,8 +191,8 @@ TYPED_TEST_P(PulseRunningTest, ALevelMeterNeverMakesTheMicrophoneRunning) {
 }
 
 TYPED_TEST_P(PulseRunningTest, ARemappedSourceMakesTheMicrophoneRunningOnlyWhileItIsRecorded) {
-  ValueProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*this->service_, this->microphone_, kRunning, this->queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ASSERT_TRUE(this->client().loadModule(
       "module-remap-source", "master=" + this->server_.microphone() + " source_name=remapped_mic"));
   this->settle("barrier_remap");
@@ -302,8 +209,8 @@ TYPED_TEST_P(PulseRunningTest, ARemappedSourceMakesTheMicrophoneRunningOnlyWhile
   EXPECT_EQ(running.calls().size(), 0u);
   meter.reset();
 
-  ValueProbe remappedRunning(*this->service_, *remapped, kRunning, this->queue_);
-  ASSERT_TRUE(remappedRunning.added());
+  PropertyProbe remappedRunning(*this->service_, *remapped, kRunning, this->queue_);
+  ASSERT_EQ(remappedRunning.add(), kNoErr);
   ChildProcess parecord;
   ASSERT_EQ(this->startParecord(parecord, "remapped_mic"), "");
   ASSERT_TRUE(running.waitForValue({1})) << this->server_.output();
@@ -316,8 +223,8 @@ TYPED_TEST_P(PulseRunningTest, PlayingToTheSinkMakesItRunningUntilThePlayerStops
   const auto sink = DeviceWithUID(*this->service_, kNullSink);
   ASSERT_TRUE(sink);
   EXPECT_EQ(UInt32Property(*this->service_, *sink, kRunning), 0u);
-  ValueProbe running(*this->service_, *sink, kRunning, this->queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*this->service_, *sink, kRunning, this->queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ChildProcess player;
   std::string error;
   ASSERT_TRUE(player.start(
@@ -332,8 +239,8 @@ TYPED_TEST_P(PulseRunningTest, PlayingToTheSinkMakesItRunningUntilThePlayerStops
 TYPED_TEST_P(PulseRunningTest, ABluez5DeviceIsBluetooth) {
   ASSERT_EQ(this->server_.addBluetoothDevice(this->client(), "harkwell_bt_headset"), "")
       << this->server_.output();
-  ValueProbe list(*this->service_, kAudioObjectSystemObject, kDevices, this->queue_);
-  ASSERT_TRUE(list.added());
+  PropertyProbe list(*this->service_, kAudioObjectSystemObject, kDevices, this->queue_);
+  ASSERT_EQ(list.add(), kNoErr);
   std::optional<ObjectID> headset = DeviceWithUID(*this->service_, "harkwell_bt_headset");
   if (!headset) {
     ASSERT_TRUE(list.calls().waitUntil([&](const auto&) {
@@ -347,8 +254,8 @@ TYPED_TEST_P(PulseRunningTest, ABluez5DeviceIsBluetooth) {
 
 TYPED_TEST_P(PulseRunningTest, ARestartedServerBringsTheDevicesBackWithTheirIDs) {
   const std::vector<ObjectID> before = DeviceIDs(*this->service_);
-  ValueProbe list(*this->service_, kAudioObjectSystemObject, kDevices, this->queue_);
-  ASSERT_TRUE(list.added());
+  PropertyProbe list(*this->service_, kAudioObjectSystemObject, kDevices, this->queue_);
+  ASSERT_EQ(list.add(), kNoErr);
   ASSERT_EQ(this->server_.restart(), "") << this->server_.output();
   ASSERT_TRUE(list.calls().waitUntil([&](const auto& values) {
     return !values.empty() &&

@@ -49,8 +49,8 @@ using PulseAudioOnlyRunningTest = PulseRunningTest<PulseAudioDaemon>;
 TEST_F(PulseAudioOnlyRunningTest, AVirtualSourceMakesTheMicrophoneRunningOnlyWhileItIsRecorded) {
   // module-virtual-source keeps recording its master whether or not anyone records from it (the
   // daemon runs without suspend-on-idle): the server calls the microphone RUNNING all along.
-  ValueProbe running(*service_, microphone_, kRunning, queue_);
-  ASSERT_TRUE(running.added());
+  PropertyProbe running(*service_, microphone_, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
   ASSERT_TRUE(client().loadModule("module-virtual-source",
                                   "master=" + server_.microphone() + " source_name=virtual_mic"));
   ASSERT_TRUE(waitForServerState(server_.microphone(), "RUNNING"));
