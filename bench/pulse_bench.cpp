@@ -130,10 +130,20 @@ class BareStateReader {
     }
     if (pa_context_get_state(context_) == PA_CONTEXT_READY) {
       pa_context_set_subscribe_callback(context_, &BareStateReader::onEvent, this);
-      pa_operation* subscribing =
-          pa_context_subscribe(context_, PA_SUBSCRIPTION_MASK_SOURCE, nullptr, nullptr);
-      if (subscribing) pa_operation_unref(subscribing);
-      ready_ = true;
+      // Subscribed once the server has answered: a start made before that would go unheard.
+      pa_operation* subscribing = pa_context_subscribe(
+          context_, PA_SUBSCRIPTION_MASK_SOURCE,
+          [](pa_context*, int, void* loop) {
+            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
+          },
+          loop_);
+      if (subscribing) {
+        while (pa_operation_get_state(subscribing) == PA_OPERATION_RUNNING) {
+          pa_threaded_mainloop_wait(loop_);
+        }
+        ready_ = pa_operation_get_state(subscribing) == PA_OPERATION_DONE;
+        pa_operation_unref(subscribing);
+      }
     }
     pa_threaded_mainloop_unlock(loop_);
   }
@@ -273,9 +283,13 @@ void BM_RecordingStartToChangedRunning(benchmark::State& state) {
       serviceHeard.clear();
       const Clock::time_point started = Clock::now();
       auto recording = recorder.record(sourceName);
-      if (!recording || !clientHeard.waitForCount(1) || !serverEvents.waitForCount(1) ||
-          !stateRead.waitForCount(1)) {
-        state.SkipWithError("a start was not reported");
+      const char* missed = !recording                      ? "the recording did not start"
+                           : !clientHeard.waitForCount(1)  ? "the client missed a start"
+                           : !serverEvents.waitForCount(1) ? "the bare client missed a start"
+                           : !stateRead.waitForCount(1)    ? "the state reader missed a start"
+                                                           : nullptr;
+      if (missed) {
+        state.SkipWithError(missed);
         return;
       }
       clientLatencies.push_back(MicrosecondsBetween(started, clientHeard.entries()[0].second));
@@ -287,9 +301,12 @@ void BM_RecordingStartToChangedRunning(benchmark::State& state) {
       // Stop, and wait until all three have seen the source go idle before the next start.
       serverEvents.clear();
       recording.reset();
-      if (!clientHeard.waitForCount(2) || !serverEvents.waitForCount(1) ||
-          !stateRead.waitForCount(2)) {
-        state.SkipWithError("a stop was not reported");
+      missed = !clientHeard.waitForCount(2)    ? "the client missed a stop"
+               : !serverEvents.waitForCount(1) ? "the bare client missed a stop"
+               : !stateRead.waitForCount(2)    ? "the state reader missed a stop"
+                                               : nullptr;
+      if (missed) {
+        state.SkipWithError(missed);
         return;
       }
     }
