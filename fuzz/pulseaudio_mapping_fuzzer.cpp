@@ -1,9 +1,10 @@
 // The PulseAudio property mapping on arbitrary server states: the input describes libpulse's
-// records (sources, sinks, cards and recording streams with any names, states, ports and
-// proplists), which go through the conversions from libpulse's structs, the mapping onto devices,
-// and a device mirror that is updated with each state in turn. Every property of every object is
-// then read back with the sizes the mirror reports and with sizes that are too small or too big.
-// Nothing may crash or read out of bounds; the mirror must list exactly the mapped devices; and
+// records (sources, sinks, cards, recording and playback streams with any names, states, owners,
+// ports and proplists), which go through the conversions from libpulse's structs, the mapping
+// onto devices, and a device mirror that is updated with each state in turn. Every property of
+// every object is then read back with the sizes the mirror reports and with sizes that are too
+// small or too big. Nothing may crash or read out of bounds; the mirror must list exactly the
+// mapped devices under IDs of the audio space; a device runs only when the server runs it; and
 // every string reference a read returns must be released without a leak.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <pulse/pulseaudio.h>
@@ -20,6 +21,7 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 
 namespace harkwell {
@@ -34,12 +36,15 @@ void Require(bool condition, const char* what) {
 // The proplist keys the mapping looks at, and one it does not.
 constexpr const char* kKeys[] = {
     "device.bus",       "device.api",        "device.form_factor", "device.class",
-    "device.vendor.id", "device.product.id", "device.description", "media.name",
+    "device.vendor.id", "device.product.id", "node.link-group",    "device.master_device",
+    "stream.monitor",   "resample.peaks",    "device.description", "media.name",
 };
+constexpr std::size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
 
-constexpr const char* kValues[] = {"usb",      "bluetooth", "pci",    "alsa",    "bluez",
-                                   "internal", "headset",   "webcam", "monitor", "sound",
-                                   "046d",     "0825",      ""};
+constexpr const char* kValues[] = {
+    "usb",   "bluetooth", "pci",  "alsa", "bluez",  "internal", "headset", "webcam",  "monitor",
+    "sound", "046d",      "0825", "",     "bluez5", "true",     "filter",  "group-a", "group-b"};
+constexpr std::size_t kValueCount = sizeof kValues / sizeof kValues[0];
 
 struct ProplistDeleter {
   void operator()(pa_proplist* list) const { pa_proplist_free(list); }
@@ -48,7 +53,8 @@ using Proplist = std::unique_ptr<pa_proplist, ProplistDeleter>;
 
 // Either a known word or arbitrary bytes, so both the mapping's rules and its edges are reached.
 std::string Text(FuzzedDataProvider& input) {
-  if (input.ConsumeBool()) return kValues[input.ConsumeIntegralInRange<std::size_t>(0, 12)];
+  if (input.ConsumeBool())
+    return kValues[input.ConsumeIntegralInRange<std::size_t>(0, kValueCount - 1)];
   return input.ConsumeRandomLengthString(24);
 }
 
@@ -58,7 +64,7 @@ Proplist MakeProplist(FuzzedDataProvider& input) {
   const int count = input.ConsumeIntegralInRange(0, 6);
   for (int i = 0; i < count; ++i) {
     const std::string key = input.ConsumeBool()
-                                ? kKeys[input.ConsumeIntegralInRange<std::size_t>(0, 7)]
+                                ? kKeys[input.ConsumeIntegralInRange<std::size_t>(0, kKeyCount - 1)]
                                 : input.ConsumeRandomLengthString(16);
     const std::string value = Text(input);
     if (input.ConsumeIntegralInRange(0, 9) == 0) {
@@ -92,6 +98,7 @@ struct Record {
     info.name = input.ConsumeIntegralInRange(0, 15) == 0 ? nullptr : name.c_str();
     info.description = input.ConsumeIntegralInRange(0, 15) == 0 ? nullptr : description.c_str();
     info.card = IndexOrInvalid(input);
+    info.owner_module = IndexOrInvalid(input);
     // Every state libpulse defines, from PA_SOURCE_UNLINKED (-3) to PA_SOURCE_SUSPENDED (2).
     info.state = static_cast<decltype(info.state)>(input.ConsumeIntegralInRange(-3, 2));
     const std::size_t portCount = input.ConsumeIntegralInRange<std::size_t>(0, 3);
@@ -149,10 +156,27 @@ PulseServerState MakeState(FuzzedDataProvider& input) {
     info.index = input.ConsumeIntegralInRange<std::uint32_t>(0, 8);
     info.source = input.ConsumeIntegralInRange<std::uint32_t>(0, 8);
     info.corked = input.ConsumeBool();
+    info.owner_module = IndexOrInvalid(input);
+    info.client = IndexOrInvalid(input);
     const std::string method = input.ConsumeBool() ? "peaks" : Text(input);
     info.resample_method = input.ConsumeBool() ? method.c_str() : nullptr;
+    Proplist proplist = MakeProplist(input);
+    info.proplist = proplist.get();
     auto stream = PulseRecordingStreamFromSourceOutputInfo(info);
     state.recordingStreams.insert_or_assign(stream.index, stream);
+  }
+  const int playbacks = input.ConsumeIntegralInRange(0, 4);
+  for (int i = 0; i < playbacks; ++i) {
+    pa_sink_input_info info{};
+    info.index = input.ConsumeIntegralInRange<std::uint32_t>(0, 8);
+    info.sink = input.ConsumeIntegralInRange<std::uint32_t>(0, 8);
+    info.corked = input.ConsumeBool();
+    info.owner_module = IndexOrInvalid(input);
+    info.client = IndexOrInvalid(input);
+    Proplist proplist = MakeProplist(input);
+    info.proplist = proplist.get();
+    auto stream = PulsePlaybackStreamFromSinkInputInfo(info);
+    state.playbackStreams.insert_or_assign(stream.index, stream);
   }
   return state;
 }
@@ -223,12 +247,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                   device.outputStreamCount == (source ? 0u : 1u),
               "a source has one input stream and a sink one output stream");
       if (!source) Require(device.inputSources.empty(), "a sink with input sources");
+      if (device.isRunning) {
+        const auto& endpoints = source ? state.sources : state.sinks;
+        bool awake = false;
+        for (const auto& [index, endpoint] : endpoints) {
+          awake = awake ||
+                  (endpoint.name == device.uid && (endpoint.state == PulseEndpointState::Running ||
+                                                   endpoint.state == PulseEndpointState::Idle));
+        }
+        Require(awake, "a device running that the server holds suspended");
+      }
       keys.emplace(device.kind, device.uid);
     }
     mirror.update(devices);
     // Two records with one server name are one device to the mirror.
     const auto listed = mirror.deviceIDs();
     Require(listed.size() == keys.size(), "the mirror does not list each device once");
+    for (ObjectID id : listed) {
+      Require(IsStableDeviceID(StableIDSpace::Audio, id), "an ID outside the audio space");
+    }
     std::vector<ObjectID> objects = listed;
     objects.push_back(kAudioObjectSystemObject);
     objects.push_back(input.ConsumeIntegral<ObjectID>());

@@ -79,6 +79,12 @@ PulseEndpoint Source(std::uint32_t index, const char* name, PulseEndpointState s
   return endpoint;
 }
 
+PulseEndpoint Sink(std::uint32_t index, const char* name, PulseEndpointState state) {
+  PulseEndpoint endpoint = Source(index, name, state);
+  endpoint.kind = PulseEndpointKind::Sink;
+  return endpoint;
+}
+
 // --- Copies of libpulse's records
 // -----------------------------------------------------------------
 
@@ -160,6 +166,7 @@ TEST(PulseServerStateTest, SourceOutputFedPeaksIsALevelMeter) {
   pa_source_output_info info{};
   info.index = 12;
   info.source = 7;
+  info.owner_module = PA_INVALID_INDEX;
   info.resample_method = "peaks";
   EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(info),
             (PulseRecordingStream{12, 7, false, true}));
@@ -169,6 +176,67 @@ TEST(PulseServerStateTest, SourceOutputFedPeaksIsALevelMeter) {
             (PulseRecordingStream{12, 7, true, false}));
   info.resample_method = nullptr;
   EXPECT_FALSE(PulseRecordingStreamFromSourceOutputInfo(info).levelMeter);
+}
+
+TEST(PulseServerStateTest, PipeWireMarksLevelMetersByProperties) {
+  // pipewire-pulse reports its own resample method for every stream and marks meters instead.
+  Proplist monitor{{"stream.monitor", "true"}};
+  Proplist peaks{{"resample.peaks", "true"}};
+  Proplist neither{{"stream.monitor", "false"}, {"media.name", "Recording"}};
+  pa_source_output_info info{};
+  info.index = 12;
+  info.source = 7;
+  info.owner_module = PA_INVALID_INDEX;
+  info.resample_method = "PipeWire";
+  info.proplist = monitor.list;
+  EXPECT_TRUE(PulseRecordingStreamFromSourceOutputInfo(info).levelMeter);
+  info.proplist = peaks.list;
+  EXPECT_TRUE(PulseRecordingStreamFromSourceOutputInfo(info).levelMeter);
+  info.proplist = neither.list;
+  EXPECT_FALSE(PulseRecordingStreamFromSourceOutputInfo(info).levelMeter);
+}
+
+TEST(PulseServerStateTest, StreamsKeepTheirOwnerModuleAndLinkGroup) {
+  Proplist grouped{{"node.link-group", "loopback-1-2"}};
+  pa_source_output_info recording{};
+  recording.index = 3;
+  recording.source = 1;
+  recording.owner_module = 9;
+  recording.client = PA_INVALID_INDEX;
+  recording.proplist = grouped.list;
+  EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(recording),
+            (PulseRecordingStream{3, 1, false, false, 9, "loopback-1-2"}));
+  // A client's stream names the protocol module it came through: that ties nothing together.
+  recording.client = 5;
+  recording.owner_module = 2;
+  recording.proplist = nullptr;
+  EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(recording),
+            (PulseRecordingStream{3, 1, false, false, std::nullopt, std::nullopt}));
+
+  pa_sink_input_info playback{};
+  playback.index = 4;
+  playback.sink = 2;
+  playback.corked = 1;
+  playback.owner_module = PA_INVALID_INDEX;
+  playback.client = PA_INVALID_INDEX;
+  EXPECT_EQ(PulsePlaybackStreamFromSinkInputInfo(playback),
+            (PulsePlaybackStream{4, 2, true, std::nullopt, std::nullopt}));
+  playback.proplist = grouped.list;
+  playback.owner_module = 9;
+  EXPECT_EQ(PulsePlaybackStreamFromSinkInputInfo(playback),
+            (PulsePlaybackStream{4, 2, true, 9, "loopback-1-2"}));
+}
+
+TEST(PulseServerStateTest, DevicesKeepTheirOwnerModuleAndMonitoredSink) {
+  SourceRecord record(5, "null.monitor", "Monitor of Null");
+  record.info.monitor_of_sink = 2;
+  record.info.owner_module = 7;
+  const PulseEndpoint monitor = PulseEndpointFromSourceInfo(record.info);
+  EXPECT_TRUE(monitor.isMonitor);
+  EXPECT_EQ(monitor.monitoredSink, 2u);
+  EXPECT_EQ(monitor.ownerModule, 7u);
+  record.info.owner_module = PA_INVALID_INDEX;
+  EXPECT_EQ(PulseEndpointFromSourceInfo(record.info).ownerModule, std::nullopt);
 }
 
 // --- Devices -----------------------------------------------------------------------------------
@@ -361,6 +429,10 @@ INSTANTIATE_TEST_SUITE_P(
                       {{"device.api", "bluez"}},
                       PulseProperties{},
                       kAudioDeviceTransportTypeBluetooth},
+        TransportCase{"Bluez5Api",
+                      {{"device.api", "bluez5"}},
+                      std::nullopt,
+                      kAudioDeviceTransportTypeBluetooth},
         TransportCase{"FireWire",
                       {},
                       PulseProperties{{"device.bus", "firewire"}},
@@ -420,13 +492,20 @@ TEST(PulseDeviceMappingTest, TransportComesFromTheCardRecordAsTheServerSendsIt) 
 
 // --- Running -------------------------------------------------------------------------------------
 
-TEST(PulseRunningMappingTest, RunningSinkIsRunning) {
+TEST(PulseRunningMappingTest, RunningSinkIsRunningWhileAProgramPlaysToIt) {
   PulseServerState state;
-  PulseEndpoint sink = Source(0, "speakers", PulseEndpointState::Running);
-  sink.kind = PulseEndpointKind::Sink;
+  PulseEndpoint sink = Sink(0, "speakers", PulseEndpointState::Running);
+  EXPECT_FALSE(PulseEndpointIsRunning(sink, state)) << "nobody plays";
+  state.playbackStreams.emplace(30, PulsePlaybackStream{30, 0});
   EXPECT_TRUE(PulseEndpointIsRunning(sink, state));
-  sink.state = PulseEndpointState::Idle;
+  sink.state = PulseEndpointState::Suspended;
   EXPECT_FALSE(PulseEndpointIsRunning(sink, state));
+}
+
+TEST(PulseRunningMappingTest, CorkedPlaybackDoesNotMakeASinkRunning) {
+  PulseServerState state;
+  state.playbackStreams.emplace(30, PulsePlaybackStream{30, 0, true});
+  EXPECT_FALSE(PulseEndpointIsRunning(Sink(0, "speakers", PulseEndpointState::Running), state));
 }
 
 TEST(PulseRunningMappingTest, RunningSourceWithARecordingIsRunning) {
@@ -455,11 +534,18 @@ TEST(PulseRunningMappingTest, RecordingOnAnotherSourceDoesNotCount) {
   EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Running), state));
 }
 
-TEST(PulseRunningMappingTest, IdleOrSuspendedSourceIsNotRunningWhateverItsStreams) {
+TEST(PulseRunningMappingTest, SuspendedSourceIsNotRunningWhateverItsStreams) {
   PulseServerState state;
   state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, false});
-  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Idle), state));
   EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Suspended), state));
+  EXPECT_FALSE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Invalid), state));
+}
+
+TEST(PulseRunningMappingTest, ARecordingOnAnIdleSourceCountsBeforeTheServerSaysRunning) {
+  // The server reports a new stream before the state it puts the source in.
+  PulseServerState state;
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, 1, false, false});
+  EXPECT_TRUE(PulseEndpointIsRunning(Source(1, "mic", PulseEndpointState::Idle), state));
 }
 
 TEST(PulseRunningMappingTest, IdleToSuspendedMapsToTheSameDevice) {
@@ -468,6 +554,183 @@ TEST(PulseRunningMappingTest, IdleToSuspendedMapsToTheSameDevice) {
   PulseServerState suspended;
   suspended.sources.emplace(1, Source(1, "mic", PulseEndpointState::Suspended));
   EXPECT_EQ(MapPulseServerState(idle), MapPulseServerState(suspended));
+}
+
+// --- Filters and the shared rule ----------------------------------------------------------------
+
+constexpr std::uint32_t kMic = 1;
+constexpr std::uint32_t kFilterSource = 2;
+constexpr std::uint32_t kMonitor = 3;
+constexpr std::uint32_t kSpeakers = 0;
+constexpr std::uint32_t kFilterModule = 40;
+
+// Whether the device named `uid` is mapped as running.
+bool MappedRunning(const PulseServerState& state, const std::string& uid) {
+  for (const PulseMappedDevice& device : MapPulseServerState(state)) {
+    if (device.uid == uid) return device.isRunning;
+  }
+  ADD_FAILURE() << "no device " << uid;
+  return false;
+}
+
+// A running microphone and a null sink with its monitor; the server states are as
+// module-null-source and module-null-sink leave them without suspend-on-idle.
+PulseServerState MicrophoneAndSpeakers() {
+  PulseServerState state;
+  state.sources.emplace(kMic, Source(kMic, "mic", PulseEndpointState::Running));
+  PulseEndpoint monitor = Source(kMonitor, "speakers.monitor", PulseEndpointState::Running);
+  monitor.isMonitor = true;
+  monitor.monitoredSink = kSpeakers;
+  state.sources.emplace(kMonitor, monitor);
+  state.sinks.emplace(kSpeakers, Sink(kSpeakers, "speakers", PulseEndpointState::Running));
+  return state;
+}
+
+// module-virtual-source master=mic: the module owns the source it offers and the stream that
+// records the master; the source names its master.
+PulseServerState VirtualSourceOnTheMicrophone() {
+  PulseServerState state = MicrophoneAndSpeakers();
+  PulseEndpoint offered = Source(kFilterSource, "vmic", PulseEndpointState::Running);
+  offered.ownerModule = kFilterModule;
+  offered.properties = {{"device.master_device", "mic"}, {"device.class", "filter"}};
+  state.sources.emplace(kFilterSource, offered);
+  state.recordingStreams.emplace(
+      10, PulseRecordingStream{10, kMic, false, false, kFilterModule, std::nullopt});
+  return state;
+}
+
+TEST(PulseRunningMappingTest, AVirtualSourceThatNobodyRecordsLeavesTheMicrophoneIdle) {
+  const PulseServerState state = VirtualSourceOnTheMicrophone();
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+  EXPECT_FALSE(MappedRunning(state, "vmic"));
+}
+
+TEST(PulseRunningMappingTest, RecordingFromAVirtualSourceMakesTheMicrophoneRunning) {
+  PulseServerState state = VirtualSourceOnTheMicrophone();
+  state.recordingStreams.emplace(11, PulseRecordingStream{11, kFilterSource});
+  EXPECT_TRUE(MappedRunning(state, "mic"));
+  EXPECT_TRUE(MappedRunning(state, "vmic"));
+}
+
+TEST(PulseRunningMappingTest, AMeterOnAVirtualSourceLeavesTheMicrophoneIdle) {
+  PulseServerState state = VirtualSourceOnTheMicrophone();
+  state.recordingStreams.emplace(11, PulseRecordingStream{11, kFilterSource, false, true});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+}
+
+TEST(PulseRunningMappingTest, PipeWireFiltersAreTiedByTheirLinkGroup) {
+  // pipewire-pulse shows a pw-loopback source without an owner module: only node.link-group
+  // ties the recording stream to the source it offers.
+  PulseServerState state = MicrophoneAndSpeakers();
+  PulseEndpoint offered = Source(kFilterSource, "loopback-source", PulseEndpointState::Running);
+  offered.properties = {{"node.link-group", "loopback-77-1"}};
+  state.sources.emplace(kFilterSource, offered);
+  state.recordingStreams.emplace(
+      10, PulseRecordingStream{10, kMic, false, false, std::nullopt, "loopback-77-1"});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+  state.recordingStreams.emplace(11, PulseRecordingStream{11, kFilterSource});
+  EXPECT_TRUE(MappedRunning(state, "mic"));
+}
+
+TEST(PulseRunningMappingTest, AChainOfTwoFiltersIsFollowed) {
+  PulseServerState state = VirtualSourceOnTheMicrophone();
+  PulseEndpoint second = Source(5, "remapped-vmic", PulseEndpointState::Running);
+  second.ownerModule = kFilterModule + 1;
+  second.properties = {{"device.master_device", "vmic"}};
+  state.sources.emplace(5, second);
+  state.recordingStreams.emplace(
+      12, PulseRecordingStream{12, kFilterSource, false, false, kFilterModule + 1, std::nullopt});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+  state.recordingStreams.emplace(13, PulseRecordingStream{13, 5});
+  EXPECT_TRUE(MappedRunning(state, "mic"));
+  EXPECT_TRUE(MappedRunning(state, "vmic"));
+}
+
+TEST(PulseRunningMappingTest, AFilterSourceTakesOnlyFromTheMasterItNames) {
+  // One module owning two sources (as an echo canceller with two masters might): the stream on
+  // the microphone does not feed the source whose master is another device.
+  PulseServerState state = VirtualSourceOnTheMicrophone();
+  PulseEndpoint other = Source(6, "other-filter", PulseEndpointState::Running);
+  other.ownerModule = kFilterModule;
+  other.properties = {{"device.master_device", "line-in"}};
+  state.sources.emplace(6, other);
+  state.recordingStreams.emplace(11, PulseRecordingStream{11, 6});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+}
+
+TEST(PulseRunningMappingTest, ALoopbackToASinkWithoutHardwareLeavesTheMicrophoneIdle) {
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.recordingStreams.emplace(
+      10, PulseRecordingStream{10, kMic, false, false, kFilterModule, std::nullopt});
+  state.playbackStreams.emplace(20, PulsePlaybackStream{20, kSpeakers, false, kFilterModule});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+  EXPECT_FALSE(MappedRunning(state, "speakers")) << "nothing real plays: the microphone is null";
+}
+
+TEST(PulseRunningMappingTest, ALoopbackToASoundCardUsesTheMicrophoneAndTheSpeakers) {
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.cards.emplace(0, PulseCard{0, "card", {{"device.bus", "pci"}}});
+  state.sinks.at(kSpeakers).cardIndex = 0;
+  state.sources.at(kMic).cardIndex = 0;
+  state.recordingStreams.emplace(
+      10, PulseRecordingStream{10, kMic, false, false, kFilterModule, std::nullopt});
+  state.playbackStreams.emplace(20, PulsePlaybackStream{20, kSpeakers, false, kFilterModule});
+  EXPECT_TRUE(MappedRunning(state, "mic")) << "the microphone is heard aloud";
+  EXPECT_TRUE(MappedRunning(state, "speakers")) << "a real microphone plays";
+}
+
+TEST(PulseRunningMappingTest, AMonitorCaptureLeavesTheSinkAsItIs) {
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.recordingStreams.emplace(10, PulseRecordingStream{10, kMonitor});
+  EXPECT_FALSE(MappedRunning(state, "speakers"));
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+}
+
+TEST(PulseRunningMappingTest, AFilterSinkInFrontOfTheSpeakersCountsWhileSomethingPlaysToIt) {
+  // module-remap-sink master=speakers: the module owns its sink and the stream into the master.
+  PulseServerState state = MicrophoneAndSpeakers();
+  PulseEndpoint remap = Sink(7, "remapped-speakers", PulseEndpointState::Running);
+  remap.ownerModule = kFilterModule;
+  state.sinks.emplace(7, remap);
+  state.playbackStreams.emplace(20, PulsePlaybackStream{20, kSpeakers, false, kFilterModule});
+  EXPECT_FALSE(MappedRunning(state, "speakers"));
+  state.playbackStreams.emplace(21, PulsePlaybackStream{21, 7});
+  EXPECT_TRUE(MappedRunning(state, "speakers"));
+  EXPECT_TRUE(MappedRunning(state, "remapped-speakers"));
+}
+
+TEST(PulseRunningMappingTest, AnEchoCancellerKeepsItsTwoSidesApart) {
+  // module-echo-cancel owns a source on the microphone and a sink on the speakers; what is played
+  // to its sink never reaches the microphone's side.
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.cards.emplace(0, PulseCard{0, "card", {{"device.bus", "pci"}}});
+  state.sinks.at(kSpeakers).cardIndex = 0;
+  PulseEndpoint cancelledSource = Source(8, "ec-source", PulseEndpointState::Running);
+  cancelledSource.ownerModule = kFilterModule;
+  cancelledSource.properties = {{"device.master_device", "mic"}};
+  state.sources.emplace(8, cancelledSource);
+  PulseEndpoint cancelledSink = Sink(9, "ec-sink", PulseEndpointState::Running);
+  cancelledSink.ownerModule = kFilterModule;
+  cancelledSink.properties = {{"device.master_device", "speakers"}};
+  state.sinks.emplace(9, cancelledSink);
+  state.recordingStreams.emplace(
+      10, PulseRecordingStream{10, kMic, false, false, kFilterModule, std::nullopt});
+  state.playbackStreams.emplace(20, PulsePlaybackStream{20, kSpeakers, false, kFilterModule});
+  EXPECT_FALSE(MappedRunning(state, "mic")) << "the canceller's playback half is no consumer";
+  EXPECT_FALSE(MappedRunning(state, "speakers"));
+
+  state.playbackStreams.emplace(21, PulsePlaybackStream{21, 9});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+  EXPECT_TRUE(MappedRunning(state, "speakers"));
+  state.recordingStreams.emplace(11, PulseRecordingStream{11, 8});
+  EXPECT_TRUE(MappedRunning(state, "mic"));
+}
+
+TEST(PulseRunningMappingTest, ACorkedFilterStreamPassesNothingOn) {
+  PulseServerState state = VirtualSourceOnTheMicrophone();
+  state.recordingStreams.at(10).corked = true;
+  state.recordingStreams.emplace(11, PulseRecordingStream{11, kFilterSource});
+  EXPECT_FALSE(MappedRunning(state, "mic"));
 }
 
 }  // namespace

@@ -2,11 +2,13 @@
 // sizes, and which properties a new server state changes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 
 namespace harkwell {
@@ -14,7 +16,15 @@ namespace {
 
 using Change = PulseAudioDeviceMirror::Change;
 
-constexpr ObjectID kFirst = PulseAudioDeviceMirror::kFirstDeviceID;
+// A device's ID: the home of its UID, as no two UIDs of these tests share a slot.
+ObjectID IDOf(const std::string& uid) {
+  return StableDeviceIDHome(StableIDSpace::Audio, uid);
+}
+
+std::vector<ObjectID> Ascending(std::vector<ObjectID> ids) {
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
 
 PropertyAddress Global(std::uint32_t selector) {
   return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
@@ -101,12 +111,23 @@ std::string TranslateSource(const PulseAudioDeviceMirror& mirror, ObjectID objec
 
 // --- IDs -----------------------------------------------------------------------------------------
 
-TEST(PulseAudioDeviceMirrorTest, DevicesAreListedInTheOrderFirstSeenInStepsOfTwo) {
+TEST(PulseAudioDeviceMirrorTest, EachDeviceHasTheIDOfItsUIDAndTheListIsAscending) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Speakers("out"), Microphone("in")});
-  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{kFirst, kFirst + 2}));
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyDeviceUID), "out");
-  EXPECT_EQ(ReadString(mirror, kFirst + 2, kAudioDevicePropertyDeviceUID), "in");
+  EXPECT_EQ(ListedDevices(mirror), Ascending({IDOf("out"), IDOf("in")}));
+  EXPECT_EQ(ReadString(mirror, IDOf("out"), kAudioDevicePropertyDeviceUID), "out");
+  EXPECT_EQ(ReadString(mirror, IDOf("in"), kAudioDevicePropertyDeviceUID), "in");
+}
+
+TEST(PulseAudioDeviceMirrorTest, AnotherMirrorGivesTheSameIDsWhateverItSawBefore) {
+  // Another process, or this one after the server restarted, with a different history.
+  PulseAudioDeviceMirror first;
+  first.update({Microphone("a"), Microphone("b"), Speakers("c")});
+  PulseAudioDeviceMirror second;
+  second.update({Microphone("x")});
+  second.update({Speakers("c"), Microphone("b")});
+  second.update({Microphone("a"), Microphone("b"), Speakers("c")});
+  EXPECT_EQ(ListedDevices(first), ListedDevices(second));
 }
 
 TEST(PulseAudioDeviceMirrorTest, DeviceThatComesBackKeepsItsID) {
@@ -115,23 +136,50 @@ TEST(PulseAudioDeviceMirrorTest, DeviceThatComesBackKeepsItsID) {
   mirror.update({Microphone("b")});
   mirror.update({});
   mirror.update({Microphone("b"), Microphone("a")});
-  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{kFirst, kFirst + 2}));
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyDeviceUID), "a");
+  EXPECT_EQ(ListedDevices(mirror), Ascending({IDOf("a"), IDOf("b")}));
+  EXPECT_EQ(ReadString(mirror, IDOf("a"), kAudioDevicePropertyDeviceUID), "a");
 }
 
-TEST(PulseAudioDeviceMirrorTest, AnIDNeverNamesAnotherDevice) {
+TEST(PulseAudioDeviceMirrorTest, ADeviceThatLeavesTakesItsIDAlong) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("a")});
   mirror.update({Microphone("c")});
-  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{kFirst + 2}));
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioObjectPropertyName),
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{IDOf("c")}));
+  EXPECT_EQ(ReadString(mirror, IDOf("a"), kAudioObjectPropertyName),
             "<status " + std::to_string(kAudioHardwareBadObjectError) + ">");
 }
 
-TEST(PulseAudioDeviceMirrorTest, SourceAndSinkOfTheSameNameAreTwoDevices) {
+TEST(PulseAudioDeviceMirrorTest, SourceAndSinkOfTheSameNameAreTwoDevicesTheSourceFirst) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("same"), Speakers("same")});
-  EXPECT_EQ(ListedDevices(mirror).size(), 2u);
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{IDOf("same"), IDOf("same") + 2}));
+  EXPECT_EQ(ReadString(mirror, IDOf("same"), kAudioObjectPropertyName), "Microphone same");
+  EXPECT_EQ(ReadString(mirror, IDOf("same") + 2, kAudioObjectPropertyName), "Speakers same");
+}
+
+TEST(PulseAudioDeviceMirrorTest, CollidingUIDsAreSettledInUIDOrderAndAMoveChangesTheList) {
+  // Both UIDs have their home in the same slot; the one that sorts first owns it when present.
+  const std::string first = "alsa_input.collide.188";
+  const std::string second = "alsa_input.collide.294";
+  ASSERT_EQ(IDOf(first), IDOf(second));
+  const ObjectID home = IDOf(first);
+  PulseAudioDeviceMirror mirror;
+  mirror.update({Microphone(second)});
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{home}));
+
+  const Change list{kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices)};
+  const auto changes = mirror.update({Microphone(second), Microphone(first)});
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{home, home + 2}));
+  EXPECT_EQ(ReadString(mirror, home, kAudioDevicePropertyDeviceUID), first);
+  EXPECT_EQ(ReadString(mirror, home + 2, kAudioDevicePropertyDeviceUID), second);
+  ASSERT_FALSE(changes.empty());
+  EXPECT_EQ(changes.front(), list) << "the home ID names another device now";
+
+  EXPECT_EQ(mirror.update({Microphone(second)}), (std::vector<Change>{
+                                                     list,
+                                                     {home, Global(kAudioDevicePropertyDeviceUID)},
+                                                     {home, Global(kAudioObjectPropertyName)},
+                                                 }));
 }
 
 // --- Property answers
@@ -144,39 +192,45 @@ TEST(PulseAudioDeviceMirrorTest, StringPropertiesAreReferencesTheCallerOwns) {
   mirror.update({device});
   const std::size_t before = PlatformStringLiveCount();
   std::uint32_t size = 0;
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioObjectPropertyName), &size), kNoErr);
+  EXPECT_EQ(
+      mirror.getPropertyDataSize(IDOf("alsa_input.usb"), Global(kAudioObjectPropertyName), &size),
+      kNoErr);
   EXPECT_EQ(size, 8u);
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioObjectPropertyName), "Microphone alsa_input.usb");
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyDeviceUID), "alsa_input.usb");
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyModelUID), "046d:0825");
+  EXPECT_EQ(ReadString(mirror, IDOf("alsa_input.usb"), kAudioObjectPropertyName),
+            "Microphone alsa_input.usb");
+  EXPECT_EQ(ReadString(mirror, IDOf("alsa_input.usb"), kAudioDevicePropertyDeviceUID),
+            "alsa_input.usb");
+  EXPECT_EQ(ReadString(mirror, IDOf("alsa_input.usb"), kAudioDevicePropertyModelUID), "046d:0825");
   EXPECT_EQ(PlatformStringLiveCount(), before);
 }
 
 TEST(PulseAudioDeviceMirrorTest, UnknownModelIsANullReference) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
-  EXPECT_TRUE(mirror.hasProperty(kFirst, Global(kAudioDevicePropertyModelUID)));
-  EXPECT_EQ(ReadString(mirror, kFirst, kAudioDevicePropertyModelUID), "<null>");
+  EXPECT_TRUE(mirror.hasProperty(IDOf("mic"), Global(kAudioDevicePropertyModelUID)));
+  EXPECT_EQ(ReadString(mirror, IDOf("mic"), kAudioDevicePropertyModelUID), "<null>");
 }
 
 TEST(PulseAudioDeviceMirrorTest, GlobalPropertiesAnswerInEveryScope) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   std::uint32_t size = 0;
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Input(kAudioObjectPropertyName), &size), kNoErr);
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Output(kAudioObjectPropertyName), &size), kNoErr);
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, {kAudioObjectPropertyName, FourCharCode("abcd"), 0},
-                                       &size),
+  EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Input(kAudioObjectPropertyName), &size),
+            kNoErr);
+  EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Output(kAudioObjectPropertyName), &size),
+            kNoErr);
+  EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"),
+                                       {kAudioObjectPropertyName, FourCharCode("abcd"), 0}, &size),
             kAudioHardwareUnknownPropertyError);
   EXPECT_EQ(mirror.getPropertyDataSize(
-                kFirst, {kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal, 3}, &size),
+                IDOf("mic"), {kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal, 3}, &size),
             kAudioHardwareUnknownPropertyError);
 }
 
 TEST(PulseAudioDeviceMirrorTest, TransportIsAFourByteCode) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Speakers("out")});
-  EXPECT_EQ(ReadUInt32(mirror, kFirst, Global(kAudioDevicePropertyTransportType)),
+  EXPECT_EQ(ReadUInt32(mirror, IDOf("out"), Global(kAudioDevicePropertyTransportType)),
             kAudioDeviceTransportTypeBuiltIn);
 }
 
@@ -188,36 +242,39 @@ TEST(PulseAudioDeviceMirrorTest, StreamListsHaveFourBytesPerStream) {
     EXPECT_EQ(mirror.getPropertyDataSize(device, address, &size), kNoErr);
     return size;
   };
-  EXPECT_EQ(sizeOf(kFirst, Input(kAudioDevicePropertyStreams)), 4u);
-  EXPECT_EQ(sizeOf(kFirst, Output(kAudioDevicePropertyStreams)), 0u);
-  EXPECT_EQ(sizeOf(kFirst + 2, Input(kAudioDevicePropertyStreams)), 0u);
-  EXPECT_EQ(sizeOf(kFirst + 2, Output(kAudioDevicePropertyStreams)), 4u);
-  EXPECT_EQ(sizeOf(kFirst + 2, Global(kAudioDevicePropertyStreams)), 4u);
-  EXPECT_EQ(ReadUInt32(mirror, kFirst, Input(kAudioDevicePropertyStreams)), kFirst + 1);
+  EXPECT_EQ(sizeOf(IDOf("in"), Input(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(sizeOf(IDOf("in"), Output(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(sizeOf(IDOf("out"), Input(kAudioDevicePropertyStreams)), 0u);
+  EXPECT_EQ(sizeOf(IDOf("out"), Output(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(sizeOf(IDOf("out"), Global(kAudioDevicePropertyStreams)), 4u);
+  EXPECT_EQ(ReadUInt32(mirror, IDOf("in"), Input(kAudioDevicePropertyStreams)), IDOf("in") + 1);
 }
 
 TEST(PulseAudioDeviceMirrorTest, RunningSomewhereIsZeroOrOne) {
   PulseAudioDeviceMirror mirror;
   PulseMappedDevice device = Microphone("mic");
   mirror.update({device});
-  EXPECT_EQ(ReadUInt32(mirror, kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)), 0u);
+  EXPECT_EQ(ReadUInt32(mirror, IDOf("mic"), Global(kAudioDevicePropertyDeviceIsRunningSomewhere)),
+            0u);
   device.isRunning = true;
   mirror.update({device});
-  EXPECT_EQ(ReadUInt32(mirror, kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)), 1u);
+  EXPECT_EQ(ReadUInt32(mirror, IDOf("mic"), Global(kAudioDevicePropertyDeviceIsRunningSomewhere)),
+            1u);
 }
 
 TEST(PulseAudioDeviceMirrorTest, SelectedInputSourceIsTheActivePortsID) {
   PulseAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "headset-mic")});
-  EXPECT_TRUE(mirror.hasProperty(kFirst, Input(kAudioDevicePropertyDataSource)));
-  EXPECT_TRUE(mirror.hasProperty(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString)));
-  EXPECT_EQ(ReadUInt32(mirror, kFirst, Input(kAudioDevicePropertyDataSource)), 2u);
-  EXPECT_EQ(TranslateSource(mirror, kFirst, 2), "Headset Microphone");
-  EXPECT_EQ(TranslateSource(mirror, kFirst, 1), "Internal Microphone");
-  EXPECT_EQ(TranslateSource(mirror, kFirst, 7), "<null>");
+  EXPECT_TRUE(mirror.hasProperty(IDOf("mic"), Input(kAudioDevicePropertyDataSource)));
+  EXPECT_TRUE(
+      mirror.hasProperty(IDOf("mic"), Input(kAudioDevicePropertyDataSourceNameForIDCFString)));
+  EXPECT_EQ(ReadUInt32(mirror, IDOf("mic"), Input(kAudioDevicePropertyDataSource)), 2u);
+  EXPECT_EQ(TranslateSource(mirror, IDOf("mic"), 2), "Headset Microphone");
+  EXPECT_EQ(TranslateSource(mirror, IDOf("mic"), 1), "Internal Microphone");
+  EXPECT_EQ(TranslateSource(mirror, IDOf("mic"), 7), "<null>");
   std::uint32_t size = 0;
   EXPECT_EQ(mirror.getPropertyDataSize(
-                kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString), &size),
+                IDOf("mic"), Input(kAudioDevicePropertyDataSourceNameForIDCFString), &size),
             kNoErr);
   EXPECT_EQ(size, kAudioValueTranslationDataSize);
 }
@@ -229,15 +286,15 @@ TEST(PulseAudioDeviceMirrorTest, InputSourceIDsStayWithTheirPorts) {
   reordered.inputSources = {{"line-in", "Line In"}, {"headset-mic", "Headset Microphone"}};
   reordered.selectedInputSource = "line-in";
   mirror.update({reordered});
-  EXPECT_EQ(ReadUInt32(mirror, kFirst, Input(kAudioDevicePropertyDataSource)), 3u);
-  EXPECT_EQ(TranslateSource(mirror, kFirst, 2), "Headset Microphone");
-  EXPECT_EQ(TranslateSource(mirror, kFirst, 1), "<null>");
+  EXPECT_EQ(ReadUInt32(mirror, IDOf("mic"), Input(kAudioDevicePropertyDataSource)), 3u);
+  EXPECT_EQ(TranslateSource(mirror, IDOf("mic"), 2), "Headset Microphone");
+  EXPECT_EQ(TranslateSource(mirror, IDOf("mic"), 1), "<null>");
 }
 
 TEST(PulseAudioDeviceMirrorTest, DeviceWithoutPortsHasNoDataSourceProperties) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("mic"), Speakers("out")});
-  for (ObjectID device : {kFirst, kFirst + 2}) {
+  for (ObjectID device : {IDOf("mic"), IDOf("out")}) {
     EXPECT_FALSE(mirror.hasProperty(device, Input(kAudioDevicePropertyDataSource)));
     EXPECT_FALSE(
         mirror.hasProperty(device, Input(kAudioDevicePropertyDataSourceNameForIDCFString)));
@@ -248,8 +305,8 @@ TEST(PulseAudioDeviceMirrorTest, DeviceWithoutPortsHasNoDataSourceProperties) {
 TEST(PulseAudioDeviceMirrorTest, DataSourceLivesInTheInputScopeOnly) {
   PulseAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
-  EXPECT_FALSE(mirror.hasProperty(kFirst, Global(kAudioDevicePropertyDataSource)));
-  EXPECT_FALSE(mirror.hasProperty(kFirst, Output(kAudioDevicePropertyDataSource)));
+  EXPECT_FALSE(mirror.hasProperty(IDOf("mic"), Global(kAudioDevicePropertyDataSource)));
+  EXPECT_FALSE(mirror.hasProperty(IDOf("mic"), Output(kAudioDevicePropertyDataSource)));
 }
 
 TEST(PulseAudioDeviceMirrorTest, HogModeIsAnUnknownProperty) {
@@ -257,12 +314,12 @@ TEST(PulseAudioDeviceMirrorTest, HogModeIsAnUnknownProperty) {
   mirror.update({Microphone("mic")});
   std::int32_t owner = -1;
   std::uint32_t size = sizeof owner;
-  EXPECT_FALSE(mirror.hasProperty(kFirst, Global(kAudioDevicePropertyHogMode)));
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioDevicePropertyHogMode), &size),
+  EXPECT_FALSE(mirror.hasProperty(IDOf("mic"), Global(kAudioDevicePropertyHogMode)));
+  EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Global(kAudioDevicePropertyHogMode), &size),
             kAudioHardwareUnknownPropertyError);
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioDevicePropertyHogMode), &size, &owner),
+  EXPECT_EQ(mirror.getPropertyData(IDOf("mic"), Global(kAudioDevicePropertyHogMode), &size, &owner),
             kAudioHardwareUnknownPropertyError);
-  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(kAudioDevicePropertyHogMode)),
+  EXPECT_EQ(mirror.setPropertyDataStatus(IDOf("mic"), Global(kAudioDevicePropertyHogMode)),
             kAudioHardwareUnknownPropertyError);
 }
 
@@ -272,18 +329,20 @@ TEST(PulseAudioDeviceMirrorTest, HogModeOfADeviceWithACardNamesTheCard) {
   withCard.soundCard = 4;
   mirror.update({withCard, Speakers("null")});
   std::uint32_t card = 0;
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, Global(kAudioDevicePropertyHogMode), &card), kNoErr);
+  EXPECT_EQ(mirror.hogModeSoundCard(IDOf("mic"), Global(kAudioDevicePropertyHogMode), &card),
+            kNoErr);
   EXPECT_EQ(card, 4u);
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, Output(kAudioDevicePropertyHogMode), &card), kNoErr);
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst + 2, Global(kAudioDevicePropertyHogMode), &card),
+  EXPECT_EQ(mirror.hogModeSoundCard(IDOf("mic"), Output(kAudioDevicePropertyHogMode), &card),
+            kNoErr);
+  EXPECT_EQ(mirror.hogModeSoundCard(IDOf("null"), Global(kAudioDevicePropertyHogMode), &card),
             kAudioHardwareUnknownPropertyError);
-  EXPECT_EQ(mirror.hogModeSoundCard(kAudioObjectSystemObject, Global(kAudioDevicePropertyHogMode),
-                                    &card),
-            kAudioHardwareUnknownPropertyError);
-  EXPECT_EQ(mirror.hogModeSoundCard(kFirst, {kAudioDevicePropertyHogMode,
-                                             kAudioObjectPropertyScopeGlobal, 1},
-                                    &card),
-            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(
+      mirror.hogModeSoundCard(kAudioObjectSystemObject, Global(kAudioDevicePropertyHogMode), &card),
+      kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(
+      mirror.hogModeSoundCard(
+          IDOf("mic"), {kAudioDevicePropertyHogMode, kAudioObjectPropertyScopeGlobal, 1}, &card),
+      kAudioHardwareUnknownPropertyError);
   EXPECT_EQ(mirror.hogModeSoundCard(999, Global(kAudioDevicePropertyHogMode), &card),
             kAudioHardwareBadObjectError);
 }
@@ -293,12 +352,12 @@ TEST(PulseAudioDeviceMirrorTest, AbsentObjectIsABadObject) {
   mirror.update({Microphone("mic")});
   mirror.update({});
   std::uint32_t size = 0;
-  EXPECT_FALSE(mirror.hasObject(kFirst));
-  EXPECT_FALSE(mirror.hasProperty(kFirst, Global(kAudioObjectPropertyName)));
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioObjectPropertyName), &size),
+  EXPECT_FALSE(mirror.hasObject(IDOf("mic")));
+  EXPECT_FALSE(mirror.hasProperty(IDOf("mic"), Global(kAudioObjectPropertyName)));
+  EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Global(kAudioObjectPropertyName), &size),
             kAudioHardwareBadObjectError);
   EXPECT_EQ(ReadUInt32(mirror, 5, Global(kAudioDevicePropertyTransportType)), std::nullopt);
-  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(kAudioObjectPropertyName)),
+  EXPECT_EQ(mirror.setPropertyDataStatus(IDOf("mic"), Global(kAudioObjectPropertyName)),
             kAudioHardwareBadObjectError);
   EXPECT_TRUE(mirror.hasObject(kAudioObjectSystemObject));
 }
@@ -319,14 +378,14 @@ TEST(PulseAudioDeviceMirrorTest, BuffersTooSmallAreABadPropertySize) {
   std::uint8_t buffer[32] = {};
   std::uint32_t size = 3;
   EXPECT_EQ(
-      mirror.getPropertyData(kFirst, Global(kAudioDevicePropertyTransportType), &size, buffer),
+      mirror.getPropertyData(IDOf("mic"), Global(kAudioDevicePropertyTransportType), &size, buffer),
       kAudioHardwareBadPropertySizeError);
   size = 7;
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioObjectPropertyName), &size, buffer),
+  EXPECT_EQ(mirror.getPropertyData(IDOf("mic"), Global(kAudioObjectPropertyName), &size, buffer),
             kAudioHardwareBadPropertySizeError);
   size = 27;
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString),
-                                   &size, buffer),
+  EXPECT_EQ(mirror.getPropertyData(
+                IDOf("mic"), Input(kAudioDevicePropertyDataSourceNameForIDCFString), &size, buffer),
             kAudioHardwareBadPropertySizeError);
 }
 
@@ -337,13 +396,15 @@ TEST(PulseAudioDeviceMirrorTest, MalformedTranslationIsABadPropertySize) {
   PlatformStringRef name = nullptr;
   AudioValueTranslation translation{&sourceID, 2, &name, sizeof name};
   std::uint32_t size = kAudioValueTranslationDataSize;
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString),
-                                   &size, &translation),
-            kAudioHardwareBadPropertySizeError);
+  EXPECT_EQ(
+      mirror.getPropertyData(IDOf("mic"), Input(kAudioDevicePropertyDataSourceNameForIDCFString),
+                             &size, &translation),
+      kAudioHardwareBadPropertySizeError);
   translation = {&sourceID, sizeof sourceID, nullptr, sizeof name};
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString),
-                                   &size, &translation),
-            kAudioHardwareBadPropertySizeError);
+  EXPECT_EQ(
+      mirror.getPropertyData(IDOf("mic"), Input(kAudioDevicePropertyDataSourceNameForIDCFString),
+                             &size, &translation),
+      kAudioHardwareBadPropertySizeError);
 }
 
 TEST(PulseAudioDeviceMirrorTest, DeviceListWritesTheWholeIDsThatFit) {
@@ -355,7 +416,7 @@ TEST(PulseAudioDeviceMirrorTest, DeviceListWritesTheWholeIDsThatFit) {
                                    &size, ids),
             kNoErr);
   EXPECT_EQ(size, 4u);
-  EXPECT_EQ(ids[0], kFirst);
+  EXPECT_EQ(ids[0], std::min({IDOf("a"), IDOf("b"), IDOf("c")}));
   EXPECT_EQ(ids[1], 0u);
 }
 
@@ -363,20 +424,20 @@ TEST(PulseAudioDeviceMirrorTest, MissingBuffersAreRefused) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   std::uint32_t size = 4;
-  EXPECT_EQ(mirror.getPropertyDataSize(kFirst, Global(kAudioObjectPropertyName), nullptr),
+  EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Global(kAudioObjectPropertyName), nullptr),
             kAudioHardwareIllegalOperationError);
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioObjectPropertyName), nullptr, nullptr),
+  EXPECT_EQ(mirror.getPropertyData(IDOf("mic"), Global(kAudioObjectPropertyName), nullptr, nullptr),
             kAudioHardwareIllegalOperationError);
-  EXPECT_EQ(mirror.getPropertyData(kFirst, Global(kAudioObjectPropertyName), &size, nullptr),
+  EXPECT_EQ(mirror.getPropertyData(IDOf("mic"), Global(kAudioObjectPropertyName), &size, nullptr),
             kAudioHardwareIllegalOperationError);
 }
 
 TEST(PulseAudioDeviceMirrorTest, NothingIsWritable) {
   PulseAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
-  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(kAudioObjectPropertyName)),
+  EXPECT_EQ(mirror.setPropertyDataStatus(IDOf("mic"), Global(kAudioObjectPropertyName)),
             kAudioHardwareIllegalOperationError);
-  EXPECT_EQ(mirror.setPropertyDataStatus(kFirst, Global(FourCharCode("zzzz"))),
+  EXPECT_EQ(mirror.setPropertyDataStatus(IDOf("mic"), Global(FourCharCode("zzzz"))),
             kAudioHardwareUnknownPropertyError);
 }
 
@@ -403,18 +464,20 @@ TEST(PulseAudioDeviceMirrorTest, RunningChangeNotifiesRunningSomewhereOnly) {
   PulseMappedDevice device = Microphone("mic");
   mirror.update({device});
   device.isRunning = true;
-  EXPECT_EQ(mirror.update({device}),
-            (std::vector<Change>{{kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)}}));
+  EXPECT_EQ(
+      mirror.update({device}),
+      (std::vector<Change>{{IDOf("mic"), Global(kAudioDevicePropertyDeviceIsRunningSomewhere)}}));
   device.isRunning = false;
-  EXPECT_EQ(mirror.update({device}),
-            (std::vector<Change>{{kFirst, Global(kAudioDevicePropertyDeviceIsRunningSomewhere)}}));
+  EXPECT_EQ(
+      mirror.update({device}),
+      (std::vector<Change>{{IDOf("mic"), Global(kAudioDevicePropertyDeviceIsRunningSomewhere)}}));
 }
 
 TEST(PulseAudioDeviceMirrorTest, PortChangeNotifiesTheDataSource) {
   PulseAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   EXPECT_EQ(mirror.update({WithPorts(Microphone("mic"), "headset-mic")}),
-            (std::vector<Change>{{kFirst, Input(kAudioDevicePropertyDataSource)}}));
+            (std::vector<Change>{{IDOf("mic"), Input(kAudioDevicePropertyDataSource)}}));
 }
 
 TEST(PulseAudioDeviceMirrorTest, PortDescriptionChangeNotifiesTheSourceNames) {
@@ -424,7 +487,7 @@ TEST(PulseAudioDeviceMirrorTest, PortDescriptionChangeNotifiesTheSourceNames) {
   renamed.inputSources[1].description = "Headset";
   EXPECT_EQ(
       mirror.update({renamed}),
-      (std::vector<Change>{{kFirst, Input(kAudioDevicePropertyDataSourceNameForIDCFString)}}));
+      (std::vector<Change>{{IDOf("mic"), Input(kAudioDevicePropertyDataSourceNameForIDCFString)}}));
 }
 
 TEST(PulseAudioDeviceMirrorTest, NameModelAndTransportChangesAreNotified) {
@@ -435,9 +498,9 @@ TEST(PulseAudioDeviceMirrorTest, NameModelAndTransportChangesAreNotified) {
   device.modelUID = "1:2";
   device.transportType = kAudioDeviceTransportTypePCI;
   EXPECT_EQ(mirror.update({device}),
-            (std::vector<Change>{{kFirst, Global(kAudioObjectPropertyName)},
-                                 {kFirst, Global(kAudioDevicePropertyModelUID)},
-                                 {kFirst, Global(kAudioDevicePropertyTransportType)}}));
+            (std::vector<Change>{{IDOf("mic"), Global(kAudioObjectPropertyName)},
+                                 {IDOf("mic"), Global(kAudioDevicePropertyModelUID)},
+                                 {IDOf("mic"), Global(kAudioDevicePropertyTransportType)}}));
 }
 
 TEST(PulseAudioDeviceMirrorTest, IdleToSuspendedSourceChangesNothing) {

@@ -183,6 +183,31 @@ std::optional<std::string> PulseTestClient::sourceState(const std::string& name)
   return answer.state;
 }
 
+std::optional<std::size_t> PulseTestClient::recordingCount(const std::string& name,
+                                                           bool uncorkedOnly) {
+  const std::optional<std::uint32_t> source = sourceIndex(name);
+  if (!source) return std::nullopt;
+  struct CountAnswer {
+    pa_threaded_mainloop* loop;
+    std::uint32_t source;
+    bool uncorkedOnly;
+    std::size_t count;
+  } answer{loop_, *source, uncorkedOnly, 0};
+  LoopLock lock(loop_);
+  Finish(loop_, pa_context_get_source_output_info_list(
+                    context_,
+                    [](pa_context*, const pa_source_output_info* info, int, void* userdata) {
+                      auto* result = static_cast<CountAnswer*>(userdata);
+                      if (info && info->source == result->source &&
+                          !(result->uncorkedOnly && info->corked)) {
+                        ++result->count;
+                      }
+                      pa_threaded_mainloop_signal(result->loop, 0);
+                    },
+                    &answer));
+  return answer.count;
+}
+
 std::unique_ptr<PulseTestClient::Recording> PulseTestClient::record(const std::string& source,
                                                                     RecordingOptions options) {
   LoopLock lock(loop_);

@@ -6,6 +6,7 @@
 // Calls come from one thread at a time; the event handler runs on the client's own libpulse thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -61,6 +62,10 @@ class PulseTestClient {
   std::optional<std::uint32_t> sourceIndex(const std::string& name);
   // The source's state as the server tells it: "RUNNING", "IDLE" or "SUSPENDED".
   std::optional<std::string> sourceState(const std::string& name);
+
+  // How many streams record from the source named `name` (uncorked ones only, or all); nullopt
+  // when the server has no such source.
+  std::optional<std::size_t> recordingCount(const std::string& name, bool uncorkedOnly = true);
 
   // A stream recording from `source`, once the server has made it; null when it failed.
   std::unique_ptr<Recording> record(const std::string& source, RecordingOptions options);

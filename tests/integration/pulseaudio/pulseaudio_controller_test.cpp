@@ -12,6 +12,7 @@
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePulseServer.h"
@@ -164,7 +165,8 @@ TEST_F(PulseAudioControllerTest, LoadedNullSourceArrivesAsConnectedWithItsRecord
       .unsupportedReason = std::nullopt,
   };
   EXPECT_EQ(connected->device, expected);
-  EXPECT_GE(connected->device.deviceID, PulseAudioDeviceMirror::kFirstDeviceID);
+  EXPECT_EQ(connected->device.deviceID, StableDeviceIDHome(StableIDSpace::Audio, "extra_source"))
+      << "the ID every process gives this UID";
 }
 
 TEST_F(PulseAudioControllerTest, RecordingStreamBringsChangedRunningTrueThenFalse) {

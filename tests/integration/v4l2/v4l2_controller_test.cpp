@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tests/support/ChildProcess.h"
@@ -16,6 +17,9 @@
 
 namespace harkwell::testing {
 namespace {
+
+// The ID every process gives the camera that plugUsbCamera() makes on port 1-2.
+const ObjectID kWebcam = StableDeviceIDHome(StableIDSpace::Video, "usb:046d:0825:A1B2C3@1-2:1.0");
 
 struct Event {
   MediaDeviceEvent event;
@@ -115,7 +119,7 @@ TEST_F(V4L2ControllerTest, CreatingANodeYieldsConnectedWithTheMappedRecord) {
   settle();
   const auto connected = eventsOfKind(MediaDeviceEvent::Connected);
   ASSERT_EQ(connected.size(), 1u);
-  const MediaDevice expected{.deviceID = 2,
+  const MediaDevice expected{.deviceID = kWebcam,
                              .mediaType = MediaType::Video,
                              .deviceUID = "usb:046d:0825:A1B2C3@1-2:1.0",
                              .modelUID = "usb:046d:0825",
@@ -148,7 +152,7 @@ TEST_F(V4L2ControllerTest, ProcessOpeningTheNodeYieldsRunningAndItsExitNotRunnin
   const auto changes = eventsOfKind(MediaDeviceEvent::ChangedRunning);
   ASSERT_EQ(changes.size(), 2u);
   EXPECT_FALSE(changes[1].device.isRunning);
-  EXPECT_EQ(changes[1].device.deviceID, 2u);
+  EXPECT_EQ(changes[1].device.deviceID, kWebcam);
   EXPECT_FALSE(controller->connectedDevices()[0].isRunning);
 }
 
@@ -163,7 +167,7 @@ TEST_F(V4L2ControllerTest, DeletingTheNodesYieldsDisconnected) {
   settle();
   const auto disconnected = eventsOfKind(MediaDeviceEvent::Disconnected);
   ASSERT_EQ(disconnected.size(), 1u);
-  EXPECT_EQ(disconnected[0].device.deviceID, 2u);
+  EXPECT_EQ(disconnected[0].device.deviceID, kWebcam);
   EXPECT_FALSE(disconnected[0].device.isConnected);
   EXPECT_TRUE(controller->connectedDevices().empty());
 }
@@ -201,14 +205,18 @@ TEST_F(V4L2ControllerTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   }
   startObserving();
 
-  auto discovered = eventsOfKind(MediaDeviceEvent::InitialDiscovery);
+  const auto discovered = eventsOfKind(MediaDeviceEvent::InitialDiscovery);
   ASSERT_EQ(discovered.size(), 1004u);
-  std::sort(discovered.begin(), discovered.end(),
-            [](const Event& a, const Event& b) { return a.device.deviceID < b.device.deviceID; });
-  EXPECT_EQ(discovered[0].device.name, "Webcam C270: Webcam C270");
-  EXPECT_EQ(discovered[1].device.name, "video2");
-  EXPECT_EQ(discovered[2].device.name, "video3");
-  EXPECT_EQ(discovered[3].device.name, "Two\nlines \xff\xc3(");
+  auto nameOf = [&](const std::string& uid) -> std::string {
+    for (const Event& each : discovered) {
+      if (each.device.deviceUID == uid) return each.device.name;
+    }
+    return "<none>";
+  };
+  EXPECT_EQ(nameOf("usb:046d:0825:A1B2C3@1-2:1.0"), "Webcam C270: Webcam C270");
+  EXPECT_EQ(nameOf("virtual:video2"), "video2");
+  EXPECT_EQ(nameOf("virtual:video3"), "video3");
+  EXPECT_EQ(nameOf("virtual:video4"), "Two\nlines \xff\xc3(");
   const std::vector<std::string> lines = log.lines();
   for (const std::string& line : lines) {
     EXPECT_EQ(line.find('\n'), std::string::npos) << line;
@@ -232,7 +240,7 @@ TEST_F(V4L2ControllerTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   auto holder = StartNodeHolder(tree.devNodePath("video0"));
   ASSERT_TRUE(holder);
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
-  EXPECT_EQ(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.deviceID, 2u);
+  EXPECT_EQ(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.deviceID, kWebcam);
 }
 
 }  // namespace

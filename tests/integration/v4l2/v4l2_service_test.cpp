@@ -1,5 +1,6 @@
 // The V4L2 service at the seam, on fake trees with real files and real processes: what it
 // answers, when its listeners fire, and what it says about broken trees.
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 
 #include <fcntl.h>
@@ -31,6 +32,14 @@ constexpr PropertyAddress Streams(std::uint32_t scope) {
 }
 const PropertyAddress kDeviceList = Global(kCMIOHardwarePropertyDevices);
 const PropertyAddress kRunning = Global(kCMIODevicePropertyDeviceIsRunningSomewhere);
+
+// The ID the stable rule gives a camera with this UID (while no other camera shares its slot).
+ObjectID CameraID(const std::string& uid) {
+  return StableDeviceIDHome(StableIDSpace::Video, uid);
+}
+// The cameras addUsbCamera() makes on ports 1-2 and 1-3.
+const ObjectID kWebcam = CameraID("usb:046d:0825:A1B2C3@1-2:1.0");
+const ObjectID kSecondWebcam = CameraID("usb:046d:0825:A1B2C3@1-3:1.0");
 
 // A listener whose block records, on each call, the address count and the value it reads back
 // from the service. The block keeps the records alive, so it may run after the test body ends.
@@ -182,9 +191,9 @@ TEST_F(V4L2ServiceTest, DevicesAnswerWithTheMappedProperties) {
   start();
 
   const auto ids = deviceIDs();
-  ASSERT_EQ(ids, (std::vector<ObjectID>{2, 3}));
-  const ObjectID camera = ids[0];
-  const ObjectID loopback = ids[1];
+  ASSERT_EQ(ids, (std::vector<ObjectID>{CameraID("virtual:video5"), kWebcam}));
+  const ObjectID camera = kWebcam;
+  const ObjectID loopback = ids[0];
   EXPECT_EQ(std::get<1>(string(camera, kCMIOObjectPropertyName)), "Webcam C270: Webcam C270");
   EXPECT_EQ(std::get<1>(string(camera, kCMIODevicePropertyDeviceUID)),
             "usb:046d:0825:A1B2C3@1-2:1.0");
@@ -210,15 +219,15 @@ TEST_F(V4L2ServiceTest, HogModeAnswersUnknownProperty) {
   std::int32_t pid = 0;
   std::uint32_t size = sizeof pid;
 
-  EXPECT_EQ(service->getPropertyDataSize(2, hogMode, 0, nullptr, &size),
+  EXPECT_EQ(service->getPropertyDataSize(kWebcam, hogMode, 0, nullptr, &size),
             kCMIOHardwareUnknownPropertyError);
-  EXPECT_EQ(service->getPropertyData(2, hogMode, 0, nullptr, &size, &pid),
+  EXPECT_EQ(service->getPropertyData(kWebcam, hogMode, 0, nullptr, &size, &pid),
             kCMIOHardwareUnknownPropertyError);
-  EXPECT_EQ(service->setPropertyData(2, hogMode, 0, nullptr, sizeof pid, &pid),
+  EXPECT_EQ(service->setPropertyData(kWebcam, hogMode, 0, nullptr, sizeof pid, &pid),
             kCMIOHardwareUnknownPropertyError);
   EXPECT_EQ(pid, 0);
   RecordingListener listener([] { return 0u; });
-  EXPECT_EQ(listen(2, hogMode, listener), kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(listen(kWebcam, hogMode, listener), kCMIOHardwareUnknownPropertyError);
 }
 
 TEST_F(V4L2ServiceTest, UnknownObjectsAndSelectorsAnswerLikeThePlatform) {
@@ -235,8 +244,9 @@ TEST_F(V4L2ServiceTest, UnknownObjectsAndSelectorsAnswerLikeThePlatform) {
   EXPECT_EQ(service->setPropertyData(99, kRunning, 0, nullptr, size, &value),
             kCMIOHardwareBadObjectError);
   EXPECT_EQ(listen(99, kRunning, listener), kCMIOHardwareBadObjectError);
-  EXPECT_EQ(service->getPropertyData(2, Global(FourCharCode("abcd")), 0, nullptr, &size, &value),
-            kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(
+      service->getPropertyData(kWebcam, Global(FourCharCode("abcd")), 0, nullptr, &size, &value),
+      kCMIOHardwareUnknownPropertyError);
   EXPECT_EQ(service->getPropertyData(1, Global(kCMIOObjectPropertyName), 0, nullptr, &size, &value),
             kCMIOHardwareUnknownPropertyError);
 }
@@ -265,9 +275,9 @@ TEST_F(V4L2ServiceTest, WritingADevicePropertyIsRefused) {
   start();
   std::uint32_t value = 1;
 
-  EXPECT_EQ(service->setPropertyData(2, kRunning, 0, nullptr, sizeof value, &value),
+  EXPECT_EQ(service->setPropertyData(kWebcam, kRunning, 0, nullptr, sizeof value, &value),
             kCMIOHardwareIllegalOperationError);
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 }
 
 TEST_F(V4L2ServiceTest, BuffersTooSmallAnswerBadPropertySize) {
@@ -276,13 +286,36 @@ TEST_F(V4L2ServiceTest, BuffersTooSmallAnswerBadPropertySize) {
   std::uint8_t buffer[8] = {};
   std::uint32_t size = 3;
 
-  EXPECT_EQ(service->getPropertyData(2, Global(kCMIODevicePropertyTransportType), 0, nullptr, &size,
-                                     buffer),
+  EXPECT_EQ(service->getPropertyData(kWebcam, Global(kCMIODevicePropertyTransportType), 0, nullptr,
+                                     &size, buffer),
             kCMIOHardwareBadPropertySizeError);
   size = 4;
-  EXPECT_EQ(service->getPropertyData(2, Global(kCMIOObjectPropertyName), 0, nullptr, &size, buffer),
-            kCMIOHardwareBadPropertySizeError);
+  EXPECT_EQ(
+      service->getPropertyData(kWebcam, Global(kCMIOObjectPropertyName), 0, nullptr, &size, buffer),
+      kCMIOHardwareBadPropertySizeError);
   EXPECT_EQ(PlatformStringLiveCount(), 0u);
+}
+
+TEST_F(V4L2ServiceTest, CameraIDsComeFromTheirUIDsAndEveryServiceGivesTheSame) {
+  addUsbCamera("1-3", 2);
+  addUsbCamera("1-2", 0);
+  start();
+  const std::vector<ObjectID> ids = deviceIDs();
+  EXPECT_EQ(ids, (std::vector<ObjectID>{kWebcam, kSecondWebcam}));
+  for (ObjectID id : ids) {
+    EXPECT_TRUE(IsStableDeviceID(StableIDSpace::Video, id)) << id;
+    EXPECT_FALSE(IsStableDeviceID(StableIDSpace::Audio, id)) << id << " could name a microphone";
+  }
+  // Another process reading the same machine, with its own history.
+  auto other = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                            .devRoot = tree.devRoot(),
+                                            .procRoot = "/proc",
+                                            .udevDataRoot = tree.udevDataRoot()});
+  std::uint32_t size = 8;
+  ObjectID seen[2] = {0, 0};
+  EXPECT_EQ(other->getPropertyData(kCMIOObjectSystemObject, kDeviceList, 0, nullptr, &size, seen),
+            kNoErr);
+  EXPECT_EQ(std::vector<ObjectID>(seen, seen + 2), ids);
 }
 
 TEST_F(V4L2ServiceTest, DeviceListWritesOnlyTheWholeIDsThatFit) {
@@ -294,7 +327,7 @@ TEST_F(V4L2ServiceTest, DeviceListWritesOnlyTheWholeIDsThatFit) {
   std::uint32_t size = 6;
   EXPECT_EQ(service->getPropertyData(1, kDeviceList, 0, nullptr, &size, ids), kNoErr);
   EXPECT_EQ(size, 4u);
-  EXPECT_EQ(ids[0], 2u);
+  EXPECT_EQ(ids[0], kWebcam);
   EXPECT_EQ(ids[1], 0u);
 
   size = 0;
@@ -306,22 +339,23 @@ TEST_F(V4L2ServiceTest, ListenerRemovalMatchesTheWrappedClosure) {
   addUsbCamera();
   start();
   RecordingListener listener([] { return 0u; });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
   ASSERT_EQ(service->listenerCount(), 1u);
 
   // A new block around the same closure finds the registration; another closure does not.
   RecordingListener stranger([] { return 0u; });
-  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, queue,
+  EXPECT_EQ(service->removePropertyListenerBlock(kWebcam, kRunning, queue,
                                                  PlatformListenerBlock::copy(stranger.closure)),
             kCMIOHardwareUnknownPropertyError);
-  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, DispatchQueue::createSerial("other"),
-                                                 PlatformListenerBlock::copy(listener.closure)),
-            kCMIOHardwareUnknownPropertyError);
-  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, queue,
+  EXPECT_EQ(
+      service->removePropertyListenerBlock(kWebcam, kRunning, DispatchQueue::createSerial("other"),
+                                           PlatformListenerBlock::copy(listener.closure)),
+      kCMIOHardwareUnknownPropertyError);
+  EXPECT_EQ(service->removePropertyListenerBlock(kWebcam, kRunning, queue,
                                                  PlatformListenerBlock::copy(listener.closure)),
             kNoErr);
   EXPECT_EQ(service->listenerCount(), 0u);
-  EXPECT_EQ(service->removePropertyListenerBlock(2, kRunning, queue,
+  EXPECT_EQ(service->removePropertyListenerBlock(kWebcam, kRunning, queue,
                                                  PlatformListenerBlock::copy(listener.closure)),
             kCMIOHardwareUnknownPropertyError);
 }
@@ -338,14 +372,14 @@ TEST_F(V4L2ServiceTest, CreatingANodeNotifiesTheDeviceListAfterTheMirrorShowsIt)
   ASSERT_TRUE(listener.values.waitForCount(1));
   EXPECT_EQ(listener.values.entries()[0], 1u);
   EXPECT_EQ(listener.counts.entries()[0], 1u);
-  EXPECT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  EXPECT_EQ(deviceIDs(), std::vector<ObjectID>{kWebcam});
 }
 
 TEST_F(V4L2ServiceTest, DeletedNodeRemovesItsDeviceAndAReturningCameraKeepsItsID) {
   addUsbCamera("1-2", 0);
   addUsbCamera("1-3", 2);
   start();
-  ASSERT_EQ(deviceIDs(), (std::vector<ObjectID>{2, 3}));
+  ASSERT_EQ(deviceIDs(), (std::vector<ObjectID>{kWebcam, kSecondWebcam}));
   RecordingListener listener([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
   ASSERT_EQ(listen(1, kDeviceList, listener), kNoErr);
 
@@ -353,18 +387,18 @@ TEST_F(V4L2ServiceTest, DeletedNodeRemovesItsDeviceAndAReturningCameraKeepsItsID
   tree.removeDevNode("video1");
   ASSERT_TRUE(listener.values.waitUntil(
       [](const auto& values) { return !values.empty() && values.back() == 1; }));
-  EXPECT_EQ(deviceIDs(), std::vector<ObjectID>{3});
+  EXPECT_EQ(deviceIDs(), std::vector<ObjectID>{kSecondWebcam});
 
   tree.createDevNode("video0");
   ASSERT_TRUE(listener.values.waitUntil([](const auto& values) { return values.back() == 2; }));
-  EXPECT_EQ(deviceIDs(), (std::vector<ObjectID>{2, 3}));
+  EXPECT_EQ(deviceIDs(), (std::vector<ObjectID>{kWebcam, kSecondWebcam}));
 }
 
 TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilItExits) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
   auto holder = StartNodeHolder(tree.devNodePath("video0"));
   ASSERT_TRUE(holder);
@@ -381,8 +415,8 @@ TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilIt
 TEST_F(V4L2ServiceTest, MetadataNodeHeldOpenAlsoCountsAsRunning) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
   auto holder = StartNodeHolder(tree.devNodePath("video1"));
   ASSERT_TRUE(holder);
@@ -397,16 +431,17 @@ TEST_F(V4L2ServiceTest, ListenersRunOnTheirQueue) {
   Recorder<bool> onQueue;
   auto closure = std::make_shared<const PropertyListener>(
       [&](std::uint32_t, const PropertyAddress*) { onQueue.append(queue->isCurrent()); });
-  ASSERT_EQ(
-      service->addPropertyListenerBlock(2, kRunning, queue, PlatformListenerBlock::copy(closure)),
-      kNoErr);
+  ASSERT_EQ(service->addPropertyListenerBlock(kWebcam, kRunning, queue,
+                                              PlatformListenerBlock::copy(closure)),
+            kNoErr);
 
   auto holder = StartNodeHolder(tree.devNodePath("video0"));
   ASSERT_TRUE(holder);
 
   ASSERT_TRUE(onQueue.waitForCount(1));
   EXPECT_TRUE(onQueue.entries()[0]);
-  service->removePropertyListenerBlock(2, kRunning, queue, PlatformListenerBlock::copy(closure));
+  service->removePropertyListenerBlock(kWebcam, kRunning, queue,
+                                       PlatformListenerBlock::copy(closure));
   settle();
 }
 
@@ -422,9 +457,9 @@ TEST_F(V4L2ServiceTest, OwnOpensNeverMakeADeviceRunningNorNotify) {
     return probes++ == 0 ? v4l2::NodeProbeResult{std::nullopt, EACCES}
                          : v4l2::ProbeNodeCapabilities(path);
   });
-  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{kWebcam});
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
   const std::uint64_t scansBefore = service->processScanCount();
 
   ASSERT_EQ(::chmod(tree.devNodePath("video0").c_str(), 0660), 0);
@@ -437,7 +472,7 @@ TEST_F(V4L2ServiceTest, OwnOpensNeverMakeADeviceRunningNorNotify) {
 
   EXPECT_EQ(probes.load(), 2);
   EXPECT_GT(service->processScanCount(), scansBefore);
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   EXPECT_EQ(listener.values.size(), 0u);
 }
 
@@ -453,25 +488,25 @@ TEST_F(V4L2ServiceTest, LateOpenerIsLookedForAgainWhenTheTreeChangedInTheSameBur
                                          .udevDataRoot = tree.udevDataRoot(),
                                          .eventBurstWindow = std::chrono::milliseconds(50),
                                          .openRecheckDelay = std::chrono::hours(1)});
-  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{kWebcam});
   RecordingListener devices([this] { return static_cast<std::uint32_t>(deviceIDs().size()); });
   ASSERT_EQ(listen(1, kDeviceList, devices), kNoErr);
-  RecordingListener running([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, running), kNoErr);
+  RecordingListener running([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, running), kNoErr);
 
   // One burst: an open of the camera's node and another camera's node appearing.
   const int fd = ::open(tree.devNodePath("video0").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
   tree.createDevNode("video2");
   ASSERT_TRUE(devices.values.waitUntil([](const auto& v) { return !v.empty() && v.back() == 2; }));
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 
   // Only now does the opener's descriptor show in /proc.
   const pid_t opener = ::getpid() + 1;
   tree.makeSymlink(tree.devNodePath("video0"), "proc/" + std::to_string(opener) + "/fd/3");
   service->waitForPendingChanges();
 
-  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
   EXPECT_TRUE(running.values.waitForCount(1));
   ::close(fd);
 }
@@ -479,8 +514,8 @@ TEST_F(V4L2ServiceTest, LateOpenerIsLookedForAgainWhenTheTreeChangedInTheSameBur
 TEST_F(V4L2ServiceTest, QuickOpenAndCloseYieldsAtMostOnePairOfEvents) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
   for (int round = 0; round < 20; ++round) {
     const std::size_t before = listener.values.size();
@@ -499,7 +534,7 @@ TEST_F(V4L2ServiceTest, QuickOpenAndCloseYieldsAtMostOnePairOfEvents) {
       EXPECT_LE(values[before], 1u);
       EXPECT_EQ(values[before + 1], 0u);
     }
-    EXPECT_EQ(uint32(2, kRunning), 0u);
+    EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   }
 }
 
@@ -530,9 +565,9 @@ TEST_F(V4L2ServiceTest, ListenerFiresOnlyWhenItsValueChanged) {
   addUsbCamera();
   start();
   RecordingListener name([] { return 0u; });
-  RecordingListener running([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, Global(kCMIOObjectPropertyName), name), kNoErr);
-  ASSERT_EQ(listen(2, kRunning, running), kNoErr);
+  RecordingListener running([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, Global(kCMIOObjectPropertyName), name), kNoErr);
+  ASSERT_EQ(listen(kWebcam, kRunning, running), kNoErr);
 
   // Another camera coming changes the device list, not this device's running state.
   addUsbCamera("1-3", 2);
@@ -555,9 +590,9 @@ TEST_F(V4L2ServiceTest, NodeThatCannotBeOpenedStillAppears) {
   addUsbCamera();
   start([](const std::string&) { return v4l2::NodeProbeResult{std::nullopt, EACCES}; });
 
-  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
-  EXPECT_EQ(std::get<1>(string(2, kCMIOObjectPropertyName)), "Webcam C270: Webcam C270");
-  EXPECT_EQ(streamCount(2, kCMIODevicePropertyScopeInput), 1u);
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{kWebcam});
+  EXPECT_EQ(std::get<1>(string(kWebcam, kCMIOObjectPropertyName)), "Webcam C270: Webcam C270");
+  EXPECT_EQ(streamCount(kWebcam, kCMIODevicePropertyScopeInput), 1u);
 }
 
 TEST_F(V4L2ServiceTest, NodeThatIsNoCameraIsProbedOnceAcrossTreeChanges) {
@@ -583,7 +618,7 @@ TEST_F(V4L2ServiceTest, NodeThatIsNoCameraIsProbedOnceAcrossTreeChanges) {
     ++counts->refused;
     return {std::nullopt, EACCES};
   });
-  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{2});
+  ASSERT_EQ(deviceIDs(), std::vector<ObjectID>{kWebcam});
   ASSERT_EQ(counts->codec.load(), 1);
 
   // Changes that have nothing to do with the codec, each followed by a new reading of the tree.
@@ -627,10 +662,10 @@ TEST_F(V4L2ServiceTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   tree.makeFolder("sys/class/video4linux/video6");
   start();
 
-  const auto ids = deviceIDs();
-  ASSERT_EQ(ids.size(), 3u);
-  EXPECT_EQ(std::get<1>(string(ids[1], kCMIOObjectPropertyName)), "Bad\nname \xff\xfe");
-  EXPECT_EQ(std::get<1>(string(ids[2], kCMIOObjectPropertyName)), "video9");
+  ASSERT_EQ(deviceIDs().size(), 3u);
+  EXPECT_EQ(std::get<1>(string(CameraID("virtual:video8"), kCMIOObjectPropertyName)),
+            "Bad\nname \xff\xfe");
+  EXPECT_EQ(std::get<1>(string(CameraID("virtual:video9"), kCMIOObjectPropertyName)), "video9");
   for (const std::string& line : log.lines()) {
     EXPECT_EQ(line.find('\n'), std::string::npos) << line;
     EXPECT_EQ(line.rfind("V4L2: ", 0), 0u) << line;
@@ -654,8 +689,11 @@ TEST_F(V4L2ServiceTest, ThousandNodesAreAllReportedAndFollowed) {
   ASSERT_TRUE(
       listener.values.waitUntil([](const auto& v) { return !v.empty() && v.back() == 999; }));
 
-  RecordingListener running([this] { return uint32(2 + 999, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2 + 999, kRunning, running), kNoErr);
+  const ObjectID last = CameraID("virtual:video999");
+  ASSERT_EQ(std::get<1>(string(last, kCMIODevicePropertyDeviceUID)), "virtual:video999")
+      << "no other loopback shares its slot";
+  RecordingListener running([this, last] { return uint32(last, kRunning).value_or(99); });
+  ASSERT_EQ(listen(last, kRunning, running), kNoErr);
   auto holder = StartNodeHolder(tree.devNodePath("video999"));
   ASSERT_TRUE(holder);
   ASSERT_TRUE(running.values.waitForCount(1));
@@ -686,7 +724,7 @@ TEST_F(V4L2ServiceTest, UnreadableProcLogsOneLineAndReportsNotRunning) {
   ASSERT_TRUE(holder);
   settle();
 
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   EXPECT_EQ(log.lines(),
             std::vector<std::string>{"V4L2: cannot read \"" + proc +
                                      "\" (No such file or directory); cameras are reported as "

@@ -1,50 +1,235 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 
 #include <charconv>
+#include <map>
+#include <set>
+#include <string_view>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 
 namespace harkwell {
 namespace {
 
-// The value of `key` on the device, else on its card.
-std::optional<std::string> PropertyOf(const PulseEndpoint& endpoint, const PulseCard* card,
-                                      const std::string& key) {
+// The value of `key` on the device, else on its card; null when neither has it.
+const std::string* PropertyOf(const PulseEndpoint& endpoint, const PulseCard* card,
+                              std::string_view key) {
   if (auto found = endpoint.properties.find(key); found != endpoint.properties.end()) {
-    return found->second;
+    return &found->second;
   }
   if (card) {
     if (auto found = card->properties.find(key); found != card->properties.end()) {
-      return found->second;
+      return &found->second;
     }
   }
-  return std::nullopt;
+  return nullptr;
+}
+
+bool Is(const std::string* value, std::string_view expected) {
+  return value && *value == expected;
+}
+
+const PulseCard* CardOf(const PulseEndpoint& endpoint, const PulseServerState& state) {
+  if (!endpoint.cardIndex) return nullptr;
+  auto found = state.cards.find(*endpoint.cardIndex);
+  return found == state.cards.end() ? nullptr : &found->second;
+}
+
+// The kinds of record, as the upper half of a graph key.
+enum class RecordKind : std::uint64_t { Source = 1, Sink = 2, Recording = 3, Playback = 4 };
+
+ConsumerGraph::NodeKey KeyOf(RecordKind kind, std::uint32_t index) {
+  return (static_cast<std::uint64_t>(kind) << 32) | index;
+}
+
+bool HasHardware(const PulseEndpoint& endpoint, const PulseCard* card) {
+  if (endpoint.cardIndex) return true;
+  const std::uint32_t transport = PulseTransportTypeFor(endpoint, card);
+  return transport != kAudioDeviceTransportTypeVirtual &&
+         transport != kAudioDeviceTransportTypeUnknown;
+}
+
+// The names of the filter groups a record belongs to: its owner module's and its link group's.
+std::vector<std::string> GroupsOf(const std::optional<std::uint32_t>& ownerModule,
+                                  const std::optional<std::string>& linkGroup) {
+  std::vector<std::string> groups;
+  if (ownerModule) groups.push_back("module " + std::to_string(*ownerModule));
+  if (linkGroup) groups.push_back("link " + *linkGroup);
+  return groups;
+}
+
+std::optional<std::string> LinkGroupOf(const PulseEndpoint& endpoint) {
+  auto found = endpoint.properties.find("node.link-group");
+  if (found == endpoint.properties.end()) return std::nullopt;
+  return found->second;
+}
+
+// The members of one filter group, by index.
+struct FilterGroup {
+  std::set<std::uint32_t> sources;
+  std::set<std::uint32_t> sinks;
+  std::set<std::uint32_t> recordings;
+  std::set<std::uint32_t> playbacks;
+};
+
+// Every member of every group the record belongs to, merged.
+FilterGroup MembersOf(const std::map<std::string, FilterGroup>& groups,
+                      const std::vector<std::string>& names) {
+  FilterGroup members;
+  for (const std::string& name : names) {
+    auto found = groups.find(name);
+    if (found == groups.end()) continue;
+    const FilterGroup& group = found->second;
+    members.sources.insert(group.sources.begin(), group.sources.end());
+    members.sinks.insert(group.sinks.begin(), group.sinks.end());
+    members.recordings.insert(group.recordings.begin(), group.recordings.end());
+    members.playbacks.insert(group.playbacks.begin(), group.playbacks.end());
+  }
+  return members;
+}
+
+bool IsRunningIn(const PulseEndpoint& endpoint, const ConsumerGraph& graph) {
+  // A suspended device moves no data, whoever holds a stream on it. An idle one may: the server
+  // reports a new stream before the state it puts the device in, and the stream is the answer.
+  const bool awake =
+      endpoint.state == PulseEndpointState::Running || endpoint.state == PulseEndpointState::Idle;
+  return awake && DeviceIsRunning(graph, PulseGraphKeyFor(endpoint));
 }
 
 }  // namespace
 
+ConsumerGraph::NodeKey PulseGraphKeyFor(const PulseEndpoint& endpoint) {
+  return KeyOf(endpoint.kind == PulseEndpointKind::Source ? RecordKind::Source : RecordKind::Sink,
+               endpoint.index);
+}
+
+ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
+  using Direction = ConsumerGraph::DeviceDirection;
+  using Kind = ConsumerGraph::StreamKind;
+  ConsumerGraph graph;
+  std::map<std::string, FilterGroup> groups;
+
+  for (const auto& [index, source] : state.sources) {
+    if (source.isMonitor) continue;
+    graph.addDevice(KeyOf(RecordKind::Source, index), Direction::Source,
+                    HasHardware(source, CardOf(source, state)));
+    for (const std::string& name : GroupsOf(source.ownerModule, LinkGroupOf(source))) {
+      groups[name].sources.insert(index);
+    }
+  }
+  for (const auto& [index, sink] : state.sinks) {
+    graph.addDevice(KeyOf(RecordKind::Sink, index), Direction::Sink,
+                    HasHardware(sink, CardOf(sink, state)));
+    for (const std::string& name : GroupsOf(sink.ownerModule, LinkGroupOf(sink))) {
+      groups[name].sinks.insert(index);
+    }
+  }
+  for (const auto& [index, stream] : state.recordingStreams) {
+    for (const std::string& name : GroupsOf(stream.ownerModule, stream.linkGroup)) {
+      groups[name].recordings.insert(index);
+    }
+  }
+  for (const auto& [index, stream] : state.playbackStreams) {
+    for (const std::string& name : GroupsOf(stream.ownerModule, stream.linkGroup)) {
+      groups[name].playbacks.insert(index);
+    }
+  }
+
+  for (const auto& [index, stream] : state.recordingStreams) {
+    const ConsumerGraph::NodeKey key = KeyOf(RecordKind::Recording, index);
+    auto recorded = state.sources.find(stream.sourceIndex);
+    const PulseEndpoint* source = recorded == state.sources.end() ? nullptr : &recorded->second;
+    const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
+    const FilterGroup filter = MembersOf(groups, names);
+    // A module's stream, or one of a link group, is a filter's half even before the rest of its
+    // filter shows up: a filter module puts its recording stream in place before its source.
+    const bool isFilter = !names.empty();
+    const bool isMonitorCapture = source && source->isMonitor;
+
+    Kind kind = Kind::Program;
+    if (stream.corked) {
+      kind = Kind::Paused;
+    } else if (stream.levelMeter) {
+      kind = Kind::LevelMeter;
+    } else if (isFilter) {
+      kind = Kind::Filter;
+    } else if (isMonitorCapture) {
+      kind = Kind::MonitorCapture;
+    }
+    graph.addStream(key, kind);
+
+    if (isMonitorCapture) {
+      if (source->monitoredSink)
+        graph.addFlow(KeyOf(RecordKind::Sink, *source->monitoredSink), key);
+    } else {
+      graph.addFlow(KeyOf(RecordKind::Source, stream.sourceIndex), key);
+    }
+    if (!isFilter) continue;
+    for (std::uint32_t offered : filter.sources) {
+      const PulseEndpoint& output = state.sources.at(offered);
+      // A filter source that names its master takes only from the stream on that master.
+      auto master = output.properties.find("device.master_device");
+      if (master != output.properties.end() && source && master->second != source->name) continue;
+      graph.addFlow(key, KeyOf(RecordKind::Source, offered));
+    }
+    // A loopback offers no device: its recording half feeds its playback half.
+    if (filter.sources.empty()) {
+      for (std::uint32_t playback : filter.playbacks) {
+        graph.addFlow(key, KeyOf(RecordKind::Playback, playback));
+      }
+    }
+  }
+
+  for (const auto& [index, stream] : state.playbackStreams) {
+    const ConsumerGraph::NodeKey key = KeyOf(RecordKind::Playback, index);
+    const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
+    const FilterGroup filter = MembersOf(groups, names);
+    const bool isFilter = !names.empty();
+    Kind kind = Kind::Program;
+    if (stream.corked) {
+      kind = Kind::Paused;
+    } else if (isFilter) {
+      kind = Kind::Filter;
+    }
+    graph.addStream(key, kind);
+    graph.addFlow(key, KeyOf(RecordKind::Sink, stream.sinkIndex));
+    if (!isFilter) continue;
+    for (std::uint32_t input : filter.sinks) graph.addFlow(KeyOf(RecordKind::Sink, input), key);
+    if (filter.sinks.empty()) {
+      for (std::uint32_t recording : filter.recordings) {
+        graph.addFlow(KeyOf(RecordKind::Recording, recording), key);
+      }
+    }
+  }
+  return graph;
+}
+
 std::uint32_t PulseTransportTypeFor(const PulseEndpoint& endpoint, const PulseCard* card) {
-  const auto bus = PropertyOf(endpoint, card, "device.bus");
-  const auto api = PropertyOf(endpoint, card, "device.api");
-  const auto formFactor = PropertyOf(endpoint, card, "device.form_factor");
-  const auto deviceClass = PropertyOf(endpoint, card, "device.class");
+  const std::string* bus = PropertyOf(endpoint, card, "device.bus");
+  const std::string* api = PropertyOf(endpoint, card, "device.api");
+  const std::string* formFactor = PropertyOf(endpoint, card, "device.form_factor");
+  const std::string* deviceClass = PropertyOf(endpoint, card, "device.class");
 
   // The bus says how the device is attached; a built-in one says so through its form factor
   // even though it sits on a PCI (or other) bus inside the computer.
-  if (bus == "bluetooth" || api == "bluez") return kAudioDeviceTransportTypeBluetooth;
-  if (bus == "usb") return kAudioDeviceTransportTypeUSB;
-  if (bus == "firewire" || bus == "ieee1394") return kAudioDeviceTransportTypeFireWire;
-  if (formFactor == "internal") return kAudioDeviceTransportTypeBuiltIn;
-  if (bus == "pci") return kAudioDeviceTransportTypePCI;
+  // PulseAudio's Bluetooth modules say "bluez"; PipeWire's (through pipewire-pulse) "bluez5".
+  if (Is(bus, "bluetooth") || Is(api, "bluez") || Is(api, "bluez5")) {
+    return kAudioDeviceTransportTypeBluetooth;
+  }
+  if (Is(bus, "usb")) return kAudioDeviceTransportTypeUSB;
+  if (Is(bus, "firewire") || Is(bus, "ieee1394")) return kAudioDeviceTransportTypeFireWire;
+  if (Is(formFactor, "internal")) return kAudioDeviceTransportTypeBuiltIn;
+  if (Is(bus, "pci")) return kAudioDeviceTransportTypePCI;
   // Null devices, loopbacks, filters and network tunnels have no hardware behind them.
-  if (deviceClass == "abstract" || deviceClass == "filter") return kAudioDeviceTransportTypeVirtual;
+  if (Is(deviceClass, "abstract") || Is(deviceClass, "filter")) {
+    return kAudioDeviceTransportTypeVirtual;
+  }
   if (!bus && !endpoint.cardIndex) return kAudioDeviceTransportTypeVirtual;
   return kAudioDeviceTransportTypeUnknown;
 }
 
 std::optional<std::string> PulseModelUIDFor(const PulseEndpoint& endpoint, const PulseCard* card) {
-  const auto vendor = PropertyOf(endpoint, card, "device.vendor.id");
-  const auto product = PropertyOf(endpoint, card, "device.product.id");
+  const std::string* vendor = PropertyOf(endpoint, card, "device.vendor.id");
+  const std::string* product = PropertyOf(endpoint, card, "device.product.id");
   if (!vendor || !product || vendor->empty() || product->empty()) return std::nullopt;
   return *vendor + ":" + *product;
 }
@@ -64,16 +249,17 @@ std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
 }
 
 bool PulseEndpointIsRunning(const PulseEndpoint& endpoint, const PulseServerState& state) {
-  if (endpoint.state != PulseEndpointState::Running) return false;
-  if (endpoint.kind == PulseEndpointKind::Sink) return true;
-  for (const auto& [index, stream] : state.recordingStreams) {
-    if (stream.sourceIndex == endpoint.index && !stream.corked && !stream.levelMeter) return true;
-  }
-  return false;
+  ConsumerGraph graph = PulseConsumerGraphFor(state);
+  const bool isSource = endpoint.kind == PulseEndpointKind::Source;
+  graph.addDevice(
+      PulseGraphKeyFor(endpoint),
+      isSource ? ConsumerGraph::DeviceDirection::Source : ConsumerGraph::DeviceDirection::Sink,
+      HasHardware(endpoint, CardOf(endpoint, state)));
+  return IsRunningIn(endpoint, graph);
 }
 
 PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCard* card,
-                                   const PulseServerState& state) {
+                                   const ConsumerGraph& graph) {
   PulseMappedDevice device;
   device.kind = endpoint.kind;
   device.uid = endpoint.name;
@@ -83,7 +269,7 @@ PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCar
   const bool isSource = endpoint.kind == PulseEndpointKind::Source;
   device.inputStreamCount = isSource ? 1 : 0;
   device.outputStreamCount = isSource ? 0 : 1;
-  device.isRunning = PulseEndpointIsRunning(endpoint, state);
+  device.isRunning = IsRunningIn(endpoint, graph);
   device.soundCard = PulseSoundCardFor(endpoint, card);
   if (isSource && !endpoint.ports.empty()) {
     device.inputSources = endpoint.ports;
@@ -93,18 +279,16 @@ PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCar
 }
 
 std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state) {
-  auto cardOf = [&](const PulseEndpoint& endpoint) -> const PulseCard* {
-    if (!endpoint.cardIndex) return nullptr;
-    auto found = state.cards.find(*endpoint.cardIndex);
-    return found == state.cards.end() ? nullptr : &found->second;
-  };
+  const ConsumerGraph graph = PulseConsumerGraphFor(state);
   std::vector<PulseMappedDevice> devices;
   devices.reserve(state.sources.size() + state.sinks.size());
   for (const auto& [index, source] : state.sources) {
-    if (!source.isMonitor) devices.push_back(MapPulseEndpoint(source, cardOf(source), state));
+    if (!source.isMonitor) {
+      devices.push_back(MapPulseEndpoint(source, CardOf(source, state), graph));
+    }
   }
   for (const auto& [index, sink] : state.sinks) {
-    devices.push_back(MapPulseEndpoint(sink, cardOf(sink), state));
+    devices.push_back(MapPulseEndpoint(sink, CardOf(sink, state), graph));
   }
   return devices;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Platform/Linux/ConsumerGraph.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
 
 namespace harkwell {
@@ -38,9 +39,10 @@ struct PulseMappedDevice {
 // server's index order.
 std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state);
 
-// One source or sink; `card` is the card that owns it, or null.
+// One source or sink; `card` is the card that owns it, or null; `graph` is the server's
+// (PulseConsumerGraphFor).
 PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCard* card,
-                                   const PulseServerState& state);
+                                   const ConsumerGraph& graph);
 
 // The transport code from the device's and then the card's "device.bus", "device.api",
 // "device.form_factor" and "device.class"; 0 (unknown) when nothing tells.
@@ -55,8 +57,31 @@ std::optional<std::string> PulseModelUIDFor(const PulseEndpoint& endpoint, const
 std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
                                                const PulseCard* card);
 
-// Whether the device is in use by any process. A sink: its state is RUNNING. A source: its state
-// is RUNNING and at least one recording stream on it is neither corked nor a level meter.
+// Where data flows on the server, for the shared running rule (ConsumerGraph.h):
+//   devices   every source but monitors, and every sink; with hardware behind it when a card owns
+//             it or its transport is a bus (neither virtual nor unknown)
+//   streams   a recording stream is paused when corked, else a level meter when the server feeds
+//             it peaks, else one half of a filter when a module opened it (it has no client) or
+//             it has a "node.link-group", else a monitor capture when it records a sink's monitor,
+//             else a program's. A playback stream is paused when corked, else a filter's half on
+//             the same terms, else a program's. (Programs' streams belong to clients; a module
+//             that sends a source over the network is judged as a filter feeding nobody.)
+//   filters   records that share an owner module or a "node.link-group" belong to one filter: a
+//             filter module (virtual, remapped, echo-cancelling source or sink, loopback) owns the
+//             streams it opens and the devices it offers. Its recording stream feeds the sources of
+//             the group (only those whose "device.master_device", if any, names the source it
+//             records from), or, without any, the group's playback streams (a loopback). Its
+//             playback stream is fed by the sinks of the group, or, without any, by the group's
+//             recording streams. A half whose group offers nothing yet feeds nothing.
+//   flows     a source into each stream recording from it, a sink into each capture of its
+//             monitor, each playback stream into its sink, and the filter links above.
+// Keys: the record's index, with the kind of record in the upper 32 bits.
+ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state);
+ConsumerGraph::NodeKey PulseGraphKeyFor(const PulseEndpoint& endpoint);
+
+// Whether the device is in use by any process: the server does not hold it suspended and the
+// shared rule finds a real consumer (a source) or a real producer (a sink) in the server's graph.
+// A device missing from `state` is judged as if it were there.
 bool PulseEndpointIsRunning(const PulseEndpoint& endpoint, const PulseServerState& state);
 
 }  // namespace harkwell

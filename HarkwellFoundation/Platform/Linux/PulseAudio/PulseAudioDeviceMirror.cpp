@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 
 namespace harkwell {
@@ -196,10 +197,6 @@ bool PulseAudioDeviceMirror::hasObject(ObjectID object) const {
 
 PulseAudioDeviceMirror::Entry PulseAudioDeviceMirror::entryFor(const PulseMappedDevice& device) {
   Identity& identity = identities_[DeviceKey(device.kind, device.uid)];
-  if (identity.deviceID == 0) {
-    identity.deviceID = nextDeviceID_;
-    nextDeviceID_ += 2;
-  }
   Entry entry{device, {}, std::nullopt};
   for (const PulsePort& port : device.inputSources) {
     // Input source IDs count from 1 per device, in the order the ports were first seen.
@@ -213,18 +210,34 @@ PulseAudioDeviceMirror::Entry PulseAudioDeviceMirror::entryFor(const PulseMapped
 
 std::vector<PulseAudioDeviceMirror::Change> PulseAudioDeviceMirror::update(
     const std::vector<PulseMappedDevice>& devices) {
+  // Sources come before sinks in `devices`, so a source and a sink of one name always take their
+  // slots in the same order.
+  // Two records of one kind under one name (never from a sane server) are one device: the last.
+  std::map<DeviceKey, std::size_t> lastOfKey;
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    lastOfKey[DeviceKey(devices[i].kind, devices[i].uid)] = i;
+  }
+  std::vector<const PulseMappedDevice*> distinct;
+  std::vector<std::string> uids;
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    if (lastOfKey[DeviceKey(devices[i].kind, devices[i].uid)] != i) continue;
+    distinct.push_back(&devices[i]);
+    uids.push_back(devices[i].uid);
+  }
+  const std::vector<ObjectID> ids = AssignStableDeviceIDs(StableIDSpace::Audio, uids);
   std::map<ObjectID, Entry> next;
-  for (const PulseMappedDevice& device : devices) {
-    Entry entry = entryFor(device);
-    next.insert_or_assign(identities_[DeviceKey(device.kind, device.uid)].deviceID,
-                          std::move(entry));
+  for (std::size_t i = 0; i < distinct.size(); ++i) {
+    if (ids[i] != 0) next.emplace(ids[i], entryFor(*distinct[i]));
   }
 
   std::vector<Change> changes;
+  // An ID that now names another device (two UIDs sharing a home slot) changes the list too.
   const bool listChanged =
       next.size() != entries_.size() ||
-      !std::equal(next.begin(), next.end(), entries_.begin(),
-                  [](const auto& a, const auto& b) { return a.first == b.first; });
+      !std::equal(next.begin(), next.end(), entries_.begin(), [](const auto& a, const auto& b) {
+        return a.first == b.first && a.second.device.kind == b.second.device.kind &&
+               a.second.device.uid == b.second.device.uid;
+      });
   if (listChanged) {
     changes.push_back({kAudioObjectSystemObject, GlobalAddress(kAudioHardwarePropertyDevices)});
   }
@@ -235,6 +248,7 @@ std::vector<PulseAudioDeviceMirror::Change> PulseAudioDeviceMirror::update(
     const PulseMappedDevice& was = old.device;
     const PulseMappedDevice& now = entry.device;
     auto note = [&, id = id](const PropertyAddress& address) { changes.push_back({id, address}); };
+    if (was.uid != now.uid) note(GlobalAddress(kAudioDevicePropertyDeviceUID));
     if (was.name != now.name) note(GlobalAddress(kAudioObjectPropertyName));
     if (was.modelUID != now.modelUID) note(GlobalAddress(kAudioDevicePropertyModelUID));
     if (was.transportType != now.transportType) {

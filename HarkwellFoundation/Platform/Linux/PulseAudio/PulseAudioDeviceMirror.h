@@ -1,7 +1,9 @@
 // The devices a PulseAudio service shows, as objects of the audio seam: it gives each mapped device
 // an object ID, answers property reads about them, and tells which properties a new server state
-// changed. IDs are kept for the life of the mirror: a device that comes back (after its module is
-// reloaded or the server restarts) gets its old ID again, and an ID never names another device.
+// changed. A device's ID comes from its UID by the stable rule (StableDeviceID.h, audio space), so
+// every process gives it the same ID, and a device that comes back (after its module is reloaded or
+// the server restarts) has its old ID again. Only when two present devices' UIDs share a home slot
+// can an ID move between them, as the set of present devices changes.
 //
 // Not thread-safe: the owning service serialises every call with its own lock. Nothing here blocks
 // or calls out.
@@ -28,14 +30,11 @@ class PulseAudioDeviceMirror {
     friend bool operator==(const Change&, const Change&) = default;
   };
 
-  // Device IDs are handed out from here in steps of two: a device's one stream takes the ID after
-  // it (streams are named in "stm#" but are not objects of the service).
-  static constexpr ObjectID kFirstDeviceID = 100;
-
   // Replaces the devices with `devices` and returns what changed, device list first.
   std::vector<Change> update(const std::vector<PulseMappedDevice>& devices);
 
-  // The present devices' IDs, in the order they were first seen.
+  // The present devices' IDs, ascending. A device's one stream takes the odd ID after the
+  // device's (streams are named in "stm#" but are not objects of the service).
   std::vector<ObjectID> deviceIDs() const;
   // The system object, or a present device.
   bool hasObject(ObjectID object) const;
@@ -60,7 +59,6 @@ class PulseAudioDeviceMirror {
 
   // What the mirror remembers of every device it has ever shown.
   struct Identity {
-    ObjectID deviceID = 0;
     std::map<std::string, std::uint32_t> portIDs;  // input source IDs by port name
   };
 
@@ -76,7 +74,6 @@ class PulseAudioDeviceMirror {
   Entry entryFor(const PulseMappedDevice& device);
 
   std::map<DeviceKey, Identity> identities_;
-  ObjectID nextDeviceID_ = kFirstDeviceID;
   std::map<ObjectID, Entry> entries_;
 };
 

@@ -130,8 +130,9 @@ OSStatus PulseAudioHardwareService::addPropertyListenerBlock(ObjectID object,
     if (!mirror_.hasObject(object)) return kAudioHardwareBadObjectError;
   }
   // A device that leaves right here keeps this listener, as it keeps every other one: listeners
-  // are not dropped when their device leaves. Its ID never names another device, and if the
-  // device comes back it has this ID again, so the listener fires for its changes from then on.
+  // are not dropped when their device leaves. Its ID comes from its name, so if the device comes
+  // back it has this ID again and the listener fires for its changes from then on (only two
+  // present names sharing a home slot can move an ID to another device).
   // Removing the listener works whether the device is present or not.
   if (!listeners_.add(object, address, std::move(queue), std::move(block))) {
     return kAudioHardwareIllegalOperationError;

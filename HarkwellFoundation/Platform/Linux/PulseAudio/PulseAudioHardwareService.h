@@ -1,9 +1,9 @@
 // The audio hardware service on Linux: a PulseAudio server (or PipeWire through pipewire-pulse),
 // reached through libpulse, shown as the audio seam's objects and properties.
 //
-// The service keeps a mirror of the server's sources, sinks, cards and recording streams, kept
-// current on libpulse's loop thread by a subscription. Reads answer from the mirror under a short
-// lock and never wait on the server. A change updates the mirror first and then queues each
+// The service keeps a mirror of the server's sources, sinks, cards, recording and playback streams,
+// kept current on libpulse's loop thread by a subscription. Reads answer from the mirror under a
+// short lock and never wait on the server. A change updates the mirror first and then queues each
 // listener block of a property whose value changed on the listener's own queue.
 //
 // How the server appears through the seam:
@@ -11,10 +11,12 @@
 //   seam                          PulseAudio
 //   ----------------------------  ----------------------------------------------------------------
 //   device                        one per source and one per sink; monitor sources are left out
-//   device ID                     100, 102, 104, ... in the order devices are first seen; kept for
-//                                 the life of the service, so a device that comes back (module
-//                                 reloaded, server restarted) has its old ID and an ID never names
-//                                 another device
+//   device ID                     from the UID by the stable rule (StableDeviceID.h), audio space:
+//                                 the FNV-1a hash of the name picks an even ID from 65536 to
+//                                 131070, the same in every process and after a server restart;
+//                                 when two present devices' names share a slot, the name that sorts
+//                                 first keeps it and the next takes the following free even ID (a
+//                                 source before a sink of the same name)
 //   "dev#" (system object 1)      the present devices' IDs, ascending
 //   "lnam"                        the source's or sink's description
 //   "uid "                        the source's or sink's name
@@ -22,19 +24,30 @@
 //                                 of the device, else of its card; a null string when not known
 //   "tran"                        from "device.bus", "device.api", "device.form_factor" and
 //                                 "device.class" of the device, else of its card, first match wins:
-//                                 bus bluetooth or api bluez -> "blue"; bus usb -> "usb ";
+//                                 bus bluetooth or api bluez/bluez5 -> "blue"; bus usb -> "usb ";
 //                                 bus firewire/ieee1394 -> "1394"; form factor internal -> "bltn";
 //                                 bus pci -> "pci "; class abstract or filter, or neither bus nor
 //                                 card -> "virt"; otherwise 0 (unknown)
 //   "stm#"                        a source has one input stream, a sink one output stream (4 bytes
 //                                 each; the stream's ID is the device's ID + 1 and is not an
 //                                 object)
-//   "gone" (running somewhere)    a sink: its state is RUNNING. A source: its state is RUNNING and
-//                                 at least one recording stream on it is neither corked nor a level
-//                                 meter (a stream the server feeds peaks, resample method "peaks",
-//                                 as volume controls open). So a volume meter does not make a
-//                                 microphone "in use"; a corked stream does not either. A change
-//                                 between IDLE and SUSPENDED changes nothing here.
+//   "gone" (running somewhere)    the server does not hold the device suspended (a stream on an
+//                                 IDLE device counts as soon as the server reports the stream,
+//                                 before the device's new state) and the shared running rule
+//                                 (ConsumerGraph.h) finds a real consumer of a source, or a real
+//                                 producer for a sink, in the server's graph
+//                                 (PulseConsumerGraphFor in PulseAudioDeviceMapping.h): recording
+//                                 and playback streams of programs count; a corked stream, a level
+//                                 meter (resample method "peaks"; on pipewire-pulse
+//                                 "stream.monitor" or "resample.peaks" true) and a capture of a
+//                                 sink's monitor do not; a filter (streams and devices sharing an
+//                                 owner module or a "node.link-group": a virtual, remapped or
+//                                 echo-cancelling source or sink, a loopback) counts only while
+//                                 something real consumes what it offers, or feeds what it plays,
+//                                 down a chain of any length; a sound card's sink at the end of a
+//                                 loopback counts (the microphone is heard). So a volume meter or a
+//                                 filter nobody records from does not make a microphone "in use".
+//                                 A change between IDLE and SUSPENDED changes nothing here.
 //   "ssrc" (input scope)          sources with ports only: the active port's input source ID (IDs
 //                                 count from 1 per device in the order ports are first seen)
 //   "lscn" (input scope)          sources with ports only: a port's description, by input source ID

@@ -30,10 +30,12 @@ constexpr auto kSources = &PulseServerState::sources;
 constexpr auto kSinks = &PulseServerState::sinks;
 constexpr auto kCards = &PulseServerState::cards;
 constexpr auto kRecordings = &PulseServerState::recordingStreams;
+constexpr auto kPlaybacks = &PulseServerState::playbackStreams;
 constexpr auto kSource = &PulseEndpointFromSourceInfo;
 constexpr auto kSink = &PulseEndpointFromSinkInfo;
 constexpr auto kCard = &PulseCardFromCardInfo;
 constexpr auto kRecording = &PulseRecordingStreamFromSourceOutputInfo;
+constexpr auto kPlayback = &PulsePlaybackStreamFromSinkInputInfo;
 
 }  // namespace
 
@@ -215,11 +217,11 @@ void PulseAudioServerConnection::onReady() {
   // Subscribing before listing: a change made while the lists are read is fetched again after.
   const auto mask = static_cast<pa_subscription_mask_t>(
       PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_CARD |
-      PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT);
+      PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT | PA_SUBSCRIPTION_MASK_SINK_INPUT);
   Release(pa_context_subscribe(context, mask, nullptr, nullptr));
 
   state_ = PulseServerState();
-  listsPending_ = 4;
+  listsPending_ = 5;
   Release(
       pa_context_get_card_info_list(context, &received<pa_card_info, kCards, kCard, true>, this));
   Release(
@@ -228,6 +230,8 @@ void PulseAudioServerConnection::onReady() {
       context, &received<pa_source_info, kSources, kSource, true>, this));
   Release(pa_context_get_source_output_info_list(
       context, &received<pa_source_output_info, kRecordings, kRecording, true>, this));
+  Release(pa_context_get_sink_input_info_list(
+      context, &received<pa_sink_input_info, kPlaybacks, kPlayback, true>, this));
 }
 
 void PulseAudioServerConnection::onListDone() {
@@ -307,6 +311,9 @@ void PulseAudioServerConnection::onServerEvent(unsigned facility, unsigned type,
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
       changed = state_.recordingStreams.erase(index) != 0;
       break;
+    case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
+      changed = state_.playbackStreams.erase(index) != 0;
+      break;
     default:
       break;
   }
@@ -331,6 +338,10 @@ void PulseAudioServerConnection::fetch(unsigned facility, std::uint32_t index) {
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
       Release(pa_context_get_source_output_info(
           context_, index, &received<pa_source_output_info, kRecordings, kRecording, false>, this));
+      break;
+    case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
+      Release(pa_context_get_sink_input_info(
+          context_, index, &received<pa_sink_input_info, kPlaybacks, kPlayback, false>, this));
       break;
     default:
       break;

@@ -22,6 +22,30 @@ PulseProperties PropertiesOf(const pa_proplist* list) {
   return properties;
 }
 
+std::optional<std::uint32_t> IndexOf(std::uint32_t index) {
+  if (index == PA_INVALID_INDEX) return std::nullopt;
+  return index;
+}
+
+// The module a stream belongs to when no client opened it. A client's streams name the protocol
+// module the client came through as their owner, which ties nothing together.
+std::optional<std::uint32_t> ModuleOwning(std::uint32_t ownerModule, std::uint32_t client) {
+  if (client != PA_INVALID_INDEX) return std::nullopt;
+  return IndexOf(ownerModule);
+}
+
+// A proplist entry that reads "true".
+bool IsTrue(const pa_proplist* list, const char* key) {
+  const char* value = list ? pa_proplist_gets(list, key) : nullptr;
+  return value && std::strcmp(value, "true") == 0;
+}
+
+std::optional<std::string> LinkGroupOf(const pa_proplist* list) {
+  const char* value = list ? pa_proplist_gets(list, "node.link-group") : nullptr;
+  if (!value) return std::nullopt;
+  return std::string(value);
+}
+
 PulseEndpointState StateOf(int state) {
   // Sources and sinks number their states alike (PA_SOURCE_RUNNING == PA_SINK_RUNNING, ...).
   switch (state) {
@@ -44,7 +68,8 @@ PulseEndpoint EndpointFrom(const Info& info, PulseEndpointKind kind) {
   endpoint.index = info.index;
   endpoint.name = TextOf(info.name);
   endpoint.description = TextOf(info.description);
-  if (info.card != PA_INVALID_INDEX) endpoint.cardIndex = info.card;
+  endpoint.cardIndex = IndexOf(info.card);
+  endpoint.ownerModule = IndexOf(info.owner_module);
   endpoint.state = StateOf(info.state);
   for (std::uint32_t i = 0; info.ports && i < info.n_ports && info.ports[i]; ++i) {
     endpoint.ports.push_back(
@@ -59,7 +84,8 @@ PulseEndpoint EndpointFrom(const Info& info, PulseEndpointKind kind) {
 
 PulseEndpoint PulseEndpointFromSourceInfo(const pa_source_info& info) {
   PulseEndpoint endpoint = EndpointFrom(info, PulseEndpointKind::Source);
-  endpoint.isMonitor = info.monitor_of_sink != PA_INVALID_INDEX;
+  endpoint.monitoredSink = IndexOf(info.monitor_of_sink);
+  endpoint.isMonitor = endpoint.monitoredSink.has_value();
   return endpoint;
 }
 
@@ -72,8 +98,21 @@ PulseCard PulseCardFromCardInfo(const pa_card_info& info) {
 }
 
 PulseRecordingStream PulseRecordingStreamFromSourceOutputInfo(const pa_source_output_info& info) {
-  const bool peaks = info.resample_method && std::strcmp(info.resample_method, "peaks") == 0;
-  return PulseRecordingStream{info.index, info.source, info.corked != 0, peaks};
+  const bool peaks = (info.resample_method && std::strcmp(info.resample_method, "peaks") == 0) ||
+                     IsTrue(info.proplist, "stream.monitor") ||
+                     IsTrue(info.proplist, "resample.peaks");
+  return PulseRecordingStream{info.index,
+                              info.source,
+                              info.corked != 0,
+                              peaks,
+                              ModuleOwning(info.owner_module, info.client),
+                              LinkGroupOf(info.proplist)};
+}
+
+PulsePlaybackStream PulsePlaybackStreamFromSinkInputInfo(const pa_sink_input_info& info) {
+  return PulsePlaybackStream{info.index, info.sink, info.corked != 0,
+                             ModuleOwning(info.owner_module, info.client),
+                             LinkGroupOf(info.proplist)};
 }
 
 }  // namespace harkwell

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2FileAccess.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2LogText.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
@@ -229,11 +230,16 @@ std::set<std::string> V4L2HardwareService::readTree() {
   deviceNodeNames_ = {reading.deviceNodeNames.begin(), reading.deviceNodeNames.end()};
   udevRecordNames_ = {reading.udevRecordNames.begin(), reading.udevRecordNames.end()};
 
+  // IDs come from the cameras' identities by the stable rule, so every process agrees on them.
+  std::vector<std::string> identities;
+  identities.reserve(reading.cameras.size());
+  for (const v4l2::CameraDescription& description : reading.cameras) {
+    identities.push_back(description.identity);
+  }
+  const std::vector<ObjectID> ids = AssignStableDeviceIDs(StableIDSpace::Video, identities);
   cameras_.clear();
-  for (v4l2::CameraDescription& description : reading.cameras) {
-    auto [entry, added] = idOfIdentity_.try_emplace(description.identity, nextDeviceID_);
-    if (added) ++nextDeviceID_;
-    cameras_.push_back(Camera{entry->second, std::move(description)});
+  for (std::size_t i = 0; i < reading.cameras.size(); ++i) {
+    if (ids[i] != 0) cameras_.push_back(Camera{ids[i], std::move(reading.cameras[i])});
   }
   // Nodes that are no camera (codecs, metadata-only groups) keep their answers too, or every
   // re-read of the tree would open them again.

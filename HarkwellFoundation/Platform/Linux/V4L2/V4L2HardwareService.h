@@ -10,8 +10,11 @@
 //                parent device (the target of their "device" link) and have a node under /dev.
 //                A node without a parent (a loopback device) is a device of its own. A group
 //                with neither a capture nor an output node (metadata only, codecs) is no device.
-//   object ID    2, 3, ... given out per persistent identity (the UID) and kept for the life of
-//                the service: a camera plugged back into the same port gets its old ID.
+//   object ID    From the UID by the stable rule (StableDeviceID.h), video space: the FNV-1a hash
+//                of the UID picks an ID from 131072 to 196607, apart from every audio ID, the same
+//                in every process and whenever the camera is plugged back into the same port. When
+//                two present cameras' UIDs share a slot, the UID that sorts first keeps it and the
+//                next takes the following free ID.
 //   "dev#"  (1)  The devices, in ID order.
 //   "yes "  (1)  The screen-capture switch: a 4-byte write is accepted and kept, reads answer the
 //                last value (1 at first); it changes nothing, V4L2 has no screen-capture devices.
@@ -175,8 +178,6 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::set<std::string> deviceNodeNames_;
   std::set<std::string> udevRecordNames_;
   std::vector<Camera> cameras_;
-  std::map<std::string, ObjectID> idOfIdentity_;
-  ObjectID nextDeviceID_ = 2;
   std::set<std::string> currentDiagnostics_;
   std::map<std::string, std::string> loggedProblems_;  // problem name -> the line logged
   std::optional<std::chrono::steady_clock::time_point> recheckAt_;
