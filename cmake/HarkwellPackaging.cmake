@@ -31,7 +31,7 @@ install(EXPORT HarkwellFoundationTargets
   NAMESPACE HarkwellFoundation::
   DESTINATION ${HARKWELL_CMAKE_PACKAGE_DIR})
 
-# The config file finds libpulse and libsystemd again where the library links them.
+# The config file finds libpulse, libsystemd and libpipewire again where the library links them.
 if(HARKWELL_WITH_PULSEAUDIO)
   set(HARKWELL_CONFIG_NEEDS_LIBPULSE ON)
 else()
@@ -41,6 +41,11 @@ if(HARKWELL_WITH_DEVICE_RESERVATION)
   set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD ON)
 else()
   set(HARKWELL_CONFIG_NEEDS_LIBSYSTEMD OFF)
+endif()
+if(HARKWELL_WITH_PIPEWIRE)
+  set(HARKWELL_CONFIG_NEEDS_LIBPIPEWIRE ON)
+else()
+  set(HARKWELL_CONFIG_NEEDS_LIBPIPEWIRE OFF)
 endif()
 configure_package_config_file(
   ${PROJECT_SOURCE_DIR}/cmake/HarkwellFoundationConfig.cmake.in
@@ -67,6 +72,12 @@ if(HARKWELL_WITH_DEVICE_RESERVATION)
   string(APPEND HARKWELL_PC_CFLAGS " -DHARKWELL_HAVE_DEVICE_RESERVATION=1")
   string(STRIP "${HARKWELL_PC_CFLAGS}" HARKWELL_PC_CFLAGS)
   string(APPEND HARKWELL_PC_REQUIRES " libsystemd")
+  string(STRIP "${HARKWELL_PC_REQUIRES}" HARKWELL_PC_REQUIRES)
+endif()
+if(HARKWELL_WITH_PIPEWIRE)
+  string(APPEND HARKWELL_PC_CFLAGS " -DHARKWELL_HAVE_PIPEWIRE=1")
+  string(STRIP "${HARKWELL_PC_CFLAGS}" HARKWELL_PC_CFLAGS)
+  string(APPEND HARKWELL_PC_REQUIRES " libpipewire-0.3")
   string(STRIP "${HARKWELL_PC_REQUIRES}" HARKWELL_PC_REQUIRES)
 endif()
 get_target_property(harkwell_library_type HarkwellFoundation TYPE)

@@ -102,7 +102,7 @@ TEST(CommandLine, ChoicesAreWordsOnly) {
   auto outcome = Parse({"list", "--audio", "2"});
   EXPECT_EQ(outcome.parsed.exitCode, 2);
   EXPECT_EQ(outcome.err,
-            "harkwell: --audio: expected none, pulse or simulated, not \"2\"\n"
+            "harkwell: --audio: expected none, pipewire, pulse or simulated, not \"2\"\n"
             "Run 'harkwell list --help' for usage.\n");
   outcome = Parse({"watch", "--video", "0"});
   EXPECT_EQ(outcome.parsed.exitCode, 2);
@@ -120,7 +120,7 @@ TEST(CommandLine, HelpShowsTheWordsOfEachChoiceAndNoNumbers) {
   for (const char* command : {"list", "hog"}) {
     const auto outcome = Parse({command, "--help"});
     EXPECT_EQ(outcome.parsed.exitCode, 0);
-    EXPECT_NE(outcome.out.find("--audio none|pulse|simulated"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("--audio none|pipewire|pulse|simulated"), std::string::npos) << outcome.out;
     EXPECT_NE(outcome.out.find("--video none|simulated|v4l2"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.out.find("->"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.out.find("ENUM"), std::string::npos) << outcome.out;

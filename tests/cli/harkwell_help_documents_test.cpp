@@ -111,7 +111,7 @@ TEST(HelpDocuments, TheBashCompletionOffersCommandsOptionsAndChoices) {
   EXPECT_EQ(BashOffers({"harkwell", ""}), "list watch hog model\n");
   EXPECT_EQ(BashOffers({"harkwell", "w"}), "watch\n");
   EXPECT_EQ(BashOffers({"harkwell", "list", "--au"}), "--audio\n");
-  EXPECT_EQ(BashOffers({"harkwell", "watch", "--audio", ""}), "none pulse simulated\n");
+  EXPECT_EQ(BashOffers({"harkwell", "watch", "--audio", ""}), "none pipewire pulse simulated\n");
   EXPECT_EQ(BashOffers({"harkwell", "list", "--video", "v"}), "v4l2\n");
   EXPECT_EQ(BashOffers({"harkwell", "hog", ""}), "off on status\n");
   EXPECT_EQ(BashOffers({"harkwell", "hog", "--scenario", "x.json", "o"}), "off on\n");
@@ -136,10 +136,11 @@ TEST(HelpDocuments, TheFishCompletionOffersChoices) {
       "/usr/bin/fish",
       {"--no-config", "-c", "source '" + script + "'; complete -C 'harkwell list --audio '"});
   EXPECT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(result.out,
-            "none\tAudio devices: pulse (default), simulated or none\n"
-            "pulse\tAudio devices: pulse (default), simulated or none\n"
-            "simulated\tAudio devices: pulse (default), simulated or none\n");
+  const std::string description =
+      "\tAudio devices: pipewire, pulse, simulated or none (default: pipewire when a PipeWire "
+      "daemon answers, else pulse)\n";
+  EXPECT_EQ(result.out, "none" + description + "pipewire" + description + "pulse" + description +
+                            "simulated" + description);
 }
 
 }  // namespace

@@ -443,7 +443,7 @@ TEST(HarkwellErrors, ChoicesThatAreNumbersAreRefusedWithUsage) {
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err,
-            "harkwell: --audio: expected none, pulse or simulated, not \"2\"\n"
+            "harkwell: --audio: expected none, pipewire, pulse or simulated, not \"2\"\n"
             "Run 'harkwell list --help' for usage.\n");
   result = RunHarkwell({"hog", "1", "100"});
   EXPECT_EQ(result.status, 2);
