@@ -11,6 +11,7 @@ packages=(
   libpipewire-0.3-dev pipewire pipewire-bin pipewire-pulse wireplumber
   libcli11-dev nlohmann-json3-dev
   psmisc lsof procps bsdutils
+  groff-base zsh fish
   clang-14 clang-format-14 libclang-rt-14-dev
 )
 

@@ -73,22 +73,23 @@ TEST(HarkwellOnPulseAudio, ListShowsTheServersDevices) {
 const std::map<std::string, std::string> kNoServer{{"PULSE_SERVER", "unix:/nonexistent/harkwell"}};
 
 TEST(HarkwellWithoutASoundServer, ListSaysSoInOneLineAndExitsWithStatus3) {
-  const auto result = RunHarkwell({"list", "--video", "none"}, kNoServer);
+  const auto result = RunHarkwell({"list", "--audio", "pulse", "--video", "none"}, kNoServer);
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "harkwell: no PulseAudio server answered (Connection refused)\n");
+  EXPECT_EQ(result.err, "harkwell: PulseAudio: no server answered (Connection refused)\n");
 }
 
 TEST(HarkwellWithoutASoundServer, HogSaysSoInOneLineAndExitsWithStatus3) {
-  const auto result = RunHarkwell({"hog", "status", "5", "--json", "--video", "none"}, kNoServer);
+  const auto result = RunHarkwell(
+      {"hog", "status", "5", "--json", "--audio", "pulse", "--video", "none"}, kNoServer);
   EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "harkwell: no PulseAudio server answered (Connection refused)\n");
+  EXPECT_EQ(result.err, "harkwell: PulseAudio: no server answered (Connection refused)\n");
 }
 
 TEST(HarkwellWithoutASoundServer, WatchGoesOnAndSaysDevicesWillAppear) {
-  const auto result =
-      RunHarkwell({"watch", "--json", "--duration", "0.3", "--video", "none"}, kNoServer);
+  const auto result = RunHarkwell(
+      {"watch", "--json", "--duration", "0.3", "--audio", "pulse", "--video", "none"}, kNoServer);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err,
             "harkwell: PulseAudio: no server answered (Connection refused); devices will appear "

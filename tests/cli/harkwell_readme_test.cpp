@@ -234,6 +234,15 @@ TEST_F(Readme, TheLibraryExampleItQuotesIsTheExampleProgram) {
             ReadFile(fs::path(HARKWELL_SOURCE_DIR) / "examples/library/device_watch.cpp"));
 }
 
+TEST_F(Readme, TheInstallHasTheManualPageAndTheCompletionsItMentions) {
+  const fs::path prefix = *work_ / "prefix";
+  for (const char* file :
+       {"share/man/man1/harkwell.1", "share/bash-completion/completions/harkwell",
+        "share/zsh/site-functions/_harkwell", "share/fish/vendor_completions.d/harkwell.fish"}) {
+    EXPECT_TRUE(fs::is_regular_file(prefix / file)) << file;
+  }
+}
+
 TEST_F(Readme, TheScenarioItShowsPlaysToItsEnd) {
   const auto blocks = ReadmeBlocks();
   const auto block = std::find_if(blocks.begin(), blocks.end(), [](const Block& b) {

@@ -192,66 +192,97 @@ std::optional<std::string> UnknownSubcommandMessage(const std::vector<std::strin
   return std::nullopt;
 }
 
-}  // namespace
-
-ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
-                                   std::ostream& err) {
+// The whole command line: every command and option, with the values they are parsed into. Parsing
+// uses it, and so do the manual page and the shell completions, which are generated from it.
+struct Definition {
   CLI::App app{"Shows the computer's microphones, speakers and cameras, and watches them change.",
                "harkwell"};
-  app.require_subcommand(1);
-  app.failure_message(FailureMessage);
-  app.set_version_flag("--version", std::string("harkwell ") + HARKWELL_CLI_VERSION);
-
   Options options;
   double duration = 0;
   std::string hogAction;
   std::map<Command, RawServiceOptions> raw;
-  const std::string verboseHelp =
-      "Also show the library's notes on expected conditions (a device without a model UID)";
-  app.add_flag("-v,--verbose", options.verbose, verboseHelp);
+  CLI::App* list = nullptr;
+  CLI::App* watch = nullptr;
+  CLI::App* hog = nullptr;
+  CLI::App* model = nullptr;
+  CLI::Option* durationOption = nullptr;
+  CLI::Option* holdDurationOption = nullptr;
 
-  auto* list = app.add_subcommand("list", "Print the connected devices, audio then video");
-  list->add_flag("--json", options.json, "Print one JSON array of device objects");
-  list->add_flag("-v,--verbose", options.verbose, verboseHelp);
-  AddServiceOptions(*list, raw[Command::List]);
+  Definition() {
+    app.require_subcommand(1);
+    app.failure_message(FailureMessage);
+    app.set_version_flag("--version", std::string("harkwell ") + HARKWELL_CLI_VERSION);
 
-  auto* watch = app.add_subcommand(
-      "watch", "Print the devices found at start and every change until interrupted");
-  watch->add_flag("--json", options.json, "Print one JSON object per line");
-  auto* durationOption = watch->add_option("--duration", duration, "Stop after this many seconds")
-                             ->type_name("SECONDS")
-                             ->check(DurationSeconds());
-  watch->add_flag("--follow", options.follow,
-                  "With --scenario: keep watching after the scenario's last step");
-  watch->add_flag("-v,--verbose", options.verbose, verboseHelp);
-  AddServiceOptions(*watch, raw[Command::Watch]);
+    const std::string verboseHelp =
+        "Also show the library's notes on expected conditions (a device without a model UID)";
+    app.add_flag("-v,--verbose", options.verbose, verboseHelp);
 
-  auto* hog = app.add_subcommand("hog", "Read, take or release exclusive access to a device");
-  hog->add_option("action", hogAction, "status, on or off")
-      ->required()
-      ->check(OneOf(kHogActions))
-      ->type_name(Words(kHogActions, "|", "|"));
-  hog->add_option("device", options.hogDevice,
-                  "A device ID (a number, looked up first) or a device UID")
-      ->required()
-      ->type_name("DEVICE")
-      ->check(DeviceIDWithoutLeadingZeros());
-  hog->add_flag("--json", options.json, "Print the answer as a JSON object");
-  auto* holdOption = hog->add_flag(
-      "--hold", options.hold,
-      "With 'on': keep the device until Ctrl-C or --duration (the hold ends with harkwell)");
-  auto* holdDurationOption =
-      hog->add_option("--duration", duration, "With --hold: let go after this many seconds")
-          ->type_name("SECONDS")
-          ->check(DurationSeconds())
-          ->needs(holdOption);
-  hog->add_flag("-v,--verbose", options.verbose, verboseHelp);
-  AddServiceOptions(*hog, raw[Command::Hog]);
+    list = app.add_subcommand("list", "Print the connected devices, audio then video");
+    list->add_flag("--json", options.json, "Print one JSON array of device objects");
+    list->add_flag("-v,--verbose", options.verbose, verboseHelp);
+    AddServiceOptions(*list, raw[Command::List]);
 
-  // `model` reads no devices, so it takes no device sources.
-  auto* model = app.add_subcommand("model", "Print the computer's model identifier");
-  model->add_flag("--json", options.json, "Print the answer as a JSON object");
-  model->add_flag("-v,--verbose", options.verbose, verboseHelp);
+    watch = app.add_subcommand(
+        "watch", "Print the devices found at start and every change until interrupted");
+    watch->add_flag("--json", options.json, "Print one JSON object per line");
+    durationOption = watch->add_option("--duration", duration, "Stop after this many seconds")
+                         ->type_name("SECONDS")
+                         ->check(DurationSeconds());
+    watch->add_flag("--follow", options.follow,
+                    "With --scenario: keep watching after the scenario's last step");
+    watch->add_flag("-v,--verbose", options.verbose, verboseHelp);
+    AddServiceOptions(*watch, raw[Command::Watch]);
+
+    hog = app.add_subcommand("hog", "Read, take or release exclusive access to a device");
+    hog->add_option("action", hogAction, "status, on or off")
+        ->required()
+        ->check(OneOf(kHogActions))
+        ->type_name(Words(kHogActions, "|", "|"));
+    hog->add_option("device", options.hogDevice,
+                    "A device ID (a number, looked up first) or a device UID")
+        ->required()
+        ->type_name("DEVICE")
+        ->check(DeviceIDWithoutLeadingZeros());
+    hog->add_flag("--json", options.json, "Print the answer as a JSON object");
+    auto* holdOption = hog->add_flag(
+        "--hold", options.hold,
+        "With 'on': keep the device until Ctrl-C or --duration (the hold ends with harkwell)");
+    holdDurationOption =
+        hog->add_option("--duration", duration, "With --hold: let go after this many seconds")
+            ->type_name("SECONDS")
+            ->check(DurationSeconds())
+            ->needs(holdOption);
+    hog->add_flag("-v,--verbose", options.verbose, verboseHelp);
+    AddServiceOptions(*hog, raw[Command::Hog]);
+
+    // `model` reads no devices, so it takes no device sources.
+    model = app.add_subcommand("model", "Print the computer's model identifier");
+    model->add_flag("--json", options.json, "Print the answer as a JSON object");
+    model->add_flag("-v,--verbose", options.verbose, verboseHelp);
+  }
+  Definition(const Definition&) = delete;
+  Definition& operator=(const Definition&) = delete;
+};
+
+}  // namespace
+
+void VisitCommandLineDefinition(const std::function<void(const CLI::App&)>& visit) {
+  const Definition definition;
+  visit(definition.app);
+}
+
+ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
+                                   std::ostream& err) {
+  Definition definition;
+  CLI::App& app = definition.app;
+  Options& options = definition.options;
+  auto* const list = definition.list;
+  auto* const watch = definition.watch;
+  auto* const hog = definition.hog;
+  auto* const model = definition.model;
+  auto& raw = definition.raw;
+  const std::string& hogAction = definition.hogAction;
+  const double& duration = definition.duration;
 
   if (const auto unknown = UnknownSubcommandMessage(
           {list->get_name(), watch->get_name(), hog->get_name(), model->get_name()}, arguments)) {
@@ -277,7 +308,7 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
     return ParsedCommandLine{.options = std::nullopt, .exitCode = code == 0 ? 0 : kUsageExitCode};
   }
   if (!hogAction.empty()) options.hogAction = kHogActions.at(hogAction);
-  if (holdDurationOption->count() > 0) options.durationSeconds = duration;
+  if (definition.holdDurationOption->count() > 0) options.durationSeconds = duration;
   if (options.hold && options.hogAction != HogAction::On) {
     err << "harkwell: --hold goes with 'hog on' only\n" << HelpPointer(app);
     return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
@@ -291,7 +322,7 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
       if (command != Command::Model) options.services = Collect(raw[command]);
     }
   }
-  if (durationOption->count() > 0) options.durationSeconds = duration;
+  if (definition.durationOption->count() > 0) options.durationSeconds = duration;
   // Options that parse one by one but not together are a usage error too.
   if (auto conflict = ServiceOptionsConflict(options.services)) {
     app.exit(CLI::ValidationError(*conflict), out, err);

@@ -3,10 +3,15 @@
 // and the tests see no exceptions.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace harkwell::cli {
 
@@ -50,5 +55,9 @@ struct ParsedCommandLine {
 
 ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, std::ostream& out,
                                    std::ostream& err);
+
+// Calls `visit` with the command line's own description, every command and option as the parser
+// knows them, from which the manual page and the shell completions are generated.
+void VisitCommandLineDefinition(const std::function<void(const CLI::App&)>& visit);
 
 }  // namespace harkwell::cli

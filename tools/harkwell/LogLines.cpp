@@ -18,12 +18,13 @@ std::string StderrLogLine(std::string_view line) {
   return "harkwell: " + EscapeForTerminal(line);
 }
 
-std::optional<std::string> NoSoundServerReason(std::string_view line) {
-  // Written by the PulseAudio service while it starts: "PulseAudio: no server answered
-  // (Connection refused); devices will appear when one starts".
-  static const std::regex kNoServer(R"(PulseAudio: no server answered \((.*)\);.*)");
+std::optional<std::string> UnreachableSourceNote(std::string_view line) {
+  // The PulseAudio and PipeWire services write these while they start: "PulseAudio: no server
+  // answered (Connection refused); devices will appear when one starts", "PipeWire: the daemon did
+  // not answer within 2000 ms; devices will appear when it does".
+  static const std::regex kUnreachable(R"((.*); devices will appear when (one starts|it does))");
   std::match_results<std::string_view::const_iterator> match;
-  if (!std::regex_match(line.begin(), line.end(), match, kNoServer)) return std::nullopt;
+  if (!std::regex_match(line.begin(), line.end(), match, kUnreachable)) return std::nullopt;
   return match[1].str();
 }
 

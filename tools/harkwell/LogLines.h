@@ -15,8 +15,9 @@ bool IsExpectedConditionLine(std::string_view line);
 // `line` as printed on stderr.
 std::string StderrLogLine(std::string_view line);
 
-// When `line` is the audio service's note that no sound server answered at start, the reason it
-// gives ("Connection refused").
-std::optional<std::string> NoSoundServerReason(std::string_view line);
+// When `line` is a real service's note that its server did not answer at start and that devices
+// will appear once it does, the note without that promise ("PulseAudio: no server answered
+// (Connection refused)"), which only a command that goes on watching can keep.
+std::optional<std::string> UnreachableSourceNote(std::string_view line);
 
 }  // namespace harkwell::cli

@@ -42,11 +42,12 @@ std::shared_ptr<AudioHardwareService> MakePulseAudioService(std::vector<std::str
 #endif
 }
 
-std::shared_ptr<AudioHardwareService> MakePipeWireService() {
+std::shared_ptr<AudioHardwareService> MakePipeWireService(std::vector<std::string>& startupLog) {
 #if defined(HARKWELL_WITH_PIPEWIRE)
   // libpipewire finds the daemon as usual (PIPEWIRE_REMOTE, the user's pipewire-0 socket).
-  return PipeWireHardwareService::create();
+  return KeepingStartupLog(startupLog, [] { return PipeWireHardwareService::create(); });
 #else
+  (void)startupLog;
   return nullptr;
 #endif
 }
@@ -117,7 +118,7 @@ ServiceSetup InstallServices(const ServiceOptions& options) {
           KeepingStartupLog(installed.startupLog, [] { return MakeDefaultAudioHardwareService(); });
       break;
     case AudioChoice::PipeWire:
-      audio = MakePipeWireService();
+      audio = MakePipeWireService(installed.startupLog);
       if (!audio) return Failure("PipeWire is not available in this build of harkwell");
       break;
     case AudioChoice::Pulse:
@@ -154,9 +155,7 @@ ServiceSetup InstallServices(const ServiceOptions& options) {
   if (simulatedVideo) simulatedVideo->setRecordingCalls(false);
 
   for (const auto& line : installed.startupLog) {
-    if (auto reason = NoSoundServerReason(line)) {
-      installed.unreachableSource = "no PulseAudio server answered (" + *reason + ")";
-    }
+    if (auto unreachable = UnreachableSourceNote(line)) installed.unreachableSource = *unreachable;
   }
   if (scenario) {
     installed.scenario =

@@ -21,7 +21,7 @@ struct InstalledServices {
   // it its own way: `watch` passes them on to the log, `list` and `hog` report an unreachable
   // source in a line of their own.
   std::vector<std::string> startupLog;
-  // Why a device source did not answer at start ("no PulseAudio server answered (Connection
+  // Why a device source did not answer at start ("PulseAudio: no server answered (Connection
   // refused)"); its devices may still appear later, which only `watch` would see.
   std::optional<std::string> unreachableSource;
 };
