@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 #include "tools/harkwell/CommandLine.h"
 #include "tools/harkwell/HelpDocuments.h"
 
@@ -35,9 +35,11 @@ ProgramDoc Program() {
 // Runs `program` with `arguments`; stdout and stderr together, and the exit status.
 ProgramResult RunTool(const std::string& program, const std::vector<std::string>& arguments) {
   ProgramResult result;
-  auto run = ProgramRun::start(program, arguments);
+  std::vector<std::string> argv{program};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  auto run = ChildProcess::launch(argv);
   if (!run) return result;
-  result.status = run->waitForExit(30s).value_or(-1);
+  result.status = run->waitForExitCode(30s).value_or(-1);
   result.out = run->unreadOutput();
   result.err = run->errorOutput();
   return result;
