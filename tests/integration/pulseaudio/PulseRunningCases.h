@@ -85,8 +85,9 @@ class PulseRunningTest : public ::testing::Test {
   // Waits until `holds` is true of the server, re-asking at each of its source and recording
   // events (the service may show nothing that tells).
   bool waitForServer(const std::function<bool(PulseTestClient&)>& holds) {
-    PulseTestClient watcher(server_.address());
+    // The recorder outlives the watcher, whose thread appends to it until the watcher is gone.
     Recorder<int> events;
+    PulseTestClient watcher(server_.address());
     if (!watcher.subscribe([&](unsigned, unsigned, std::uint32_t) { events.append(0); })) {
       return false;
     }
