@@ -10,6 +10,10 @@ function(harkwell_set_warnings target)
       # GCC 12 reports std::variant and std::optional members as maybe-uninitialized in optimised
       # builds where they are not (a known false positive of that release).
       $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
+      # Clang checks the thread-safety annotations (Platform/ThreadAnnotations.h, Platform/Mutex.h)
+      # in every clang build, the fuzzers' included; a broken locking rule is always an error.
+      $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+      $<$<CXX_COMPILER_ID:Clang>:-Werror=thread-safety>
       $<$<BOOL:${HARKWELL_WARNINGS_AS_ERRORS}>:-Werror>)
   endif()
 endfunction()

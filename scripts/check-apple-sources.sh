@@ -2,7 +2,8 @@
 # Checks the macOS build on a machine without the macOS SDK: clang compiles every source that the
 # Apple build compiles in syntax-only mode (-fsyntax-only: parsed and type-checked, nothing is
 # generated, linked or run), with __APPLE__ defined, against the declaration headers in
-# tests/apple_sdk (see the README there). Exits non-zero on any error or warning.
+# tests/apple_sdk (see the README there), with clang's thread-safety analysis on. Exits non-zero on
+# any error or warning.
 #
 # What is checked:
 #   - every file in HarkwellFoundation/Platform/Apple (.cpp as C++, .mm as Objective-C++, .h on
@@ -69,7 +70,7 @@ HEADER
 flags=(-fsyntax-only -fblocks -std=c++20 -D__APPLE__ -U__linux__ -U__linux -Ulinux -U__gnu_linux__
   -isystem tests/apple_sdk -I . -I "$generated"
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Woverloaded-virtual
-  -Wno-missing-field-initializers -Werror)
+  -Wno-missing-field-initializers -Wthread-safety -Werror)
 
 files=()
 while IFS= read -r file; do files+=("$file"); done < <(

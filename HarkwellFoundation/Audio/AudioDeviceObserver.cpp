@@ -62,9 +62,10 @@ MediaDeviceTransportType AudioDeviceObserver::deviceTransportTypeForDeviceID(
 // --- Observation hooks ---------------------------------------------------------------------------
 //
 // Every callback given to a listener or the polling timer holds the observer weakly: a notification
-// can already be queued when the observer goes away, and then it does nothing. The mutex guards the
-// three members only; the service and the base class are always called without it. The teardown
-// runs the stop hooks once the observer is no longer owned, so they never need weak_from_this().
+// can already be queued when the observer goes away, and then it does nothing. The record stores
+// lock only around their own contents; the service and the base class are always called unlocked.
+// The teardown runs the stop hooks once the observer is no longer owned, so they never need
+// weak_from_this().
 
 void AudioDeviceObserver::startObservingConnectedDevices() {
   auto record = AudioDeviceAddObserverForConnectedDevices(
@@ -73,11 +74,11 @@ void AudioDeviceObserver::startObservingConnectedDevices() {
         self.noteConnectedDevicesDidChange();
       }));
   // A record replaced here is dropped without removing its listener.
-  ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, std::move(record));
+  _connectedDevicesChangedObserver.exchange(std::move(record));
 }
 
 void AudioDeviceObserver::stopObservingConnectedDevices() {
-  if (auto record = ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, {})) {
+  if (auto record = _connectedDevicesChangedObserver.exchange(std::nullopt)) {
     AudioDeviceRemoveObserverForConnectedDevices(*record);
   }
 }
@@ -90,18 +91,14 @@ void AudioDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t devi
       CallbackWhileObserverAlive(weakSelf, [deviceID](MediaDeviceObserver& self) {
         self.noteIsRunningChangedForDeviceID(deviceID);
       }));
-  if (running)
-    StoreLocked(observersMutex_, _deviceIsRunningObservers, deviceID, std::move(*running));
+  if (running) _deviceIsRunningObservers.store(deviceID, std::move(*running));
 
   auto inputSource = AudioDeviceAddObserverForSelectedInputSource(
       deviceID, deviceEventHandlerQueue(),
       CallbackWhileObserverAlive(weakSelf, [deviceID](MediaDeviceObserver& self) {
         self.noteSelectedInputSourceChangedForDeviceID(deviceID);
       }));
-  if (inputSource) {
-    StoreLocked(observersMutex_, _deviceSelectedInputSourceObservers, deviceID,
-                std::move(*inputSource));
-  }
+  if (inputSource) _deviceSelectedInputSourceObservers.store(deviceID, std::move(*inputSource));
 
   // Bluetooth devices do not always report their running state, so it is also polled. Bluetooth
   // LE devices are not.
@@ -120,11 +117,10 @@ void AudioDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t devi
 }
 
 void AudioDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
-  if (auto running = TakeLocked(observersMutex_, _deviceIsRunningObservers, deviceID)) {
+  if (auto running = _deviceIsRunningObservers.take(deviceID)) {
     AudioDeviceRemoveObserverForDeviceIsRunning(*running);
   }
-  if (auto inputSource =
-          TakeLocked(observersMutex_, _deviceSelectedInputSourceObservers, deviceID)) {
+  if (auto inputSource = _deviceSelectedInputSourceObservers.take(deviceID)) {
     AudioDeviceRemoveObserverForSelectedInputSource(*inputSource);
   }
   removePollingHandlerForDeviceID(deviceID);
@@ -133,29 +129,22 @@ void AudioDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t devic
 void AudioDeviceObserver::stopObservingPropertiesForAllDevices() {
   // Only devices with a running-state record are visited: one whose running-state registration
   // failed keeps its input-source listener and its polling handler.
-  std::vector<std::uint32_t> deviceIDs;
-  {
-    std::lock_guard lock(observersMutex_);
-    deviceIDs.reserve(_deviceIsRunningObservers.size());
-    for (const auto& [deviceID, record] : _deviceIsRunningObservers) deviceIDs.push_back(deviceID);
+  for (std::uint32_t deviceID : _deviceIsRunningObservers.deviceIDs()) {
+    stopObservingPropertiesForDeviceID(deviceID);
   }
-  for (std::uint32_t deviceID : deviceIDs) stopObservingPropertiesForDeviceID(deviceID);
 }
 
 // --- Inspection ----------------------------------------------------------------------------------
 
 bool AudioDeviceObserver::isObservingConnectedDevicesForTesting() const {
-  std::lock_guard lock(observersMutex_);
-  return _connectedDevicesChangedObserver.has_value();
+  return _connectedDevicesChangedObserver.hasValue();
 }
 
 std::size_t AudioDeviceObserver::deviceIsRunningObserverCountForTesting() const {
-  std::lock_guard lock(observersMutex_);
   return _deviceIsRunningObservers.size();
 }
 
 std::size_t AudioDeviceObserver::deviceSelectedInputSourceObserverCountForTesting() const {
-  std::lock_guard lock(observersMutex_);
   return _deviceSelectedInputSourceObservers.size();
 }
 

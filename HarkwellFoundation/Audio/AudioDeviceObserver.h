@@ -11,13 +11,13 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "HarkwellFoundation/Audio/AudioDevicePropertyListeners.h"
+#include "HarkwellFoundation/Backend/DevicePropertyObserverRecords.h"
 #include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Observer/MediaDeviceObserver.h"
 
@@ -55,12 +55,9 @@ class HARKWELL_EXPORT AudioDeviceObserver : public MediaDeviceObserver {
   explicit AudioDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
 
  private:
-  // Guards the three members below; never held while the service is called.
-  mutable std::mutex observersMutex_;
-  std::optional<AudioDevicePropertyObserver> _connectedDevicesChangedObserver;
-  std::unordered_map<std::uint32_t, AudioDevicePropertyObserver> _deviceIsRunningObservers;
-  std::unordered_map<std::uint32_t, AudioDevicePropertyObserver>
-      _deviceSelectedInputSourceObservers;
+  LockedRecord<AudioDevicePropertyObserver> _connectedDevicesChangedObserver;
+  LockedRecordMap<AudioDevicePropertyObserver> _deviceIsRunningObservers;
+  LockedRecordMap<AudioDevicePropertyObserver> _deviceSelectedInputSourceObservers;
 };
 
 }  // namespace harkwell

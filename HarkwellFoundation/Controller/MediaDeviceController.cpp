@@ -43,22 +43,22 @@ void MediaDeviceController::setObserveDevices(bool observeDevices) {
 
 MediaDeviceController::UpdatingDevicesHandler MediaDeviceController::updatingDevicesHandler()
     const {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   return updatingDevicesHandler_;
 }
 
 void MediaDeviceController::setUpdatingDevicesHandler(UpdatingDevicesHandler handler) {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   std::swap(updatingDevicesHandler_, handler);
 }
 
 MediaDeviceController::DeviceEventHandler MediaDeviceController::deviceEventHandler() const {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   return deviceEventHandler_;
 }
 
 void MediaDeviceController::setDeviceEventHandler(DeviceEventHandler handler) {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   std::swap(deviceEventHandler_, handler);
 }
 
@@ -88,12 +88,12 @@ std::shared_ptr<Observer> MediaDeviceController::_makeObserver() {
 void MediaDeviceController::_startObservingDevices() {
   auto audio = _makeObserver<AudioDeviceObserver>();
   {
-    std::lock_guard lock(observersMutex_);
+    MutexLock lock(observersMutex_);
     _audioDeviceObserver = audio;
   }
   auto video = _makeObserver<VideoDeviceObserver>();
   {
-    std::lock_guard lock(observersMutex_);
+    MutexLock lock(observersMutex_);
     _videoDeviceObserver = video;
   }
   // Both observers queued their cache fill first, so on a serial queue this runs after both.
@@ -110,24 +110,23 @@ void MediaDeviceController::_startObservingDevices() {
 }
 
 void MediaDeviceController::_stopObservingDevices() {
-  auto stop = [this](auto& field) {
-    std::shared_ptr<MediaDeviceObserver> observer;
-    {
-      std::lock_guard lock(observersMutex_);
-      observer = field;
-    }
-    if (!observer) return;
+  auto stop = [](MediaDeviceObserver& observer) {
     // Only the event callback is cleared; the updating forwarder stays installed.
-    observer->setDeviceEventHandler(nullptr);
-    observer->stopObservingConnectedDevices();
-    observer->stopObservingPropertiesForAllDevices();
-    {
-      std::lock_guard lock(observersMutex_);
-      field = nullptr;
-    }
+    observer.setDeviceEventHandler(nullptr);
+    observer.stopObservingConnectedDevices();
+    observer.stopObservingPropertiesForAllDevices();
   };
-  stop(_audioDeviceObserver);
-  stop(_videoDeviceObserver);
+  // Each local keeps its observer until the end, so a last reference goes here, unlocked.
+  if (const auto audio = _currentObservers().first) {
+    stop(*audio);
+    MutexLock lock(observersMutex_);
+    _audioDeviceObserver = nullptr;
+  }
+  if (const auto video = _currentObservers().second) {
+    stop(*video);
+    MutexLock lock(observersMutex_);
+    _videoDeviceObserver = nullptr;
+  }
 }
 
 void MediaDeviceController::_handleDeviceEvent(MediaDeviceObserver& observer,
@@ -151,7 +150,7 @@ void MediaDeviceController::_handleDeviceEvent(MediaDeviceObserver& observer,
 
 std::pair<std::shared_ptr<AudioDeviceObserver>, std::shared_ptr<VideoDeviceObserver>>
 MediaDeviceController::_currentObservers() const {
-  std::lock_guard lock(observersMutex_);
+  MutexLock lock(observersMutex_);
   return {_audioDeviceObserver, _videoDeviceObserver};
 }
 

@@ -23,7 +23,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -31,6 +30,7 @@
 #include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Video/VideoDeviceObserver.h"
 
 namespace harkwell {
@@ -92,13 +92,13 @@ class HARKWELL_EXPORT MediaDeviceController
   const std::shared_ptr<DispatchQueue> deviceEventHandlerQueue_;
   std::atomic<bool> observeDevices_{false};
 
-  mutable std::mutex handlersMutex_;
-  UpdatingDevicesHandler updatingDevicesHandler_;
-  DeviceEventHandler deviceEventHandler_;
+  mutable Mutex handlersMutex_;
+  UpdatingDevicesHandler updatingDevicesHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
+  DeviceEventHandler deviceEventHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
 
-  mutable std::mutex observersMutex_;
-  std::shared_ptr<AudioDeviceObserver> _audioDeviceObserver;
-  std::shared_ptr<VideoDeviceObserver> _videoDeviceObserver;
+  mutable Mutex observersMutex_;
+  std::shared_ptr<AudioDeviceObserver> _audioDeviceObserver HARKWELL_GUARDED_BY(observersMutex_);
+  std::shared_ptr<VideoDeviceObserver> _videoDeviceObserver HARKWELL_GUARDED_BY(observersMutex_);
 };
 
 }  // namespace harkwell

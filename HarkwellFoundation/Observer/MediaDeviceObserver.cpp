@@ -26,30 +26,30 @@ void MediaDeviceObserver::_tearDown() {
 // --- Callbacks -----------------------------------------------------------------------------------
 
 MediaDeviceObserver::UpdatingDevicesHandler MediaDeviceObserver::updatingDevicesHandler() const {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   return updatingDevicesHandler_;
 }
 
 void MediaDeviceObserver::setUpdatingDevicesHandler(UpdatingDevicesHandler handler) {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   std::swap(updatingDevicesHandler_, handler);
   // The replaced handler is destroyed after the lock is released.
 }
 
 MediaDeviceObserver::DeviceEventHandler MediaDeviceObserver::deviceEventHandler() const {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   return deviceEventHandler_;
 }
 
 void MediaDeviceObserver::setDeviceEventHandler(DeviceEventHandler handler) {
-  std::lock_guard lock(handlersMutex_);
+  MutexLock lock(handlersMutex_);
   std::swap(deviceEventHandler_, handler);
 }
 
 // --- Cache ---------------------------------------------------------------------------------------
 
 std::vector<MediaDevice> MediaDeviceObserver::connectedDevices() const {
-  std::lock_guard lock(cacheMutex_);
+  MutexLock lock(cacheMutex_);
   std::vector<MediaDevice> devices;
   devices.reserve(_cachedDevices.size());
   for (const auto& [deviceID, device] : _cachedDevices) devices.push_back(device);
@@ -58,14 +58,14 @@ std::vector<MediaDevice> MediaDeviceObserver::connectedDevices() const {
 
 std::optional<MediaDevice> MediaDeviceObserver::cachedDeviceForDeviceID(
     std::uint32_t deviceID) const {
-  std::lock_guard lock(cacheMutex_);
+  MutexLock lock(cacheMutex_);
   auto found = _cachedDevices.find(deviceID);
   if (found == _cachedDevices.end()) return std::nullopt;
   return found->second;
 }
 
 bool MediaDeviceObserver::_isCached(std::uint32_t deviceID) const {
-  std::lock_guard lock(cacheMutex_);
+  MutexLock lock(cacheMutex_);
   return _cachedDevices.count(deviceID) != 0;
 }
 
@@ -114,7 +114,7 @@ std::vector<MediaDevice> MediaDeviceObserver::_removeCachedDevicesWithRemainingC
   const std::unordered_set<std::uint32_t> remaining(connectedDeviceIDs.begin(),
                                                     connectedDeviceIDs.end());
   std::vector<MediaDevice> disconnected;
-  std::lock_guard lock(cacheMutex_);
+  MutexLock lock(cacheMutex_);
   for (const auto& [deviceID, device] : _cachedDevices) {
     if (remaining.count(device.deviceID) != 0) continue;
     MediaDevice copy = device;
@@ -129,7 +129,7 @@ std::vector<MediaDevice> MediaDeviceObserver::_removeCachedDevicesWithRemainingC
 std::vector<std::uint32_t> MediaDeviceObserver::_newDeviceIDsForConnectedDeviceIDs(
     const std::vector<std::uint32_t>& connectedDeviceIDs) const {
   std::vector<std::uint32_t> newDeviceIDs;
-  std::lock_guard lock(cacheMutex_);
+  MutexLock lock(cacheMutex_);
   for (std::uint32_t deviceID : connectedDeviceIDs) {
     if (_cachedDevices.count(deviceID) == 0) newDeviceIDs.push_back(deviceID);
   }
@@ -137,7 +137,7 @@ std::vector<std::uint32_t> MediaDeviceObserver::_newDeviceIDsForConnectedDeviceI
 }
 
 void MediaDeviceObserver::_cacheDevice(const MediaDevice& device) {
-  std::lock_guard lock(cacheMutex_);
+  MutexLock lock(cacheMutex_);
   _cachedDevices.insert_or_assign(device.deviceID, device);
 }
 
@@ -175,7 +175,7 @@ void MediaDeviceObserver::noteIsRunningChangedForDeviceID(std::uint32_t deviceID
   const bool isRunning = deviceIsRunningForDeviceID(deviceID).value_or(false);
   MediaDevice patched;
   {
-    std::lock_guard lock(cacheMutex_);
+    MutexLock lock(cacheMutex_);
     auto found = _cachedDevices.find(deviceID);
     if (found == _cachedDevices.end()) return;
     found->second.isRunning = isRunning;
@@ -192,7 +192,7 @@ void MediaDeviceObserver::noteSelectedInputSourceChangedForDeviceID(std::uint32_
   if (!inputSourceName) return;
   MediaDevice patched;
   {
-    std::lock_guard lock(cacheMutex_);
+    MutexLock lock(cacheMutex_);
     auto found = _cachedDevices.find(deviceID);
     if (found == _cachedDevices.end()) return;
     found->second.inputSourceName = std::move(inputSourceName);
@@ -208,7 +208,7 @@ void MediaDeviceObserver::noteSelectedInputSourceChangedForDeviceID(std::uint32_
 void MediaDeviceObserver::addPollingHandlerForDeviceID(std::uint32_t deviceID,
                                                        PollingHandler pollingHandler) {
   std::shared_ptr<const PollingHandler> replaced;
-  std::lock_guard lock(pollingMutex_);
+  MutexLock lock(pollingMutex_);
   auto& slot = _devicePropertiesPollingHandlers[deviceID];
   replaced = std::exchange(slot, std::make_shared<const PollingHandler>(std::move(pollingHandler)));
   if (!_devicePropertiesPollingTimer) {
@@ -223,7 +223,7 @@ void MediaDeviceObserver::removePollingHandlerForDeviceID(std::uint32_t deviceID
   std::shared_ptr<const PollingHandler> removed;
   std::shared_ptr<RunLoopTimer> timer;
   {
-    std::lock_guard lock(pollingMutex_);
+    MutexLock lock(pollingMutex_);
     auto found = _devicePropertiesPollingHandlers.find(deviceID);
     if (found != _devicePropertiesPollingHandlers.end()) {
       removed = std::move(found->second);
@@ -250,7 +250,7 @@ void MediaDeviceObserver::_pollDeviceProperties() {
 void MediaDeviceObserver::_runPollingHandlers() {
   std::vector<std::shared_ptr<const PollingHandler>> snapshot;
   {
-    std::lock_guard lock(pollingMutex_);
+    MutexLock lock(pollingMutex_);
     snapshot.reserve(_devicePropertiesPollingHandlers.size());
     for (const auto& [deviceID, handler] : _devicePropertiesPollingHandlers) {
       snapshot.push_back(handler);
@@ -260,12 +260,12 @@ void MediaDeviceObserver::_runPollingHandlers() {
 }
 
 std::shared_ptr<RunLoopTimer> MediaDeviceObserver::devicePropertiesPollingTimerForTesting() const {
-  std::lock_guard lock(pollingMutex_);
+  MutexLock lock(pollingMutex_);
   return _devicePropertiesPollingTimer;
 }
 
 std::size_t MediaDeviceObserver::pollingHandlerCountForTesting() const {
-  std::lock_guard lock(pollingMutex_);
+  MutexLock lock(pollingMutex_);
   return _devicePropertiesPollingHandlers.size();
 }
 

@@ -25,7 +25,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -35,6 +34,7 @@
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 namespace harkwell {
 
@@ -154,17 +154,17 @@ class HARKWELL_EXPORT MediaDeviceObserver
   // Short critical sections only: copy in or out, never call out while holding one. The one
   // exception: the polling timer is scheduled under pollingMutex_, so that two first adds racing
   // each other cannot both create one; the run loop never calls back under its own lock.
-  mutable std::mutex handlersMutex_;
-  UpdatingDevicesHandler updatingDevicesHandler_;
-  DeviceEventHandler deviceEventHandler_;
+  mutable Mutex handlersMutex_;
+  UpdatingDevicesHandler updatingDevicesHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
+  DeviceEventHandler deviceEventHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
 
-  mutable std::mutex cacheMutex_;
-  std::unordered_map<std::uint32_t, MediaDevice> _cachedDevices;
+  mutable Mutex cacheMutex_;
+  std::unordered_map<std::uint32_t, MediaDevice> _cachedDevices HARKWELL_GUARDED_BY(cacheMutex_);
 
-  mutable std::mutex pollingMutex_;
+  mutable Mutex pollingMutex_;
   std::unordered_map<std::uint32_t, std::shared_ptr<const PollingHandler>>
-      _devicePropertiesPollingHandlers;
-  std::shared_ptr<RunLoopTimer> _devicePropertiesPollingTimer;
+      _devicePropertiesPollingHandlers HARKWELL_GUARDED_BY(pollingMutex_);
+  std::shared_ptr<RunLoopTimer> _devicePropertiesPollingTimer HARKWELL_GUARDED_BY(pollingMutex_);
 };
 
 }  // namespace harkwell

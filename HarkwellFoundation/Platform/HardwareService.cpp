@@ -1,6 +1,5 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
-
-#include <mutex>
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 namespace harkwell {
 namespace {
@@ -14,21 +13,21 @@ class InstalledService {
   explicit InstalledService(Factory makeDefault) : makeDefault_(makeDefault) {}
 
   std::shared_ptr<Service> current() {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!service_) service_ = makeDefault_();
     return service_;
   }
 
   std::shared_ptr<Service> install(std::shared_ptr<Service> service) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     service_.swap(service);
     return service;
   }
 
  private:
   Factory makeDefault_;
-  std::mutex mutex_;
-  std::shared_ptr<Service> service_;
+  Mutex mutex_;
+  std::shared_ptr<Service> service_ HARKWELL_GUARDED_BY(mutex_);
 };
 
 InstalledService<AudioHardwareService>& installedAudio() {

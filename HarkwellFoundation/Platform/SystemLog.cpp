@@ -1,7 +1,7 @@
 #include "HarkwellFoundation/Platform/SystemLog.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace harkwell {
@@ -12,8 +12,8 @@ void WriteDefaultSystemLogLine(std::string_view line);
 namespace {
 
 struct InstalledSink {
-  std::mutex mutex;
-  std::shared_ptr<const LogSink> sink;
+  Mutex mutex;
+  std::shared_ptr<const LogSink> sink HARKWELL_GUARDED_BY(mutex);
 };
 
 InstalledSink& installedSink() {
@@ -26,7 +26,7 @@ InstalledSink& installedSink() {
 void SystemLog(std::string_view line) {
   std::shared_ptr<const LogSink> sink;
   {
-    std::lock_guard lock(installedSink().mutex);
+    MutexLock lock(installedSink().mutex);
     sink = installedSink().sink;
   }
   if (sink) {
@@ -40,7 +40,7 @@ LogSink InstallLogSink(LogSink sink) {
   auto replacement = sink ? std::make_shared<const LogSink>(std::move(sink)) : nullptr;
   std::shared_ptr<const LogSink> previous;
   {
-    std::lock_guard lock(installedSink().mutex);
+    MutexLock lock(installedSink().mutex);
     previous = std::exchange(installedSink().sink, std::move(replacement));
   }
   return previous ? *previous : LogSink();

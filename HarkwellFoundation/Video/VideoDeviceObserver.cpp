@@ -64,7 +64,8 @@ MediaDeviceTransportType VideoDeviceObserver::deviceTransportTypeForDeviceID(
 // --- Observation hooks ---------------------------------------------------------------------------
 //
 // Listener callbacks hold the observer weakly, so a notification queued after the observer went
-// away does nothing. The mutex guards the two members only and is never held across a service call.
+// away does nothing. The record stores lock only around their own contents, never across a service
+// call.
 
 void VideoDeviceObserver::startObservingConnectedDevices() {
   auto record = VideoDeviceAddObserverForConnectedDevices(
@@ -73,11 +74,11 @@ void VideoDeviceObserver::startObservingConnectedDevices() {
         self.noteConnectedDevicesDidChange();
       }));
   // A record replaced here is dropped; its listener stays registered.
-  ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, std::move(record));
+  _connectedDevicesChangedObserver.exchange(std::move(record));
 }
 
 void VideoDeviceObserver::stopObservingConnectedDevices() {
-  if (auto record = ExchangeLocked(observersMutex_, _connectedDevicesChangedObserver, {})) {
+  if (auto record = _connectedDevicesChangedObserver.exchange(std::nullopt)) {
     VideoDeviceRemoveObserverForConnectedDevices(*record);
   }
 }
@@ -88,35 +89,29 @@ void VideoDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t devi
       CallbackWhileObserverAlive(weak_from_this(), [deviceID](MediaDeviceObserver& self) {
         self.noteIsRunningChangedForDeviceID(deviceID);
       }));
-  if (record) StoreLocked(observersMutex_, _deviceIsRunningObservers, deviceID, std::move(*record));
+  if (record) _deviceIsRunningObservers.store(deviceID, std::move(*record));
 }
 
 void VideoDeviceObserver::stopObservingPropertiesForDeviceID(std::uint32_t deviceID) {
   // The entry stays in the map: a later start overwrites it and stopping all devices clears it.
-  if (auto record = CopyLocked(observersMutex_, _deviceIsRunningObservers, deviceID)) {
+  if (auto record = _deviceIsRunningObservers.copy(deviceID)) {
     VideoDeviceRemoveObserverForDeviceIsRunning(*record);
   }
 }
 
 void VideoDeviceObserver::stopObservingPropertiesForAllDevices() {
-  std::unordered_map<std::uint32_t, VideoDevicePropertyObserver> records;
-  {
-    std::lock_guard lock(observersMutex_);
-    records.swap(_deviceIsRunningObservers);
-  }
-  for (const auto& [deviceID, record] : records)
+  for (const auto& [deviceID, record] : _deviceIsRunningObservers.takeAll()) {
     VideoDeviceRemoveObserverForDeviceIsRunning(record);
+  }
 }
 
 // --- Inspection ----------------------------------------------------------------------------------
 
 bool VideoDeviceObserver::isObservingConnectedDevicesForTesting() const {
-  std::lock_guard lock(observersMutex_);
-  return _connectedDevicesChangedObserver.has_value();
+  return _connectedDevicesChangedObserver.hasValue();
 }
 
 std::size_t VideoDeviceObserver::deviceIsRunningObserverCountForTesting() const {
-  std::lock_guard lock(observersMutex_);
   return _deviceIsRunningObservers.size();
 }
 

@@ -10,12 +10,12 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "HarkwellFoundation/Backend/DevicePropertyObserverRecords.h"
 #include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Observer/MediaDeviceObserver.h"
 #include "HarkwellFoundation/Video/VideoDevicePropertyListeners.h"
@@ -53,9 +53,8 @@ class HARKWELL_EXPORT VideoDeviceObserver : public MediaDeviceObserver {
   explicit VideoDeviceObserver(std::shared_ptr<DispatchQueue> deviceEventHandlerQueue);
 
  private:
-  mutable std::mutex observersMutex_;
-  std::optional<VideoDevicePropertyObserver> _connectedDevicesChangedObserver;
-  std::unordered_map<std::uint32_t, VideoDevicePropertyObserver> _deviceIsRunningObservers;
+  LockedRecord<VideoDevicePropertyObserver> _connectedDevicesChangedObserver;
+  LockedRecordMap<VideoDevicePropertyObserver> _deviceIsRunningObservers;
 };
 
 }  // namespace harkwell

@@ -14,7 +14,7 @@ bool LineWriter::writeLine(std::string_view text) {
 }
 
 bool LineWriter::write(std::string_view text) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   while (!text.empty()) {
     const ssize_t written = ::write(fd_, text.data(), text.size());
     if (written < 0) {

@@ -3,8 +3,9 @@
 // complete. Safe on any thread.
 #pragma once
 
-#include <mutex>
 #include <string_view>
+
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 namespace harkwell::cli {
 
@@ -22,7 +23,7 @@ class LineWriter {
   bool write(std::string_view text);
 
  private:
-  std::mutex mutex_;
+  Mutex mutex_;  // held for each write to fd_, so that lines never interleave
   const int fd_;
 };
 

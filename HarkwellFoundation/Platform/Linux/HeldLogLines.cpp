@@ -8,7 +8,7 @@ HeldLogLines::HeldLogLines(std::string queueLabel)
     : queue_(DispatchQueue::createSerial(std::move(queueLabel))) {}
 
 void HeldLogLines::log(std::string line) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (holding_) {
     held_.push_back(std::move(line));
     return;
@@ -21,7 +21,7 @@ void HeldLogLines::writeHeldLines() {
   for (;;) {
     std::vector<std::string> lines;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       if (!holding_) return;
       if (held_.empty()) {
         holding_ = false;
@@ -34,7 +34,7 @@ void HeldLogLines::writeHeldLines() {
 }
 
 void HeldLogLines::queueHeldLines() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!holding_) return;
   holding_ = false;
   for (std::string& line : held_) {

@@ -9,11 +9,11 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 namespace harkwell {
 
@@ -33,10 +33,10 @@ class HeldLogLines {
 
  private:
   std::shared_ptr<DispatchQueue> queue_;
-  std::mutex mutex_;
-  // Guarded by mutex_: lines not yet queued, and whether new lines join them.
-  std::vector<std::string> held_;
-  bool holding_ = true;
+  Mutex mutex_;
+  // Lines not yet queued, and whether new lines join them.
+  std::vector<std::string> held_ HARKWELL_GUARDED_BY(mutex_);
+  bool holding_ HARKWELL_GUARDED_BY(mutex_) = true;
 };
 
 }  // namespace harkwell

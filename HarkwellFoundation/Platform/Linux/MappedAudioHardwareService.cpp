@@ -7,7 +7,7 @@ namespace harkwell {
 void MappedAudioHardwareService::applyDevices(const std::vector<MappedAudioDevice>& devices) {
   std::vector<MappedAudioDeviceMirror::Change> changes;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     changes = mirror_.update(devices);
   }
   // Outside the lock: a listener that re-reads finds the new state and never waits on this one.
@@ -18,7 +18,7 @@ OSStatus MappedAudioHardwareService::getPropertyDataSize(ObjectID object,
                                                          const PropertyAddress& address,
                                                          std::uint32_t, const void*,
                                                          std::uint32_t* outDataSize) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.getPropertyDataSize(object, address, outDataSize);
 }
 
@@ -26,19 +26,19 @@ OSStatus MappedAudioHardwareService::getPropertyData(ObjectID object,
                                                      const PropertyAddress& address, std::uint32_t,
                                                      const void*, std::uint32_t* ioDataSize,
                                                      void* outData) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.getPropertyData(object, address, ioDataSize, outData);
 }
 
 OSStatus MappedAudioHardwareService::setPropertyData(ObjectID object,
                                                      const PropertyAddress& address, std::uint32_t,
                                                      const void*, std::uint32_t, void*) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.setPropertyDataStatus(object, address);
 }
 
 bool MappedAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.hasProperty(object, address);
 }
 
@@ -47,7 +47,7 @@ OSStatus MappedAudioHardwareService::addPropertyListenerBlock(ObjectID object,
                                                               std::shared_ptr<DispatchQueue> queue,
                                                               PlatformListenerBlockRef block) {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!mirror_.hasObject(object)) return kAudioHardwareBadObjectError;
   }
   if (!listeners_.add(object, address, std::move(queue), std::move(block))) {
@@ -61,7 +61,7 @@ OSStatus MappedAudioHardwareService::removePropertyListenerBlock(
     PlatformListenerBlockRef block) {
   // A listener of a device that has left is removed all the same.
   if (listeners_.remove(object, address, queue, block)) return kNoErr;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.hasObject(object) ? kAudioHardwareIllegalOperationError
                                    : kAudioHardwareBadObjectError;
 }

@@ -8,12 +8,12 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
@@ -49,8 +49,8 @@ class MappedAudioHardwareService : public AudioHardwareService {
   void applyDevices(const std::vector<MappedAudioDevice>& devices);
 
  private:
-  mutable std::mutex mutex_;
-  MappedAudioDeviceMirror mirror_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  MappedAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);
   PropertyListenerRegistry listeners_;
 };
 

@@ -3,12 +3,11 @@
 // inside its own work; the worker then finishes what is queued and exits on its own.
 #include <pthread.h>
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <thread>
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 namespace harkwell {
 namespace {
@@ -26,10 +25,10 @@ class SerialDispatchQueue final : public DispatchQueue {
 
   ~SerialDispatchQueue() override {
     {
-      std::lock_guard lock(state_->mutex);
+      MutexLock lock(state_->mutex);
       state_->closing = true;
     }
-    state_->wakeUp.notify_one();
+    state_->wakeUp.notifyOne();
     if (worker_.get_id() == std::this_thread::get_id()) {
       worker_.detach();
     } else {
@@ -39,10 +38,10 @@ class SerialDispatchQueue final : public DispatchQueue {
 
   void async(Work work) override {
     {
-      std::lock_guard lock(state_->mutex);
+      MutexLock lock(state_->mutex);
       state_->items.push_back(std::move(work));
     }
-    state_->wakeUp.notify_one();
+    state_->wakeUp.notifyOne();
   }
 
   void sync(Work work) override {
@@ -55,10 +54,10 @@ class SerialDispatchQueue final : public DispatchQueue {
 
  private:
   struct State {
-    std::mutex mutex;
-    std::condition_variable wakeUp;
-    std::deque<Work> items;
-    bool closing = false;
+    Mutex mutex;
+    CondVar wakeUp;
+    std::deque<Work> items HARKWELL_GUARDED_BY(mutex);
+    bool closing HARKWELL_GUARDED_BY(mutex) = false;
   };
 
   // `self` is used only as this queue's identity for isCurrent(); it is never dereferenced, so
@@ -68,8 +67,8 @@ class SerialDispatchQueue final : public DispatchQueue {
     for (;;) {
       Work work;
       {
-        std::unique_lock lock(state.mutex);
-        state.wakeUp.wait(lock, [&] { return !state.items.empty() || state.closing; });
+        MutexLock lock(state.mutex);
+        while (state.items.empty() && !state.closing) state.wakeUp.wait(state.mutex);
         if (state.items.empty()) return;
         work = std::move(state.items.front());
         state.items.pop_front();

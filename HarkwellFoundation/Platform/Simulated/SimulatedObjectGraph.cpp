@@ -97,21 +97,21 @@ SimulatedObjectGraph::SimulatedObjectGraph() {
 void SimulatedObjectGraph::setProperty(ObjectID object, const PropertyAddress& address,
                                        SimulatedPropertyValue value, bool notify) {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     objects_[object].insert_or_assign(keyFor(object, address), std::move(value));
   }
   if (notify) notifyPropertyChanged(object, address);
 }
 
 void SimulatedObjectGraph::removeProperty(ObjectID object, const PropertyAddress& address) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = objects_.find(object);
   if (found != objects_.end()) found->second.erase(keyFor(object, address));
 }
 
 std::optional<SimulatedPropertyValue> SimulatedObjectGraph::property(
     ObjectID object, const PropertyAddress& address) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = objects_.find(object);
   if (found == objects_.end()) return std::nullopt;
   auto value = found->second.find(keyFor(object, address));
@@ -120,24 +120,24 @@ std::optional<SimulatedPropertyValue> SimulatedObjectGraph::property(
 }
 
 void SimulatedObjectGraph::addObject(ObjectID object) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   objects_[object];
 }
 
 void SimulatedObjectGraph::removeObject(ObjectID object) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   objects_.erase(object);
 }
 
 bool SimulatedObjectGraph::hasObject(ObjectID object) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return objects_.count(object) != 0;
 }
 
 void SimulatedObjectGraph::notifyPropertyChanged(ObjectID object, const PropertyAddress& address) {
   std::vector<Listener> listeners;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     listeners = listenersForLocked(keyFor(object, address));
   }
   notifyListeners(listeners, address);
@@ -160,49 +160,49 @@ void SimulatedObjectGraph::notifyListeners(const std::vector<Listener>& listener
 }
 
 void SimulatedObjectGraph::addFailure(SimulatedFailure failure) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   failures_.push_back(failure);
 }
 
 void SimulatedObjectGraph::clearFailures() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   failures_.clear();
 }
 
 void SimulatedObjectGraph::setCallHook(std::function<void(const SimulatedCall&)> hook) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   hook_ = hook ? std::make_shared<const std::function<void(const SimulatedCall&)>>(std::move(hook))
                : nullptr;
 }
 
 void SimulatedObjectGraph::setListenerMatching(ListenerMatching matching) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   matching_ = matching;
 }
 
 std::size_t SimulatedObjectGraph::listenerCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return listeners_.size();
 }
 
 std::size_t SimulatedObjectGraph::listenerCount(ObjectID object,
                                                 const PropertyAddress& address) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return listenersForLocked(keyFor(object, address)).size();
 }
 
 std::vector<SimulatedCall> SimulatedObjectGraph::calls() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return calls_;
 }
 
 void SimulatedObjectGraph::clearCalls() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   calls_.clear();
 }
 
 void SimulatedObjectGraph::setRecordingCalls(bool recording) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   recordingCalls_ = recording;
   if (!recording) calls_.clear();
 }
@@ -210,12 +210,12 @@ void SimulatedObjectGraph::setRecordingCalls(bool recording) {
 std::optional<OSStatus> SimulatedObjectGraph::injectedFailure(const SimulatedCall& call) {
   std::shared_ptr<const std::function<void(const SimulatedCall&)>> hook;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     hook = hook_;
   }
   if (hook) (*hook)(call);
 
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   for (auto rule = failures_.begin(); rule != failures_.end(); ++rule) {
     if (rule->kind && *rule->kind != call.kind) continue;
     if (rule->object && *rule->object != call.object) continue;
@@ -230,7 +230,7 @@ std::optional<OSStatus> SimulatedObjectGraph::injectedFailure(const SimulatedCal
 
 OSStatus SimulatedObjectGraph::record(SimulatedCall call, OSStatus status) {
   call.status = status;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (recordingCalls_) calls_.push_back(std::move(call));
   return status;
 }
@@ -254,7 +254,7 @@ OSStatus SimulatedObjectGraph::handleGetPropertyDataSize(ObjectID object,
   if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
   OSStatus status = kNoErr;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (auto problem = checkObjectAndPropertyLocked(object, address)) {
       status = *problem;
     } else {
@@ -276,7 +276,7 @@ OSStatus SimulatedObjectGraph::handleGetPropertyData(ObjectID object,
   if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
   OSStatus status = kNoErr;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (auto problem = checkObjectAndPropertyLocked(object, address)) {
       status = *problem;
     } else {
@@ -353,7 +353,7 @@ OSStatus SimulatedObjectGraph::handleSetPropertyData(ObjectID object,
   OSStatus status = kNoErr;
   std::vector<Listener> toNotify;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (auto problem = checkObjectAndPropertyLocked(object, address)) {
       status = *problem;
     } else if (!data) {
@@ -398,7 +398,7 @@ bool SimulatedObjectGraph::handleHasProperty(ObjectID object, const PropertyAddr
   }
   bool has;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     has = !checkObjectAndPropertyLocked(object, address).has_value();
   }
   record(std::move(call), kNoErr);
@@ -417,7 +417,7 @@ OSStatus SimulatedObjectGraph::handleAddListener(ObjectID object, const Property
   if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
   OSStatus status = kNoErr;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (objects_.count(object) == 0) {
       status = kAudioHardwareBadObjectError;
     } else if (!queue || !block) {
@@ -441,13 +441,13 @@ OSStatus SimulatedObjectGraph::handleRemoveListener(ObjectID object, const Prope
   if (auto failure = injectedFailure(call)) return record(std::move(call), *failure);
   OSStatus status = kNoErr;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     const auto key = keyFor(object, address);
+    const auto matching = matching_;
     auto match = std::find_if(listeners_.begin(), listeners_.end(), [&](const Listener& l) {
       if (!(l.key == key) || l.queue != queue || !block) return false;
-      return matching_ == ListenerMatching::ByBlockIdentity
-                 ? l.block == block
-                 : l.block->closure() == block->closure();
+      return matching == ListenerMatching::ByBlockIdentity ? l.block == block
+                                                           : l.block->closure() == block->closure();
     });
     if (objects_.count(object) == 0) {
       status = kAudioHardwareBadObjectError;

@@ -12,7 +12,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -21,6 +20,7 @@
 #include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
 namespace harkwell {
@@ -174,18 +174,21 @@ class HARKWELL_EXPORT SimulatedObjectGraph {
   std::optional<OSStatus> injectedFailure(const SimulatedCall& call);
   OSStatus record(SimulatedCall call, OSStatus status);
   std::optional<OSStatus> checkObjectAndPropertyLocked(ObjectID object,
-                                                       const PropertyAddress& address) const;
+                                                       const PropertyAddress& address) const
+      HARKWELL_REQUIRES(mutex_);
   void notifyListeners(const std::vector<Listener>& listeners, const PropertyAddress& address);
-  std::vector<Listener> listenersForLocked(const AddressKey& key) const;
+  std::vector<Listener> listenersForLocked(const AddressKey& key) const HARKWELL_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::map<ObjectID, std::map<AddressKey, SimulatedPropertyValue>> objects_;
-  std::vector<Listener> listeners_;
-  std::vector<SimulatedFailure> failures_;
-  std::vector<SimulatedCall> calls_;
-  bool recordingCalls_ = true;
-  ListenerMatching matching_ = ListenerMatching::ByWrappedClosure;
-  std::shared_ptr<const std::function<void(const SimulatedCall&)>> hook_;
+  mutable Mutex mutex_;
+  std::map<ObjectID, std::map<AddressKey, SimulatedPropertyValue>> objects_
+      HARKWELL_GUARDED_BY(mutex_);
+  std::vector<Listener> listeners_ HARKWELL_GUARDED_BY(mutex_);
+  std::vector<SimulatedFailure> failures_ HARKWELL_GUARDED_BY(mutex_);
+  std::vector<SimulatedCall> calls_ HARKWELL_GUARDED_BY(mutex_);
+  bool recordingCalls_ HARKWELL_GUARDED_BY(mutex_) = true;
+  ListenerMatching matching_ HARKWELL_GUARDED_BY(mutex_) = ListenerMatching::ByWrappedClosure;
+  std::shared_ptr<const std::function<void(const SimulatedCall&)>> hook_
+      HARKWELL_GUARDED_BY(mutex_);
 };
 
 }  // namespace harkwell

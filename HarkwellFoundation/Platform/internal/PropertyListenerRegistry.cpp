@@ -5,7 +5,7 @@
 namespace harkwell {
 
 PropertyListenerRegistry::~PropertyListenerRegistry() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   for (Registration& registration : registrations_) *registration.live = false;
 }
 
@@ -13,7 +13,7 @@ bool PropertyListenerRegistry::add(ObjectID object, const PropertyAddress& addre
                                    std::shared_ptr<DispatchQueue> queue,
                                    PlatformListenerBlockRef block) {
   if (!queue || !block) return false;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   registrations_.push_back({object, address, std::move(queue), std::move(block),
                             std::make_shared<std::atomic<bool>>(true)});
   return true;
@@ -23,7 +23,7 @@ bool PropertyListenerRegistry::remove(ObjectID object, const PropertyAddress& ad
                                       const std::shared_ptr<DispatchQueue>& queue,
                                       const PlatformListenerBlockRef& block) {
   if (!block) return false;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto match = std::find_if(
       registrations_.begin(), registrations_.end(), [&](const Registration& registration) {
         return registration.object == object && registration.address == address &&
@@ -38,7 +38,7 @@ bool PropertyListenerRegistry::remove(ObjectID object, const PropertyAddress& ad
 void PropertyListenerRegistry::notify(ObjectID object, const PropertyAddress& address) const {
   std::vector<Registration> matching;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     for (const Registration& registration : registrations_) {
       if (registration.object == object && registration.address == address) {
         matching.push_back(registration);
@@ -54,7 +54,7 @@ void PropertyListenerRegistry::notify(ObjectID object, const PropertyAddress& ad
 }
 
 std::size_t PropertyListenerRegistry::count() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return registrations_.size();
 }
 

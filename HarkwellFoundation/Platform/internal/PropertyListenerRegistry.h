@@ -11,11 +11,11 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
 namespace harkwell {
@@ -48,8 +48,8 @@ class PropertyListenerRegistry {
     std::shared_ptr<std::atomic<bool>> live;
   };
 
-  mutable std::mutex mutex_;
-  std::vector<Registration> registrations_;
+  mutable Mutex mutex_;
+  std::vector<Registration> registrations_ HARKWELL_GUARDED_BY(mutex_);
 };
 
 }  // namespace harkwell

@@ -10,15 +10,11 @@
 
 namespace harkwell {
 
+// The handle a caller holds; the table keeps its fire date and action.
 class RunLoopTimerTable::Timer final : public RunLoopTimer {
  public:
-  Timer(RunLoopTimerTable& table, double interval, double tolerance, Clock::time_point fireDate,
-        std::function<void()> action)
-      : table_(table),
-        interval_(interval),
-        tolerance_(tolerance),
-        fireDate_(fireDate),
-        action_(std::move(action)) {}
+  Timer(RunLoopTimerTable& table, double interval, double tolerance)
+      : table_(table), interval_(interval), tolerance_(tolerance) {}
 
   double interval() const override { return interval_; }
   double tolerance() const override { return tolerance_; }
@@ -34,8 +30,6 @@ class RunLoopTimerTable::Timer final : public RunLoopTimer {
   RunLoopTimerTable& table_;
   const double interval_;
   const double tolerance_;
-  Clock::time_point fireDate_ HARKWELL_GUARDED_BY(table_.mutex_);
-  std::function<void()> action_ HARKWELL_GUARDED_BY(table_.mutex_);
   std::atomic<bool> valid_{true};
 };
 
@@ -46,32 +40,28 @@ RunLoopTimerTable::~RunLoopTimerTable() = default;
 
 std::shared_ptr<RunLoopTimer> RunLoopTimerTable::schedule(double interval, double tolerance,
                                                           std::function<void()> action) {
-  std::shared_ptr<Timer> timer;
+  auto timer = std::make_shared<Timer>(*this, interval, tolerance);
   {
     MutexLock lock(mutex_);
-    timer = std::make_shared<Timer>(*this, interval, tolerance,
-                                    nowLocked() + SecondsToDuration(interval), std::move(action));
-    timers_.push_back(timer);
+    entries_.push_back(Entry{timer, nowLocked() + SecondsToDuration(interval), std::move(action)});
   }
   changed_();
   return timer;
 }
 
 void RunLoopTimerTable::invalidate(Timer& timer) {
-  // Both go at the end, unlocked: `released` may hold the last reference to the timer's target,
-  // and `unlisted` the last reference to the timer.
-  std::shared_ptr<Timer> unlisted;
-  std::function<void()> released;
+  // It goes at the end, unlocked: its action may hold the last reference to the timer's target,
+  // and its handle the last reference to the timer.
+  std::optional<Entry> unlisted;
   {
     MutexLock lock(mutex_);
     if (!timer.valid_.exchange(false)) return;
-    released = std::move(timer.action_);
-    const auto listed = std::find_if(timers_.begin(), timers_.end(), [&](const auto& scheduled) {
-      return scheduled.get() == &timer;
+    const auto listed = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) {
+      return entry.timer.get() == &timer;
     });
-    if (listed != timers_.end()) {
+    if (listed != entries_.end()) {
       unlisted = std::move(*listed);
-      timers_.erase(listed);
+      entries_.erase(listed);
     }
   }
 }
@@ -81,10 +71,10 @@ void RunLoopTimerTable::fireDueTimers() {
   {
     MutexLock lock(mutex_);
     const auto now = nowLocked();
-    for (auto& timer : timers_) {
-      if (timer->fireDate_ > now) continue;
-      timer->fireDate_ = NextFireDateAfter(timer->fireDate_, timer->interval_, now);
-      due.emplace_back(timer, timer->action_);
+    for (auto& entry : entries_) {
+      if (entry.fireDate > now) continue;
+      entry.fireDate = NextFireDateAfter(entry.fireDate, entry.timer->interval_, now);
+      due.emplace_back(entry.timer, entry.action);
     }
   }
   for (auto& [timer, action] : due) {
@@ -97,9 +87,9 @@ std::optional<RunLoopTimerTable::WakeUp> RunLoopTimerTable::nextSystemWakeUp() c
   MutexLock lock(mutex_);
   if (manualClock_) return std::nullopt;
   std::optional<WakeUp> earliest;
-  for (const auto& timer : timers_) {
-    if (!earliest || timer->fireDate_ < earliest->date) {
-      earliest = WakeUp{timer->fireDate_, timer->tolerance_};
+  for (const auto& entry : entries_) {
+    if (!earliest || entry.fireDate < earliest->date) {
+      earliest = WakeUp{entry.fireDate, entry.timer->tolerance_};
     }
   }
   return earliest;
@@ -128,7 +118,7 @@ void RunLoopTimerTable::useSystemClock() {
     if (manualClock_) {
       // Keep each timer's remaining time when the clock changes under it.
       const auto shift = Clock::now() - manualNow_;
-      for (auto& timer : timers_) timer->fireDate_ += shift;
+      for (auto& entry : entries_) entry.fireDate += shift;
     }
     manualClock_ = false;
   }
@@ -137,7 +127,7 @@ void RunLoopTimerTable::useSystemClock() {
 
 std::size_t RunLoopTimerTable::count() const {
   MutexLock lock(mutex_);
-  return timers_.size();
+  return entries_.size();
 }
 
 RunLoopTimerTable::Clock::time_point RunLoopTimerTable::nowLocked() const {

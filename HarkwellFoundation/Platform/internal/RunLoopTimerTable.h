@@ -61,13 +61,19 @@ class RunLoopTimerTable {
 
  private:
   class Timer;
+  // A scheduled timer's place in the table: when it fires next and what it runs.
+  struct Entry {
+    std::shared_ptr<Timer> timer;
+    Clock::time_point fireDate;
+    std::function<void()> action;
+  };
 
   void invalidate(Timer& timer) HARKWELL_EXCLUDES(mutex_);
   Clock::time_point nowLocked() const HARKWELL_REQUIRES(mutex_);
 
   const std::function<void()> changed_;
   mutable Mutex mutex_;
-  std::vector<std::shared_ptr<Timer>> timers_ HARKWELL_GUARDED_BY(mutex_);
+  std::vector<Entry> entries_ HARKWELL_GUARDED_BY(mutex_);
   bool manualClock_ HARKWELL_GUARDED_BY(mutex_) = false;
   Clock::time_point manualNow_ HARKWELL_GUARDED_BY(mutex_){};
 };

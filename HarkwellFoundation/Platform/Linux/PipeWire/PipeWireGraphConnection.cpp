@@ -177,8 +177,11 @@ PipeWireGraphConnection::~PipeWireGraphConnection() {
 void PipeWireGraphConnection::waitForFirstOutcome(std::chrono::milliseconds timeout) {
   bool ended = false;
   {
-    std::unique_lock lock(outcomeMutex_);
-    ended = outcomeChanged_.wait_for(lock, timeout, [&] { return firstAttemptEnded_; });
+    MutexLock lock(outcomeMutex_);
+    ended = outcomeChanged_.waitFor(outcomeMutex_, timeout, [&] {
+      outcomeMutex_.assertHeld();
+      return firstAttemptEnded_;
+    });
   }
   if (!ended) {
     // The loop thread may end the attempt meanwhile; under its lock the answer is final.
@@ -196,11 +199,11 @@ void PipeWireGraphConnection::waitForFirstOutcome(std::chrono::milliseconds time
 
 void PipeWireGraphConnection::endFirstAttempt() {
   {
-    std::lock_guard lock(outcomeMutex_);
+    MutexLock lock(outcomeMutex_);
     if (firstAttemptEnded_) return;
     firstAttemptEnded_ = true;
   }
-  outcomeChanged_.notify_all();
+  outcomeChanged_.notifyAll();
 }
 
 void PipeWireGraphConnection::connect() {

@@ -14,17 +14,16 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "HarkwellFoundation/Platform/Linux/HeldLogLines.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireGraph.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 struct pw_thread_loop;
 struct pw_context;
@@ -118,9 +117,9 @@ class PipeWireGraphConnection {
   // Between a failed first attempt or a lost daemon and the next synchronisation.
   bool inOutage_ = false;
 
-  std::mutex outcomeMutex_;
-  std::condition_variable outcomeChanged_;
-  bool firstAttemptEnded_ = false;
+  Mutex outcomeMutex_;
+  CondVar outcomeChanged_;
+  bool firstAttemptEnded_ HARKWELL_GUARDED_BY(outcomeMutex_) = false;
 
   HeldLogLines log_;
 };

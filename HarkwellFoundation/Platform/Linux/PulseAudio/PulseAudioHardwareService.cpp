@@ -38,16 +38,16 @@ void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state
   const std::vector<PulseMappedDevice> devices = MapPulseServerState(state);
   std::vector<PulseAudioDeviceMirror::Change> changes;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     changes = mirror_.update(devices);
   }
   for (const auto& change : changes) listeners_.notify(change.object, change.address);
 }
 
 OSStatus PulseAudioHardwareService::hogModeSoundCard(ObjectID object,
-                                                    const PropertyAddress& address,
-                                                    std::uint32_t* card) {
-  std::lock_guard lock(mutex_);
+                                                     const PropertyAddress& address,
+                                                     std::uint32_t* card) {
+  MutexLock lock(mutex_);
   const OSStatus status = mirror_.hogModeSoundCard(object, address, card);
   // Without sd-bus no card has a reservation to answer from.
   if (status == kNoErr && !reservation_) return kAudioHardwareUnknownPropertyError;
@@ -56,7 +56,7 @@ OSStatus PulseAudioHardwareService::hogModeSoundCard(ObjectID object,
 
 std::optional<std::uint32_t> PulseAudioHardwareService::soundCardOfDevice(ObjectID device) const {
   std::uint32_t card = 0;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   const PropertyAddress address{kAudioDevicePropertyHogMode, kAudioObjectPropertyScopeGlobal,
                                 kAudioObjectPropertyElementMaster};
   if (mirror_.hogModeSoundCard(device, address, &card) != kNoErr) return std::nullopt;
@@ -75,7 +75,7 @@ OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
     *outDataSize = sizeof(std::int32_t);
     return kNoErr;
   }
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.getPropertyDataSize(object, address, outDataSize);
 }
 
@@ -91,7 +91,7 @@ OSStatus PulseAudioHardwareService::getPropertyData(ObjectID object, const Prope
     return ReadReservationHogMode(*reservation_, card, ioDataSize, outData);
   }
 #endif
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.getPropertyData(object, address, ioDataSize, outData);
 }
 
@@ -108,7 +108,7 @@ OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const Prope
                                     data);
   }
 #endif
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.setPropertyDataStatus(object, address);
 }
 
@@ -117,7 +117,7 @@ bool PulseAudioHardwareService::hasProperty(ObjectID object, const PropertyAddre
     std::uint32_t card = 0;
     return hogModeSoundCard(object, address, &card) == kNoErr;
   }
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.hasProperty(object, address);
 }
 
@@ -126,7 +126,7 @@ OSStatus PulseAudioHardwareService::addPropertyListenerBlock(ObjectID object,
                                                              std::shared_ptr<DispatchQueue> queue,
                                                              PlatformListenerBlockRef block) {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!mirror_.hasObject(object)) return kAudioHardwareBadObjectError;
   }
   // A device that leaves right here keeps this listener, as it keeps every other one: listeners
@@ -145,7 +145,7 @@ OSStatus PulseAudioHardwareService::removePropertyListenerBlock(
     PlatformListenerBlockRef block) {
   // A listener of a device that has left is removed all the same.
   if (listeners_.remove(object, address, queue, block)) return kNoErr;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return mirror_.hasObject(object) ? kAudioHardwareIllegalOperationError
                                    : kAudioHardwareBadObjectError;
 }

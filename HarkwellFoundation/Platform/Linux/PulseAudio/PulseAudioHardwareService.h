@@ -92,14 +92,14 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
-#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
@@ -162,8 +162,8 @@ class PulseAudioHardwareService final : public AudioHardwareService,
   // The card behind a device's "oink" (see the table), or the status that answers instead.
   OSStatus hogModeSoundCard(ObjectID object, const PropertyAddress& address, std::uint32_t* card);
 
-  mutable std::mutex mutex_;
-  PulseAudioDeviceMirror mirror_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  PulseAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);
   PropertyListenerRegistry listeners_;
   std::shared_ptr<DeviceReservation> reservation_;  // set once by create(); null without sd-bus
   // Last, so it is destroyed first: no state arrives while the members above are torn down.

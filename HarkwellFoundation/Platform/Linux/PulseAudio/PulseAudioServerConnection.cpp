@@ -88,8 +88,11 @@ PulseAudioServerConnection::~PulseAudioServerConnection() {
 void PulseAudioServerConnection::waitForFirstOutcome(std::chrono::milliseconds timeout) {
   bool ended = false;
   {
-    std::unique_lock lock(outcomeMutex_);
-    ended = outcomeChanged_.wait_for(lock, timeout, [&] { return firstAttemptEnded_; });
+    MutexLock lock(outcomeMutex_);
+    ended = outcomeChanged_.waitFor(outcomeMutex_, timeout, [&] {
+      outcomeMutex_.assertHeld();
+      return firstAttemptEnded_;
+    });
   }
   if (!ended) {
     // The loop thread may end the attempt meanwhile; under its lock the answer is final. The line
@@ -108,15 +111,15 @@ void PulseAudioServerConnection::waitForFirstOutcome(std::chrono::milliseconds t
 
 void PulseAudioServerConnection::endFirstAttempt() {
   {
-    std::lock_guard lock(outcomeMutex_);
+    MutexLock lock(outcomeMutex_);
     if (firstAttemptEnded_) return;
     firstAttemptEnded_ = true;
   }
-  outcomeChanged_.notify_all();
+  outcomeChanged_.notifyAll();
 }
 
 void PulseAudioServerConnection::log(std::string line) {
-  std::lock_guard lock(logMutex_);
+  MutexLock lock(logMutex_);
   if (holdingLines_) {
     heldLines_.push_back(std::move(line));
     return;
@@ -132,7 +135,7 @@ void PulseAudioServerConnection::writeHeldLines() {
   for (;;) {
     std::vector<std::string> lines;
     {
-      std::lock_guard lock(logMutex_);
+      MutexLock lock(logMutex_);
       if (!holdingLines_) return;
       if (heldLines_.empty()) {
         holdingLines_ = false;
@@ -147,7 +150,7 @@ void PulseAudioServerConnection::writeHeldLines() {
 void PulseAudioServerConnection::queueHeldLines() {
   std::vector<std::string> lines;
   {
-    std::lock_guard lock(logMutex_);
+    MutexLock lock(logMutex_);
     if (!holdingLines_) return;
     holdingLines_ = false;
     lines.swap(heldLines_);

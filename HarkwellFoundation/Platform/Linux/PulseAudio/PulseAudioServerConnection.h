@@ -15,16 +15,15 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 struct pa_threaded_mainloop;
 struct pa_context;
@@ -108,15 +107,15 @@ class PulseAudioServerConnection {
   // Between a failed first attempt or a lost server and the next synchronisation.
   bool inOutage_ = false;
 
-  std::mutex outcomeMutex_;
-  std::condition_variable outcomeChanged_;
-  bool firstAttemptEnded_ = false;
+  Mutex outcomeMutex_;
+  CondVar outcomeChanged_;
+  bool firstAttemptEnded_ HARKWELL_GUARDED_BY(outcomeMutex_) = false;
 
   std::shared_ptr<DispatchQueue> logQueue_;
-  std::mutex logMutex_;
-  // Guarded by logMutex_: lines not yet queued, and whether new lines join them.
-  std::vector<std::string> heldLines_;
-  bool holdingLines_ = true;
+  Mutex logMutex_;
+  // Lines not yet queued, and whether new lines join them.
+  std::vector<std::string> heldLines_ HARKWELL_GUARDED_BY(logMutex_);
+  bool holdingLines_ HARKWELL_GUARDED_BY(logMutex_) = true;
 };
 
 }  // namespace harkwell

@@ -68,9 +68,9 @@ std::optional<std::string> SessionBusAddress(std::string* why) {
 OSStatus BusOwnerPID(sd_bus* bus, const std::string& name, std::int32_t* pid) {
   BusError error;
   BusMessage reply;
-  const int status = sd_bus_call_method(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetConnectionUnixProcessID", &error.error, &reply.message, "s", name.c_str());
+  const int status = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                                        &error.error, &reply.message, "s", name.c_str());
   if (status < 0) {
     if (error.is(kNoOwnerError)) {
       *pid = -1;
@@ -184,7 +184,6 @@ struct DeviceReservation::HeldCard {
   }
 };
 
-
 std::shared_ptr<DeviceReservation> DeviceReservation::create(Options options) {
   if (options.applicationName.empty()) options.applicationName = DefaultApplicationName();
   return std::shared_ptr<DeviceReservation>(new DeviceReservation(std::move(options)));
@@ -193,7 +192,7 @@ std::shared_ptr<DeviceReservation> DeviceReservation::create(Options options) {
 DeviceReservation::DeviceReservation(Options options) : options_(std::move(options)) {}
 
 DeviceReservation::~DeviceReservation() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   dropConnectionLocked();
 }
 
@@ -204,6 +203,7 @@ std::string DeviceReservation::DeviceName(std::uint32_t card) {
 void DeviceReservation::dropConnectionLocked() {
   if (connection_) {
     connection_->withBus([&](sd_bus*) {
+      mutex_.assertHeld();  // withBus runs this before it returns
       for (auto& [card, held] : held_) held->object = sd_bus_slot_unref(held->object);
     });
   }
@@ -219,7 +219,8 @@ ReservationBusConnection* DeviceReservation::connectionLocked(std::string* log) 
   std::string why;
   std::optional<std::string> address = options_.busAddress;
   if (!address) address = SessionBusAddress(&why);
-  if (address) connection_ = ReservationBusConnection::connect(*address, options_.callTimeout, &why);
+  if (address)
+    connection_ = ReservationBusConnection::connect(*address, options_.callTimeout, &why);
   if (connection_) {
     reportedNoBus_ = false;
     return connection_.get();
@@ -236,7 +237,7 @@ OSStatus DeviceReservation::ownerPID(std::uint32_t card, std::int32_t* pid) {
   std::string log;
   OSStatus status = kNoErr;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     ReservationBusConnection* connection = connectionLocked(&log);
     if (!connection) {
       *pid = -1;
@@ -253,7 +254,7 @@ std::optional<DeviceReservation::Owner> DeviceReservation::owner(std::uint32_t c
   std::string log;
   std::optional<Owner> found;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (ReservationBusConnection* connection = connectionLocked(&log)) {
       found = connection->withBus([&](sd_bus* bus) -> std::optional<Owner> {
         Owner owner;
@@ -275,7 +276,7 @@ OSStatus DeviceReservation::take(std::uint32_t card, const std::string& applicat
   std::string log;
   OSStatus status = kNoErr;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     ReservationBusConnection* connection = connectionLocked(&log);
     if (!connection) {
       status = kAudioHardwareNotRunningError;
@@ -324,7 +325,7 @@ OSStatus DeviceReservation::take(std::uint32_t card, const std::string& applicat
 }
 
 OSStatus DeviceReservation::giveBack(std::uint32_t card) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto found = held_.find(card);
   if (found == held_.end()) return kNoErr;
   if (!connection_ || !connection_->isOpen()) {
@@ -345,13 +346,13 @@ OSStatus DeviceReservation::giveBack(std::uint32_t card) {
 }
 
 bool DeviceReservation::holds(std::uint32_t card) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return held_.count(card) != 0 && connection_ && connection_->isOpen();
 }
 
 void DeviceReservation::setReleaseRequestHandler(std::shared_ptr<DispatchQueue> queue,
                                                  ReleaseRequestHandler handler) {
-  std::lock_guard lock(handlerMutex_);
+  MutexLock lock(handlerMutex_);
   handlerQueue_ = handler ? std::move(queue) : nullptr;
   handler_ = std::move(handler);
 }
@@ -360,7 +361,7 @@ void DeviceReservation::reportReleaseRequest(const ReleaseRequest& request) {
   std::shared_ptr<DispatchQueue> queue;
   ReleaseRequestHandler handler;
   {
-    std::lock_guard lock(handlerMutex_);
+    MutexLock lock(handlerMutex_);
     queue = handlerQueue_;
     handler = handler_;
   }

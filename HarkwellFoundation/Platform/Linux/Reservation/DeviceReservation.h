@@ -36,11 +36,11 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
 namespace harkwell {
@@ -115,19 +115,19 @@ class DeviceReservation {
 
   // The connection, made (or made again) when needed; null without a usable bus. Lines to log
   // are appended to `log`, for the caller to write once its locks are released.
-  ReservationBusConnection* connectionLocked(std::string* log);
-  void dropConnectionLocked();
+  ReservationBusConnection* connectionLocked(std::string* log) HARKWELL_REQUIRES(mutex_);
+  void dropConnectionLocked() HARKWELL_REQUIRES(mutex_);
   void reportReleaseRequest(const ReleaseRequest& request);
 
   const Options options_;
-  std::mutex mutex_;  // serialises connecting and the changes of held cards
-  std::unique_ptr<ReservationBusConnection> connection_;  // guarded by mutex_
-  std::map<std::uint32_t, std::unique_ptr<HeldCard>> held_;  // guarded by mutex_
-  bool reportedNoBus_ = false;  // guarded by mutex_; reset once a connection works
+  Mutex mutex_;  // serialises connecting and the changes of held cards
+  std::unique_ptr<ReservationBusConnection> connection_ HARKWELL_GUARDED_BY(mutex_);
+  std::map<std::uint32_t, std::unique_ptr<HeldCard>> held_ HARKWELL_GUARDED_BY(mutex_);
+  bool reportedNoBus_ HARKWELL_GUARDED_BY(mutex_) = false;  // reset once a connection works
 
-  std::mutex handlerMutex_;  // a leaf: never held while anything else runs
-  std::shared_ptr<DispatchQueue> handlerQueue_;  // guarded by handlerMutex_
-  ReleaseRequestHandler handler_;  // guarded by handlerMutex_
+  Mutex handlerMutex_;  // a leaf: never held while anything else runs
+  std::shared_ptr<DispatchQueue> handlerQueue_ HARKWELL_GUARDED_BY(handlerMutex_);
+  ReleaseRequestHandler handler_ HARKWELL_GUARDED_BY(handlerMutex_);
 };
 
 }  // namespace harkwell

@@ -73,8 +73,8 @@ std::unique_ptr<ReservationBusConnection> ReservationBusConnection::connect(
     if (status > 0) continue;
     const std::uint64_t now = MonotonicMicroseconds();
     if (now >= giveUp) {
-      *why = "the bus at " + address + " did not answer within " +
-             std::to_string(timeout.count()) + " ms";
+      *why = "the bus at " + address + " did not answer within " + std::to_string(timeout.count()) +
+             " ms";
       sd_bus_close_unref(bus);
       return nullptr;
     }
@@ -96,7 +96,7 @@ ReservationBusConnection::ReservationBusConnection(sd_bus* bus, int wakeFd)
 
 ReservationBusConnection::~ReservationBusConnection() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     stopping_ = true;
   }
   wakeServingThread();
@@ -108,7 +108,7 @@ ReservationBusConnection::~ReservationBusConnection() {
 }
 
 bool ReservationBusConnection::isOpen() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return sd_bus_is_open(bus_) > 0;
 }
 
@@ -123,7 +123,7 @@ void ReservationBusConnection::serve() {
     pollfd fds[2] = {};
     int timeout = -1;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       if (stopping_) return;
       int status = 0;
       // Dispatches everything that is queued: incoming calls reach their vtables here.

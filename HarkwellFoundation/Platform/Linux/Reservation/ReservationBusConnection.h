@@ -11,16 +11,17 @@
 // shared with whatever else in the process uses sd-bus), so nothing here meets another user of
 // sd-bus in the same program.
 //
-// Thread-safety: every member may be called from any thread. Callbacks registered on the bus (object
-// vtables) run on the serving thread with the lock held: they may use the bus they are given but
-// must not call withBus() nor run client code.
+// Thread-safety: every member may be called from any thread. Callbacks registered on the bus
+// (object vtables) run on the serving thread with the lock held: they may use the bus they are
+// given but must not call withBus() nor run client code.
 #pragma once
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 struct sd_bus;
 
@@ -49,7 +50,7 @@ class ReservationBusConnection {
       ReservationBusConnection* connection;
       ~WakeAfter() { connection->wakeServingThread(); }
     } wake{this};
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return work(bus_);
   }
 
@@ -62,9 +63,9 @@ class ReservationBusConnection {
   void serve();
   void wakeServingThread();
 
-  std::mutex mutex_;
-  sd_bus* bus_;  // guarded by mutex_
-  bool stopping_ = false;  // guarded by mutex_
+  Mutex mutex_;
+  sd_bus* bus_ HARKWELL_GUARDED_BY(mutex_);
+  bool stopping_ HARKWELL_GUARDED_BY(mutex_) = false;
   const int wakeFd_;  // an eventfd that interrupts the serving thread's wait
   std::thread thread_;
 };

@@ -62,9 +62,9 @@ V4L2HardwareService::~V4L2HardwareService() {
   stopRequested_ = true;
   watcher_.wake();
   if (thread_.joinable()) thread_.join();
-  std::lock_guard lock(barrierMutex_);
+  MutexLock lock(barrierMutex_);
   stopped_ = true;
-  barrierServed_.notify_all();
+  barrierServed_.notifyAll();
 }
 
 // --- The seam ------------------------------------------------------------------------------------
@@ -116,10 +116,10 @@ OSStatus V4L2HardwareService::removePropertyListenerBlock(ObjectID object,
 
 void V4L2HardwareService::waitForPendingChanges() {
   if (std::this_thread::get_id() == thread_.get_id()) return;
-  std::unique_lock lock(barrierMutex_);
+  MutexLock lock(barrierMutex_);
   const std::uint64_t ticket = ++barrierRequested_;
   watcher_.wake();
-  barrierServed_.wait(lock, [&] { return barrierDone_ >= ticket || stopped_; });
+  while (barrierDone_ < ticket && !stopped_) barrierServed_.wait(barrierMutex_);
 }
 
 // --- The background thread -----------------------------------------------------------------------
@@ -155,7 +155,7 @@ void V4L2HardwareService::run() {
       // Whoever asked changed the file system before asking; what is queued now covers it.
       std::uint64_t ticket;
       {
-        std::lock_guard lock(barrierMutex_);
+        MutexLock lock(barrierMutex_);
         ticket = barrierRequested_;
       }
       handleEvents(watcher_.takeQueued());
@@ -163,9 +163,9 @@ void V4L2HardwareService::run() {
         recheckAt_.reset();
         readRunningState();
       }
-      std::lock_guard lock(barrierMutex_);
+      MutexLock lock(barrierMutex_);
       barrierDone_ = std::max(barrierDone_, ticket);
-      barrierServed_.notify_all();
+      barrierServed_.notifyAll();
     } else if (recheckAt_ && Clock::now() >= *recheckAt_) {
       recheckAt_.reset();
       readRunningState();

@@ -68,11 +68,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -86,6 +84,7 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbeCache.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2PropertyMirror.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2SysfsReader.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
@@ -183,11 +182,11 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::optional<std::chrono::steady_clock::time_point> recheckAt_;
 
   // The hand-shake of waitForPendingChanges() and the stop request.
-  std::mutex barrierMutex_;
-  std::condition_variable barrierServed_;
-  std::uint64_t barrierRequested_ = 0;  // guarded by barrierMutex_
-  std::uint64_t barrierDone_ = 0;       // guarded by barrierMutex_
-  bool stopped_ = false;                // guarded by barrierMutex_
+  Mutex barrierMutex_;
+  CondVar barrierServed_;
+  std::uint64_t barrierRequested_ HARKWELL_GUARDED_BY(barrierMutex_) = 0;
+  std::uint64_t barrierDone_ HARKWELL_GUARDED_BY(barrierMutex_) = 0;
+  bool stopped_ HARKWELL_GUARDED_BY(barrierMutex_) = false;
   std::atomic<bool> stopRequested_{false};
   std::thread thread_;
 };

@@ -116,7 +116,7 @@ std::vector<PropertyChange> PropertyMirror::publishDevices(std::vector<Published
   std::sort(devices.begin(), devices.end(),
             [](const auto& a, const auto& b) { return a.deviceID < b.deviceID; });
   std::vector<PropertyChange> changes;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   bool listChanged = devices.size() != devices_.size();
   for (const PublishedDevice& after : devices) {
     if (const PublishedDevice* before = findLocked(after.deviceID)) {
@@ -162,7 +162,7 @@ Value ValueLocked(const std::vector<PublishedDevice>& devices, const PublishedDe
 }  // namespace
 
 OSStatus PropertyMirror::checkProperty(ObjectID object, const PropertyAddress& address) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address).status;
 }
 
@@ -170,7 +170,7 @@ OSStatus PropertyMirror::dataSize(ObjectID object, const PropertyAddress& addres
                                   std::uint32_t* outDataSize) const {
   Value value;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     value = ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
   }
   if (value.kind == Value::Kind::Status) return value.status;
@@ -193,7 +193,7 @@ OSStatus PropertyMirror::data(ObjectID object, const PropertyAddress& address,
                               std::uint32_t* ioDataSize, void* outData) const {
   Value value;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     value = ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
   }
   if (value.kind == Value::Kind::Status) return value.status;
@@ -226,7 +226,7 @@ OSStatus PropertyMirror::data(ObjectID object, const PropertyAddress& address,
 OSStatus PropertyMirror::setData(ObjectID object, const PropertyAddress& address,
                                  std::uint32_t dataSize, const void* data,
                                  std::vector<PropertyChange>* changes) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   const Value current =
       ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
   if (current.kind == Value::Kind::Status) return current.status;

@@ -8,11 +8,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
 namespace harkwell::v4l2 {
@@ -63,11 +63,11 @@ class PropertyMirror {
   static std::uint32_t streamID(ObjectID deviceID, std::uint32_t stream);
 
  private:
-  const PublishedDevice* findLocked(ObjectID deviceID) const;
+  const PublishedDevice* findLocked(ObjectID deviceID) const HARKWELL_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::vector<PublishedDevice> devices_;   // guarded by mutex_; ordered by deviceID
-  std::uint32_t screenCaptureSwitch_ = 1;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::vector<PublishedDevice> devices_ HARKWELL_GUARDED_BY(mutex_);  // ordered by deviceID
+  std::uint32_t screenCaptureSwitch_ HARKWELL_GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace harkwell::v4l2
