@@ -207,10 +207,12 @@ std::vector<MappedAudioDeviceMirror::Change> MappedAudioDeviceMirror::update(
   }
 
   std::vector<Change> changes;
+  // An ID that now names another device (two UIDs sharing a home slot) changes the list too.
   const bool listChanged =
       next.size() != entries_.size() ||
-      !std::equal(next.begin(), next.end(), entries_.begin(),
-                  [](const auto& a, const auto& b) { return a.first == b.first; });
+      !std::equal(next.begin(), next.end(), entries_.begin(), [](const auto& a, const auto& b) {
+        return a.first == b.first && a.second.device.uid == b.second.device.uid;
+      });
   if (listChanged) {
     changes.push_back({kAudioObjectSystemObject, GlobalAddress(kAudioHardwarePropertyDevices)});
   }

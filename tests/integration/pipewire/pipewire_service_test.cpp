@@ -400,13 +400,14 @@ TEST_F(PipeWireServiceTest, DefaultServiceIsPipeWireWhenItsDaemonAnswers) {
   EXPECT_TRUE(DeviceWithUID(*service, kMicrophone));
 
   // PULSE_SERVER alone names a server someone chose: PulseAudio it is, here through
-  // pipewire-pulse, which shows the same microphone under the same UID.
+  // pipewire-pulse, which shows the same microphone under the same UID, and so the same ID.
   unsetenv("PIPEWIRE_REMOTE");
   setenv("PULSE_SERVER", stack_.pulseAddress().c_str(), 1);
   auto pulse = MakeDefaultAudioHardwareService();
   unsetenv("PULSE_SERVER");
   ASSERT_TRUE(std::dynamic_pointer_cast<PulseAudioHardwareService>(pulse));
-  EXPECT_TRUE(DeviceWithUID(*pulse, kMicrophone));
+  ASSERT_TRUE(DeviceWithUID(*pulse, kMicrophone));
+  EXPECT_EQ(DeviceWithUID(*pulse, kMicrophone), DeviceWithUID(*service, kMicrophone));
 }
 
 TEST_F(PipeWireServiceTest, DefaultServiceIsPulseAudioWhenNoPipeWireDaemonAnswers) {

@@ -493,7 +493,8 @@ void PipeWireGraphConnection::onDeviceInfo(BoundObject& object, const pw_device_
       // The daemon flips a serial bit in the flags whenever the param's value changes.
       if (object.paramFlags[index] == param.flags) continue;
       object.paramFlags[index] = param.flags;
-      object.enumSeq[index] = static_cast<int>(index) + 1;
+      // A new number for each enumeration: answers to an earlier one are told apart and dropped.
+      object.enumSeq[index] = ++lastEnumSeq_;
       object.collecting[index] = true;
       object.collected[index].clear();
       pw_device_enum_params(reinterpret_cast<pw_device*>(object.proxy), object.enumSeq[index],

@@ -113,6 +113,7 @@ class PipeWireGraphConnection {
   std::chrono::milliseconds retryDelay_;
   PipeWireGraph graph_;
   int latestSync_ = 0;
+  int lastEnumSeq_ = 0;
   bool synchronised_ = false;
   // Between a failed first attempt or a lost daemon and the next synchronisation.
   bool inOutage_ = false;
