@@ -13,6 +13,7 @@
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScopedHardwareServices.h"
+#include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell::testing {
@@ -135,12 +136,12 @@ TEST_F(V4L2ControllerTest, CreatingANodeYieldsConnectedWithTheMappedRecord) {
   EXPECT_EQ(controller->connectedDevices(), std::vector<MediaDevice>{expected});
 }
 
-TEST_F(V4L2ControllerTest, ProcessOpeningTheNodeYieldsRunningAndItsExitNotRunning) {
+TEST_F(V4L2ControllerTest, ProcessStreamingFromTheNodeYieldsRunningAndItsExitNotRunning) {
   plugUsbCamera();
   startObserving();
   ASSERT_EQ(eventsOfKind(MediaDeviceEvent::InitialDiscovery).size(), 1u);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
   EXPECT_TRUE(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.isRunning);
@@ -237,7 +238,7 @@ TEST_F(V4L2ControllerTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   // And the devices are still followed.
   tree.removeDevNode("video1099");
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::Disconnected));
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
   EXPECT_EQ(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.deviceID, kWebcam);

@@ -19,6 +19,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell::testing {
@@ -394,13 +395,13 @@ TEST_F(V4L2ServiceTest, DeletedNodeRemovesItsDeviceAndAReturningCameraKeepsItsID
   EXPECT_EQ(deviceIDs(), (std::vector<ObjectID>{kWebcam, kSecondWebcam}));
 }
 
-TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilItExits) {
+TEST_F(V4L2ServiceTest, AnotherProcessStreamingFromTheNodeMakesTheDeviceRunningUntilItExits) {
   addUsbCamera();
   start();
   RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
   ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(listener.values.waitForCount(1));
   EXPECT_EQ(listener.values.entries()[0], 1u);
@@ -412,13 +413,13 @@ TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilIt
   EXPECT_EQ(listener.values.size(), 2u);
 }
 
-TEST_F(V4L2ServiceTest, MetadataNodeHeldOpenAlsoCountsAsRunning) {
+TEST_F(V4L2ServiceTest, MetadataNodeStreamedAlsoCountsAsRunning) {
   addUsbCamera();
   start();
   RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
   ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video1"));
+  auto holder = StartNodeUser(tree.devNodePath("video1"), true);
   ASSERT_TRUE(holder);
 
   ASSERT_TRUE(listener.values.waitForCount(1));
@@ -435,7 +436,7 @@ TEST_F(V4L2ServiceTest, ListenersRunOnTheirQueue) {
                                               PlatformListenerBlock::copy(closure)),
             kNoErr);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
 
   ASSERT_TRUE(onQueue.waitForCount(1));
@@ -501,9 +502,12 @@ TEST_F(V4L2ServiceTest, LateOpenerIsLookedForAgainWhenTheTreeChangedInTheSameBur
   ASSERT_TRUE(devices.values.waitUntil([](const auto& v) { return !v.empty() && v.back() == 2; }));
   EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 
-  // Only now does the opener's descriptor show in /proc.
+  // Only now does the opener's descriptor show in /proc, with the node's buffers mapped.
   const pid_t opener = ::getpid() + 1;
   tree.makeSymlink(tree.devNodePath("video0"), "proc/" + std::to_string(opener) + "/fd/3");
+  tree.writeFile("proc/" + std::to_string(opener) + "/maps",
+                 "7f0000000000-7f0000001000 r--s 00000000 00:00 0                          " +
+                     tree.devNodePath("video0") + "\n");
   service->waitForPendingChanges();
 
   EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
@@ -576,10 +580,10 @@ TEST_F(V4L2ServiceTest, ListenerFiresOnlyWhenItsValueChanged) {
   EXPECT_EQ(running.values.size(), 0u);
 
   // Running changes fire the running listener only.
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(running.values.waitForCount(1));
-  auto secondHolder = StartNodeHolder(tree.devNodePath("video1"));
+  auto secondHolder = StartNodeUser(tree.devNodePath("video1"), true);
   ASSERT_TRUE(secondHolder);
   settle();
   EXPECT_EQ(running.values.entries(), std::vector<std::uint32_t>{1});
@@ -694,7 +698,7 @@ TEST_F(V4L2ServiceTest, ThousandNodesAreAllReportedAndFollowed) {
       << "no other loopback shares its slot";
   RecordingListener running([this, last] { return uint32(last, kRunning).value_or(99); });
   ASSERT_EQ(listen(last, kRunning, running), kNoErr);
-  auto holder = StartNodeHolder(tree.devNodePath("video999"));
+  auto holder = StartNodeUser(tree.devNodePath("video999"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(running.values.waitForCount(1));
   EXPECT_EQ(running.values.entries()[0], 1u);

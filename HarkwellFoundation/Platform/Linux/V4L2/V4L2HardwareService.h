@@ -80,6 +80,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/CameraStreamJudge.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbe.h"
@@ -104,6 +105,13 @@ class V4L2HardwareService final : public VideoHardwareService {
     std::chrono::nanoseconds eventBurstWindow = std::chrono::milliseconds(2);
     // When /proc is read once more after an open that no other process was seen holding.
     std::chrono::nanoseconds openRecheckDelay = std::chrono::milliseconds(20);
+    // While a node is open, streams are looked for after the first delay, then after twice as
+    // long each time, up to the longest delay, which then repeats until no node is open.
+    std::chrono::nanoseconds firstStreamCheckDelay = std::chrono::milliseconds(5);
+    std::chrono::nanoseconds longestStreamCheckDelay = std::chrono::milliseconds(500);
+    // Answers for cameras that a media server holds, from the server's own graph; empty: the
+    // server's mappings decide (see CameraStreamJudge.h).
+    v4l2::MediaServerStreamQuery mediaServerQuery;
   };
 
   static std::shared_ptr<V4L2HardwareService> create(Options options);
@@ -134,8 +142,14 @@ class V4L2HardwareService final : public VideoHardwareService {
   // called from a listener block on a queue the caller then waits for.
   void waitForPendingChanges();
 
-  // How many times /proc has been read (for tests and benchmarks).
+  // The media server's graph changed: its answers to mediaServerQuery are asked again soon, on
+  // the background thread. Any thread may call.
+  void mediaServerGraphChanged();
+
+  // How many times /proc has been scanned for descriptors, and how many times the cameras'
+  // streams were looked at (for tests and benchmarks).
   std::uint64_t processScanCount() const { return processScanCount_.load(); }
+  std::uint64_t streamCheckCount() const { return streamCheckCount_.load(); }
   std::size_t listenerCount() const { return listeners_.count(); }
 
  private:
@@ -154,7 +168,10 @@ class V4L2HardwareService final : public VideoHardwareService {
   void updateNodeWatches();
   // Reads /proc and publishes; returns the node paths that were found open.
   std::set<std::string> readRunningState();
-  void publish(const std::set<std::string>& openNodes);
+  // Judges every camera's stream from the last descriptor scan, publishes, and decides when to
+  // look again.
+  void checkStreams();
+  void publish(const std::vector<bool>& running);
   void notify(const std::vector<v4l2::PropertyChange>& changes);
   // Logs `line` for the problem named `problem`, unless that line was logged for it and the
   // problem has not cleared since; a problem that changes its line is logged again.
@@ -166,11 +183,14 @@ class V4L2HardwareService final : public VideoHardwareService {
   v4l2::PropertyMirror mirror_;
   PropertyListenerRegistry listeners_;
   std::atomic<std::uint64_t> processScanCount_{0};
+  std::atomic<std::uint64_t> streamCheckCount_{0};
+  std::atomic<bool> graphChanged_{false};
 
   // Owned by the background thread (and by create() before the thread starts).
   v4l2::InotifyWatcher watcher_;
   v4l2::NodeProbeCache probeCache_;
   v4l2::ProcessNodeScanner scanner_;
+  v4l2::CameraStreamJudge judge_;
   int devWatch_ = -1;
   int udevWatch_ = -1;
   std::map<std::string, int> watchOfNode_;
@@ -181,6 +201,10 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::set<std::string> currentDiagnostics_;
   std::map<std::string, std::string> loggedProblems_;  // problem name -> the line logged
   std::optional<std::chrono::steady_clock::time_point> recheckAt_;
+  // How many stream checks follow an open even when no holder of a node can be seen.
+  static constexpr int kStreamChecksAfterAnOpen = 10;
+  std::optional<std::chrono::steady_clock::time_point> streamCheckAt_;
+  int streamChecksSinceOpen_ = kStreamChecksAfterAnOpen;  // checks since the latest open event
 
   // The hand-shake of waitForPendingChanges() and the stop request.
   std::mutex barrierMutex_;
