@@ -27,7 +27,7 @@ class ProcessNodeScanner {
     std::vector<bool> isOpen;  // one flag per requested path, in the requested order
     // The processes holding each requested path open, in the order they were found.
     std::vector<std::vector<pid_t>> holders;
-    int procError = 0;         // the errno when the /proc folder itself could not be read
+    int procError = 0;  // the errno when the /proc folder itself could not be read
     std::size_t processesRead = 0;
     std::size_t processesSkipped = 0;  // processes whose descriptors could not be read
   };
