@@ -343,6 +343,7 @@ void V4L2HardwareService::checkStreams() {
   // descriptors this one cannot see), look again, sooner at first; otherwise do nothing at all.
   if (!verdict.someoneHoldsANode && streamChecksSinceOpen_ >= kStreamChecksAfterAnOpen) {
     streamCheckAt_.reset();
+    streamCheckScheduled_ = false;
     return;
   }
   auto delay = options_.firstStreamCheckDelay;
@@ -352,6 +353,7 @@ void V4L2HardwareService::checkStreams() {
   delay = std::min(delay, options_.longestStreamCheckDelay);
   if (streamChecksSinceOpen_ < kStreamChecksAfterAnOpen) ++streamChecksSinceOpen_;
   streamCheckAt_ = Clock::now() + delay;
+  streamCheckScheduled_ = true;
 }
 
 void V4L2HardwareService::mediaServerGraphChanged() {

@@ -150,6 +150,8 @@ class V4L2HardwareService final : public VideoHardwareService {
   // streams were looked at (for tests and benchmarks).
   std::uint64_t processScanCount() const { return processScanCount_.load(); }
   std::uint64_t streamCheckCount() const { return streamCheckCount_.load(); }
+  // Whether another stream check is due: false means the service waits for file events only.
+  bool streamCheckScheduled() const { return streamCheckScheduled_.load(); }
   std::size_t listenerCount() const { return listeners_.count(); }
 
  private:
@@ -185,6 +187,7 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::atomic<std::uint64_t> processScanCount_{0};
   std::atomic<std::uint64_t> streamCheckCount_{0};
   std::atomic<bool> graphChanged_{false};
+  std::atomic<bool> streamCheckScheduled_{false};
 
   // Owned by the background thread (and by create() before the thread starts).
   v4l2::InotifyWatcher watcher_;
