@@ -1,8 +1,9 @@
 // V4L2HardwareService: the video hardware service on Linux. It reads what the machine says about
 // its cameras from sysfs (/sys/class/video4linux), the udev database where there is one, and the
 // nodes themselves (VIDIOC_QUERYCAP); it learns of changes through inotify (nodes appearing and
-// disappearing under /dev, each node being opened and closed) and finds out who holds a node open
-// by reading /proc, only when inotify reports an open or a close, never on a timer.
+// disappearing under /dev, each node being opened and closed), finds out who holds a node open by
+// reading /proc when inotify reports an open or a close, and whether frames flow from the holders'
+// memory maps and the camera's USB folders in sysfs (see "Running" below).
 //
 // How the machine maps onto the video seam:
 //
@@ -37,12 +38,62 @@
 //                ID_V4L_CAPABILITIES; failing both, a driver's first node (index 0) captures and
 //                its later nodes carry metadata. Metadata nodes are no streams. A loopback node
 //                counts as one input and one output stream. Stream IDs are opaque, not objects.
-//   "gone"       1 while any of the camera's nodes (metadata nodes too) is open in a process
-//                other than this one, as /proc/<pid>/fd shows; otherwise 0. Processes whose
-//                descriptors this process may not read are not seen.
+//   "gone"       1 while frames flow from the camera to some process other than this one, as
+//                the signals below combine (CameraStreamJudge.h); otherwise 0.
 //   "oink"       "who?" (kCMIOHardwareUnknownPropertyError): V4L2 has no exclusive-access owner.
 //   otherwise    "who?" for other selectors, "!obj" for unknown objects, "!siz" for a buffer too
 //                small for the value, "nope" for a write to anything but "yes ".
+//
+// Running. A camera is running while frames flow, as its light shows: not merely while a node is
+// open (settings panels, `v4l2-ctl --all` and browsers listing devices open nodes without
+// streaming; media servers keep them open while idle). The signals an unprivileged process can
+// read, strongest first:
+//
+//   signal                 catches                               misses
+//   ---------------------  ------------------------------------  ---------------------------------
+//   isochronous UVC        any stream of a UVC camera on an      bulk UVC cameras (they stay in
+//   alternate setting      isochronous interface: MMAP, DMABUF,  setting 0), cameras that are not
+//   (bAlternateSetting of  USERPTR and read() alike, by any      UVC, loopback devices; looked at
+//   the streaming          process of any user or container.     only while a node is known to be
+//   interfaces; decides    Setting 0 is decisive too: buffers    open, since sysfs attributes
+//   both ways)             mapped but stopped are not running.   change without inotify events.
+//   buffers mapped         MMAP streaming (the common case for   DMABUF and USERPTR streaming
+//   (/proc/<pid>/maps of   UVC, PCI and platform cameras,        (the buffers are not mapped
+//   the node's holders,    loopback readers and writers that     through the node), read(); the
+//   matched by file        map), through a media server too; a   processes this one may not
+//   system dev:inode or    program that closes its descriptor    examine (other users' without
+//   by path, see           but keeps its buffers mapped.         privilege); a program keeping
+//   ProcessMappingReader)                                        buffers mapped while paused
+//                                                                counts as running.
+//   runtime power state    a USB camera that is suspended        says nothing when "active":
+//   (power/runtime_status  cannot stream: vetoes the others.     drivers keep a camera awake while
+//   of the USB device)                                           a node is open, and devices with
+//                                                                autosuspend off are always so.
+//   open descriptor        read()/write()-only nodes (some       idle holders; used only where the
+//   (/proc/<pid>/fd; the   loopback and legacy capture           mapping cannot show: a node that
+//   weakest, a fallback)   drivers); holders whose maps cannot   offers no buffer streaming, or a
+//                          be read.                              holder whose maps are unreadable.
+//                                                                Media servers never count by it.
+//
+// Evaluated and not used: opening the node and asking for buffers (VIDIOC_CREATE_BUFS with no
+// buffers answers EBUSY while another file owns the queue, whatever its memory type) would catch
+// DMABUF and USERPTR streaming, but every look would open the node (waking a suspended USB camera,
+// causing file events of our own); inotify's IN_ACCESS/IN_MODIFY would see read()/write()
+// streaming but wake the service for every frame.
+//
+// Media servers (MediaServerProcesses.h: pipewire, pipewire-media-session, wireplumber, matched by
+// executable) hold nodes open while idle; their descriptors never count, their mappings do. Where
+// a media server's own graph is known (Options::mediaServerQuery, answered by a PipeWire client:
+// the camera's node state and its links to consumers), its answer replaces the server's mappings.
+//
+// When the service looks: /proc/<pid>/fd after every burst of opens and closes (and once more for
+// an opener not yet visible, see below); the maps of the known holders and the cameras' USB
+// folders after each of those, then again while a node stays open, after 5 ms, then each time
+// twice as long, up to every 500 ms. After an open the first ten of these checks run even when no
+// holder can be seen (its opener may be invisible to this process, its stream seen only in
+// sysfs). While no node is open, nothing runs: no timer, no polling. A stream that starts on an
+// already-open node is therefore seen within 500 ms, one that starts right after its open within
+// a few milliseconds.
 //
 // False positives are avoided on purpose: this process's own opens (its capability queries
 // included) never count as running and cause no event; a process that opens a node and closes it
