@@ -5,7 +5,8 @@
 //       "skipped <n>" (process entries it could not read). The suites run it as another user.
 //   v4l2_test_helper hold
 //       Reads commands from stdin: "open <path>" opens the path read-only and prints
-//       "opened <ns>"; "map" maps one page of each open file that is not mapped yet, shared and
+//       "opened <ns>"; "stream <path>" opens it and maps it at once and prints "streaming <ns>";
+//       "map" maps one page of each open file that is not mapped yet, shared and
 //       read-only, as a program streaming from a node maps its buffers, and prints "mapped <ns>";
 //       "unmap" undoes every mapping and prints "unmapped <ns>"; "close" undoes every mapping,
 //       closes everything it opened and prints "closed <ns>". <ns> is the CLOCK_MONOTONIC time
@@ -51,7 +52,20 @@ int Hold() {
   };
   std::string line;
   while (std::getline(std::cin, line)) {
-    if (line.rfind("open ", 0) == 0) {
+    if (line.rfind("stream ", 0) == 0) {
+      const std::int64_t when = MonotonicNanoseconds();
+      const int fd = ::open(line.c_str() + 7, O_RDONLY | O_CLOEXEC);
+      void* address = fd < 0 ? MAP_FAILED : ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
+      if (address == MAP_FAILED) {
+        if (fd >= 0) ::close(fd);
+        std::cout << "failed" << std::endl;
+        continue;
+      }
+      mapped.resize(open.size(), nullptr);
+      open.push_back(fd);
+      mapped.push_back(address);
+      std::cout << "streaming " << when << std::endl;
+    } else if (line.rfind("open ", 0) == 0) {
       const std::int64_t when = MonotonicNanoseconds();
       const int fd = ::open(line.c_str() + 5, O_RDONLY | O_CLOEXEC);
       if (fd < 0) {
