@@ -617,8 +617,10 @@ TEST_F(V4L2ServiceTest, MediaServerGraphDecidesWhereItAnswers) {
        .devRoot = tree.devRoot(),
        .procRoot = "/proc",
        .udevDataRoot = tree.udevDataRoot(),
-       .mediaServerQuery = [answer](const std::string& uid) -> std::optional<bool> {
-         if (uid != "usb:046d:0825:A1B2C3@1-2:1.0" || answer->load() < 0) return std::nullopt;
+       .mediaServerQuery = [answer](const v4l2::CameraDescription& camera) -> std::optional<bool> {
+         if (camera.uid != "usb:046d:0825:A1B2C3@1-2:1.0" || answer->load() < 0) {
+           return std::nullopt;
+         }
          return answer->load() == 1;
        }});
   auto server = StartNodeUser(tree.devNodePath("video0"), true, MediaServerStandIn(tree));

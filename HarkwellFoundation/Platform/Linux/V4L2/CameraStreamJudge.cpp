@@ -101,7 +101,7 @@ bool CameraStreamJudge::judgeCamera(const CameraDescription& camera, bool& someo
   }
   bool serverStreams = mappedByServer;
   if (serverInvolved && mediaServerQuery_) {
-    if (const auto answer = mediaServerQuery_(camera.uid)) serverStreams = *answer;
+    if (const auto answer = mediaServerQuery_(camera)) serverStreams = *answer;
   }
   return mappedByClient || serverStreams || fallback;
 }
