@@ -83,8 +83,10 @@
 //
 // Media servers (MediaServerProcesses.h: pipewire, pipewire-media-session, wireplumber, matched by
 // executable) hold nodes open while idle; their descriptors never count, their mappings do. Where
-// a media server's own graph is known (Options::mediaServerQuery, answered by a PipeWire client:
-// the camera's node state and its links to consumers), its answer replaces the server's mappings.
+// a media server's own graph is known (Options::mediaServerQuery; PipeWireStreamsCamera answers it
+// from a copy of PipeWire's graph: the camera's node state and its links to consumers), its answer
+// replaces the server's mappings; mediaServerGraphChanged() asks again. By default no query is
+// set, and the server's mappings decide.
 //
 // When the service looks: /proc/<pid>/fd after every burst of opens and closes (and once more for
 // an opener not yet visible, see below); the maps of the known holders and the cameras' USB
