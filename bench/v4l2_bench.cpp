@@ -51,6 +51,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/ScopedHardwareServices.h"
+#include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {

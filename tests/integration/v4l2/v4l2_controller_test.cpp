@@ -179,7 +179,7 @@ TEST_F(V4L2ControllerTest, StreamingInterfaceLeavingSettingZeroYieldsChangedRunn
   ASSERT_EQ(changes.size(), 2u);
   EXPECT_TRUE(changes[0].device.isRunning);
   EXPECT_FALSE(changes[1].device.isRunning);
-  EXPECT_EQ(changes[1].device.deviceID, 2u);
+  EXPECT_EQ(changes[1].device.deviceID, kWebcam);
 }
 
 TEST_F(V4L2ControllerTest, MediaServerHoldingTheNodeYieldsChangedRunningOnlyOnceItStreams) {

@@ -416,8 +416,8 @@ TEST_F(V4L2ServiceTest, AnotherProcessStreamingFromTheNodeMakesTheDeviceRunningU
 TEST_F(V4L2ServiceTest, MappingTheNodeMakesTheDeviceRunningAndUnmappingOrClosingEndsIt) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
   auto user = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(user);
@@ -432,20 +432,20 @@ TEST_F(V4L2ServiceTest, MappingTheNodeMakesTheDeviceRunningAndUnmappingOrClosing
   settle();
 
   EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0, 1, 0}));
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 }
 
 TEST_F(V4L2ServiceTest, ProcessThatOnlyOpensTheNodeToQueryItIsNotRunning) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
   const std::uint64_t checksBefore = service->streamCheckCount();
 
   // Programs that open the node a moment to list what it can do, and one that keeps it open
   // without ever streaming.
   for (int round = 0; round < 3; ++round) {
-    auto prober = PipedChildProcess::start(
+    auto prober = ChildProcess::launch(
         {"/bin/sh", "-c", "exec 3<\"$0\" && exec 3<&-", tree.devNodePath("video0")});
     ASSERT_TRUE(prober);
     ASSERT_TRUE(prober->waitForExit().has_value());
@@ -457,15 +457,15 @@ TEST_F(V4L2ServiceTest, ProcessThatOnlyOpensTheNodeToQueryItIsNotRunning) {
 
   EXPECT_GT(service->streamCheckCount(), checksBefore);
   EXPECT_TRUE(service->streamCheckScheduled());
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   EXPECT_EQ(listener.values.size(), 0u);
 }
 
 TEST_F(V4L2ServiceTest, StreamStartedLongAfterTheOpenIsSeenOnTheSchedule) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
   auto user = StartNodeUser(tree.devNodePath("video0"), false);
   ASSERT_TRUE(user);
   // Past the quick checks that follow an open: only the longest delay is left.
@@ -496,7 +496,7 @@ TEST_F(V4L2ServiceTest, NothingIsScheduledOnceNoNodeIsOpen) {
   const std::uint64_t checks = service->streamCheckCount();
   settle();
   EXPECT_EQ(service->streamCheckCount(), checks);
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 }
 
 TEST_F(V4L2ServiceTest, IsochronousCameraRunsExactlyWhileItsStreamingInterfaceHasBandwidth) {
@@ -504,21 +504,21 @@ TEST_F(V4L2ServiceTest, IsochronousCameraRunsExactlyWhileItsStreamingInterfaceHa
   addUsbCamera();
   const std::string streaming = tree.addUvcStreamingInterface(camera, "1.1", true);
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
   // Buffers mapped but the interface at rest: no frames flow (set up, or paused).
   auto user = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(user);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 
   tree.setAlternateSetting(streaming, 1, 1);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
   tree.setAlternateSetting(streaming, 0, 0);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   DrainQueue(queue);
   EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0}));
 }
@@ -532,10 +532,10 @@ TEST_F(V4L2ServiceTest, BulkCameraIsJudgedByItsMappings) {
   auto user = StartNodeUser(tree.devNodePath("video0"), false);
   ASSERT_TRUE(user);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   ASSERT_TRUE(TellNodeUser(*user, "map", "mapped"));
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
 }
 
 TEST_F(V4L2ServiceTest, SuspendedUsbDeviceIsNotRunningWhateverIsMapped) {
@@ -547,10 +547,10 @@ TEST_F(V4L2ServiceTest, SuspendedUsbDeviceIsNotRunningWhateverIsMapped) {
   auto user = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(user);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   tree.setRuntimeStatus(camera, "active");
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
 }
 
 // A copy of the suites' helper program under a media server's name.
@@ -565,13 +565,13 @@ std::string MediaServerStandIn(const FakeV4L2Tree& tree) {
 TEST_F(V4L2ServiceTest, MediaServerHoldingTheNodeIsNotRunningUntilItMapsIt) {
   addUsbCamera();
   start();
-  RecordingListener listener([this] { return uint32(2, kRunning).value_or(99); });
-  ASSERT_EQ(listen(2, kRunning, listener), kNoErr);
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
   auto server = StartNodeUser(tree.devNodePath("video0"), false, MediaServerStandIn(tree));
   ASSERT_TRUE(server);
   for (int check = 0; check < 3; ++check) settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
   EXPECT_EQ(listener.values.size(), 0u);
 
   // A client asked for frames: the server streams.
@@ -595,18 +595,18 @@ TEST_F(V4L2ServiceTest, OpenNodeCountsWhereFramesCannotShowAsMappingsButNotForAM
   auto server = StartNodeUser(tree.devNodePath("video0"), false, MediaServerStandIn(tree));
   ASSERT_TRUE(server);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 
   auto reader = StartNodeUser(tree.devNodePath("video0"), false);
   ASSERT_TRUE(reader);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
   // Holding the metadata node, whose buffers would show, is no stream.
   reader.reset();
   auto metadataHolder = StartNodeUser(tree.devNodePath("video1"), false);
   ASSERT_TRUE(metadataHolder);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 }
 
 TEST_F(V4L2ServiceTest, MediaServerGraphDecidesWhereItAnswers) {
@@ -626,18 +626,18 @@ TEST_F(V4L2ServiceTest, MediaServerGraphDecidesWhereItAnswers) {
   auto server = StartNodeUser(tree.devNodePath("video0"), true, MediaServerStandIn(tree));
   ASSERT_TRUE(server);
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 1u);  // no answer: its mapping decides
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);  // no answer: its mapping decides
 
   answer->store(0);  // mapped, but the graph has no consumer running
   service->mediaServerGraphChanged();
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 0u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 
   ASSERT_TRUE(TellNodeUser(*server, "unmap", "unmapped"));
   answer->store(1);
   service->mediaServerGraphChanged();
   settle();
-  EXPECT_EQ(uint32(2, kRunning), 1u);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
 }
 
 TEST_F(V4L2ServiceTest, MetadataNodeStreamedAlsoCountsAsRunning) {
