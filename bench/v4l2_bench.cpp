@@ -10,14 +10,28 @@
 //                           part alone).
 //   Each of these runs twice: /0 by wall-clock time, /1 by processor time (the scanning thread's,
 //   or the tool process's), the fairer measure on a machine busy with other work.
-//   BM_OpenToChangedRunning a helper process opens the node; the time from just before its open()
-//                           to the client's ChangedRunning event, through the service, the observer
-//                           and the controller. Reports the median and the 99th percentile.
+//   BM_StreamToChangedRunning
+//                           a helper process opens the node and maps it at once, as a program
+//                           streaming from a camera maps its buffers; the time from just before its
+//                           open() to the client's ChangedRunning event, through the service, the
+//                           observer and the controller. Reports the median and the 99th
+//                           percentile.
+//   BM_OpenToChangedRunning the open-file signal alone, in the same run: the node says it moves
+//                           frames through read() only, so an open descriptor is what makes it
+//                           running; the time from just before the open() to ChangedRunning.
+//   BM_StreamingCpuPerHour  processor time this process uses while one camera streams (a helper
+//                           keeps the node mapped) and the service looks on its schedule; measured
+//                           over a few seconds, given per hour.
+//   BM_IdleSixteenCameras   an observing controller with 16 USB cameras and nothing open: the
+//                           processor time used over a short window, per hour, and how many /proc
+//                           scans and stream checks ran in it (measured, not asserted: the goal is
+//                           none).
 //
 // The node is in a fake V4L2 tree (the V4L2 suites' FakeV4L2Tree). The idle processes are `sleep`
 // children (the suites' ChildProcess) that die with the benchmark and are killed and reaped when
 // it ends.
 #include <benchmark/benchmark.h>
+#include <linux/videodev2.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <time.h>
@@ -37,6 +51,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/ScopedHardwareServices.h"
+#include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell {
@@ -176,12 +191,24 @@ struct RunningEvent {
   std::int64_t arrived = 0;
 };
 
-void BM_OpenToChangedRunning(benchmark::State& state) {
+// A probe that declares every node a read()/write()-only capture node, so the open-file signal
+// decides; empty: the nodes' own answers.
+v4l2::NodeProbe ReadWriteOnlyProbe() {
+  return [](const std::string&) {
+    return v4l2::NodeProbeResult{
+        v4l2::NodeCapabilities{V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_READWRITE, "Bench"}, 0};
+  };
+}
+
+// `startCommand`: "open" or "stream"; the helper answers "opened <ns>" or "streaming <ns>".
+void MeasureToChangedRunning(benchmark::State& state, const std::string& startCommand,
+                             v4l2::NodeProbe probe) {
   const Machine& machine = SharedMachine();
   auto service = V4L2HardwareService::create({.sysfsRoot = machine.sysfsRoot(),
                                               .devRoot = machine.devRoot(),
                                               .procRoot = "/proc",
-                                              .udevDataRoot = ""});
+                                              .udevDataRoot = "",
+                                              .probe = std::move(probe)});
   testing::ScopedHardwareServices installed(SimulatedAudioHardwareService::create(), service);
   auto queue = DispatchQueue::createSerial("com.harkwell.bench.v4l2");
   auto events = std::make_shared<testing::Recorder<RunningEvent>>();
@@ -199,14 +226,17 @@ void BM_OpenToChangedRunning(benchmark::State& state) {
   std::vector<double> latencies;
   for (auto _ : state) {
     const std::size_t seen = events->size();
-    helper->writeLine("open " + machine.nodePath());
+    helper->writeLine(startCommand + " " + machine.nodePath());
     const auto opened = helper->readLine();
-    if (!opened || opened->rfind("opened ", 0) != 0 || !events->waitForCount(seen + 1)) {
-      state.SkipWithError("no ChangedRunning after an open");
+    const std::size_t space = opened ? opened->find(' ') : std::string::npos;
+    if (space == std::string::npos || opened->rfind("failed", 0) == 0 ||
+        !events->waitForCount(seen + 1)) {
+      state.SkipWithError(("no ChangedRunning after " + startCommand).c_str());
       break;
     }
     const RunningEvent event = events->entries()[seen];
-    const double seconds = static_cast<double>(event.arrived - std::stoll(opened->substr(7))) / 1e9;
+    const double seconds =
+        static_cast<double>(event.arrived - std::stoll(opened->substr(space + 1))) / 1e9;
     state.SetIterationTime(seconds);
     latencies.push_back(seconds);
     helper->writeLine("close");
@@ -220,12 +250,109 @@ void BM_OpenToChangedRunning(benchmark::State& state) {
     const std::size_t p99 = (latencies.size() * 99 + 99) / 100 - 1;
     state.counters["median_ms"] = latencies[latencies.size() / 2] * 1e3;
     state.counters["p99_ms"] = latencies[std::min(p99, latencies.size() - 1)] * 1e3;
+    state.counters["median_us"] = latencies[latencies.size() / 2] * 1e6;
+    state.counters["p99_us"] = latencies[std::min(p99, latencies.size() - 1)] * 1e6;
   }
   helper.reset();
   controller->setObserveDevices(false);
   testing::DrainQueue(queue);
 }
+
+void BM_StreamToChangedRunning(benchmark::State& state) {
+  MeasureToChangedRunning(state, "stream", {});
+}
+
+void BM_OpenToChangedRunning(benchmark::State& state) {
+  MeasureToChangedRunning(state, "open", ReadWriteOnlyProbe());
+}
+
+BENCHMARK(BM_StreamToChangedRunning)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(200);
 BENCHMARK(BM_OpenToChangedRunning)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(200);
+
+double ProcessCpuSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
+}
+
+// Blocks this thread for `window` without using the processor (nothing is ever appended).
+void Idle(std::chrono::milliseconds window) {
+  testing::Recorder<int> never;
+  never.waitForCount(1, window);
+}
+
+constexpr auto kCpuWindow = std::chrono::seconds(3);
+
+void BM_StreamingCpuPerHour(benchmark::State& state) {
+  const Machine& machine = SharedMachine();
+  auto service = V4L2HardwareService::create({.sysfsRoot = machine.sysfsRoot(),
+                                              .devRoot = machine.devRoot(),
+                                              .procRoot = "/proc",
+                                              .udevDataRoot = ""});
+  auto streamer = testing::StartNodeUser(machine.nodePath(), true);
+  if (!streamer) {
+    state.SkipWithError("the streaming helper did not start");
+    return;
+  }
+  service->waitForPendingChanges();
+  for (auto _ : state) {
+    const std::uint64_t checks = service->streamCheckCount();
+    const double before = ProcessCpuSeconds();
+    Idle(kCpuWindow);
+    const double used = ProcessCpuSeconds() - before;
+    const double hours = std::chrono::duration<double>(kCpuWindow).count() / 3600;
+    state.SetIterationTime(used);
+    state.counters["cpu_s_per_hour"] = used / hours;
+    state.counters["checks_per_hour"] =
+        static_cast<double>(service->streamCheckCount() - checks) / hours;
+  }
+}
+BENCHMARK(BM_StreamingCpuPerHour)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+
+void BM_IdleSixteenCameras(benchmark::State& state) {
+  testing::FakeV4L2Tree tree;
+  for (unsigned i = 0; i < 16; ++i) {
+    const testing::FakeUsbCamera camera{.port = "1-" + std::to_string(i + 1)};
+    const std::string usb = tree.addUsbInterface(camera);
+    tree.addUvcStreamingInterface(camera, "1.1", true);
+    tree.addNode(
+        {.entry = "video" + std::to_string(2 * i), .index = 0, .minor = 2 * i, .parent = usb});
+    tree.addNode({.entry = "video" + std::to_string(2 * i + 1),
+                  .index = 1,
+                  .minor = 2 * i + 1,
+                  .parent = usb});
+  }
+  auto service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                              .devRoot = tree.devRoot(),
+                                              .procRoot = "/proc",
+                                              .udevDataRoot = ""});
+  testing::ScopedHardwareServices installed(SimulatedAudioHardwareService::create(), service);
+  auto queue = DispatchQueue::createSerial("com.harkwell.bench.v4l2.idle");
+  auto controller = MediaDeviceController::create(queue);
+  controller->setDeviceEventHandler([](MediaDeviceEvent, const MediaDevice&) {});
+  controller->setObserveDevices(true);
+  testing::DrainQueue(queue);
+  service->waitForPendingChanges();
+  for (auto _ : state) {
+    const std::uint64_t scans = service->processScanCount();
+    const std::uint64_t checks = service->streamCheckCount();
+    const double before = ProcessCpuSeconds();
+    Idle(kCpuWindow);
+    const double used = ProcessCpuSeconds() - before;
+    state.SetIterationTime(used);
+    state.counters["cpu_s_per_hour"] =
+        used / (std::chrono::duration<double>(kCpuWindow).count() / 3600);
+    state.counters["proc_scans"] = static_cast<double>(service->processScanCount() - scans);
+    state.counters["stream_checks"] = static_cast<double>(service->streamCheckCount() - checks);
+    state.counters["cameras"] = static_cast<double>(controller->connectedDevices().size());
+  }
+  controller->setObserveDevices(false);
+  testing::DrainQueue(queue);
+}
+BENCHMARK(BM_IdleSixteenCameras)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
 }  // namespace
 }  // namespace harkwell

@@ -1,5 +1,6 @@
 // `harkwell watch` against the V4L2 service on a stand-in tree (sysfs and /dev in a temporary
-// folder, the real /proc): another process opening the camera's node shows as ChangedRunning.
+// folder, the real /proc): another process streaming from the camera's node (its buffers mapped)
+// shows as ChangedRunning.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -7,6 +8,7 @@
 #include "tests/cli/WatchLines.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
+#include "tests/support/V4L2NodeUser.h"
 
 namespace harkwell::testing {
 namespace {
@@ -15,7 +17,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kDeadline = 15s;
 
-TEST(HarkwellOnV4L2, ACameraOpenedElsewhereShowsAsChangedRunningTrueThenFalse) {
+TEST(HarkwellOnV4L2, ACameraStreamedElsewhereShowsAsChangedRunningTrueThenFalse) {
   FakeV4L2Tree tree;
   const std::string usb = tree.addUsbInterface({});
   tree.addNode({.entry = "video0", .index = 0, .minor = 0, .parent = usb});
@@ -37,14 +39,14 @@ TEST(HarkwellOnV4L2, ACameraOpenedElsewhereShowsAsChangedRunningTrueThenFalse) {
   EXPECT_EQ((*discovered)["device"]["isRunning"], false);
   ASSERT_TRUE(NextWatchLineWhere(*run, IsUpdateFinished, kDeadline)) << run->errorOutput();
 
-  // Another process that holds the capture node open until it is killed.
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
-  ASSERT_NE(holder, nullptr) << "the node holder did not start";
+  // Another process that holds the capture node open and mapped until it is killed.
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
+  ASSERT_NE(holder, nullptr) << "the node user did not start";
   const auto opened = NextWatchLineWhere(*run, EventFor("ChangedRunning", camera), kDeadline);
   ASSERT_TRUE(opened.has_value()) << run->errorOutput();
   EXPECT_EQ((*opened)["device"]["isRunning"], true);
 
-  holder.reset();  // kills the shell, which closes the node
+  holder.reset();  // kills it, which unmaps and closes the node
   const auto closed = NextWatchLineWhere(*run, EventFor("ChangedRunning", camera), kDeadline);
   ASSERT_TRUE(closed.has_value()) << run->errorOutput();
   EXPECT_EQ((*closed)["device"]["isRunning"], false);

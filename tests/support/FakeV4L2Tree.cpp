@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -102,6 +103,33 @@ std::string FakeV4L2Tree::addUsbInterface(const FakeUsbCamera& camera) {
   makeFolder("sys/" + interface);
   linkSubsystem("sys/" + interface, "usb");
   return interface;
+}
+
+std::string FakeV4L2Tree::addUvcStreamingInterface(const FakeUsbCamera& camera,
+                                                   const std::string& interface, bool isochronous) {
+  const std::string folder =
+      std::string(kHostController) + "/usb1/" + camera.port + "/" + camera.port + ":" + interface;
+  writeFile("sys/" + folder + "/bInterfaceClass", "0e\n");
+  writeFile("sys/" + folder + "/bInterfaceSubClass", "02\n");
+  linkSubsystem("sys/" + folder, "usb");
+  setAlternateSetting(folder, 0, isochronous ? 0 : 1);
+  return folder;
+}
+
+void FakeV4L2Tree::setAlternateSetting(const std::string& interfaceFolder, unsigned setting,
+                                       unsigned endpoints) {
+  // The kernel's own formats: the setting right-aligned in two places, the count in hex.
+  char text[8];
+  std::snprintf(text, sizeof text, "%2u\n", setting);
+  writeFile("sys/" + interfaceFolder + "/bAlternateSetting", text);
+  std::snprintf(text, sizeof text, "%02x\n", endpoints);
+  writeFile("sys/" + interfaceFolder + "/bNumEndpoints", text);
+}
+
+void FakeV4L2Tree::setRuntimeStatus(const FakeUsbCamera& camera, const std::string& status) {
+  writeFile(
+      "sys/" + std::string(kHostController) + "/usb1/" + camera.port + "/power/runtime_status",
+      status + "\n");
 }
 
 void FakeV4L2Tree::addNode(const FakeVideoNode& node) {

@@ -46,6 +46,16 @@ class FakeV4L2Tree {
 
   // Device folders with the links the reader follows; each returns the folder relative to sysfs.
   std::string addUsbInterface(const FakeUsbCamera& camera);
+  // A UVC video streaming interface of the camera's USB device (`interface` like "1.1"), resting
+  // in alternate setting 0: without endpoints when isochronous, with its bulk endpoint otherwise.
+  // Returns its folder relative to sysfs.
+  std::string addUvcStreamingInterface(const FakeUsbCamera& camera, const std::string& interface,
+                                       bool isochronous);
+  // What the driver writes when a stream starts or stops (`folder` relative to sysfs).
+  void setAlternateSetting(const std::string& interfaceFolder, unsigned setting,
+                           unsigned endpoints);
+  // The USB device's power/runtime_status ("active", "suspended").
+  void setRuntimeStatus(const FakeUsbCamera& camera, const std::string& status);
   std::string addPciDevice(const std::string& address, const std::string& vendor,
                            const std::string& device);
   std::string addPlatformDevice(const std::string& name, const std::string& driver);

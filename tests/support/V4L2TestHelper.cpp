@@ -5,9 +5,15 @@
 //       "skipped <n>" (process entries it could not read). The suites run it as another user.
 //   v4l2_test_helper hold
 //       Reads commands from stdin: "open <path>" opens the path read-only and prints
-//       "opened <ns>", "close" closes everything it opened and prints "closed <ns>"; <ns> is the
-//       CLOCK_MONOTONIC time taken just before the open or close. Exits at the end of its input.
+//       "opened <ns>"; "stream <path>" opens it and maps it at once and prints "streaming <ns>";
+//       "map" maps one page of each open file that is not mapped yet, shared and
+//       read-only, as a program streaming from a node maps its buffers, and prints "mapped <ns>";
+//       "unmap" undoes every mapping and prints "unmapped <ns>"; "close" undoes every mapping,
+//       closes everything it opened and prints "closed <ns>". <ns> is the CLOCK_MONOTONIC time
+//       taken just before the step. A step that fails prints "failed". Exits at the end of its
+//       input. Copied under another name, it stands in for a program of that name.
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -37,9 +43,29 @@ int Scan(const std::string& procRoot, const std::vector<std::string>& paths) {
 
 int Hold() {
   std::vector<int> open;
+  std::vector<void*> mapped;  // one per open file once mapped
+  auto unmapAll = [&mapped] {
+    for (void* address : mapped) {
+      if (address != nullptr) ::munmap(address, 4096);
+    }
+    mapped.clear();
+  };
   std::string line;
   while (std::getline(std::cin, line)) {
-    if (line.rfind("open ", 0) == 0) {
+    if (line.rfind("stream ", 0) == 0) {
+      const std::int64_t when = MonotonicNanoseconds();
+      const int fd = ::open(line.c_str() + 7, O_RDONLY | O_CLOEXEC);
+      void* address = fd < 0 ? MAP_FAILED : ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
+      if (address == MAP_FAILED) {
+        if (fd >= 0) ::close(fd);
+        std::cout << "failed" << std::endl;
+        continue;
+      }
+      mapped.resize(open.size(), nullptr);
+      open.push_back(fd);
+      mapped.push_back(address);
+      std::cout << "streaming " << when << std::endl;
+    } else if (line.rfind("open ", 0) == 0) {
       const std::int64_t when = MonotonicNanoseconds();
       const int fd = ::open(line.c_str() + 5, O_RDONLY | O_CLOEXEC);
       if (fd < 0) {
@@ -48,8 +74,26 @@ int Hold() {
       }
       open.push_back(fd);
       std::cout << "opened " << when << std::endl;
+    } else if (line == "map") {
+      const std::int64_t when = MonotonicNanoseconds();
+      bool failed = false;
+      while (mapped.size() < open.size()) {
+        void* address = ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, open[mapped.size()], 0);
+        failed = failed || address == MAP_FAILED;
+        mapped.push_back(address == MAP_FAILED ? nullptr : address);
+      }
+      if (failed) {
+        std::cout << "failed" << std::endl;
+      } else {
+        std::cout << "mapped " << when << std::endl;
+      }
+    } else if (line == "unmap") {
+      const std::int64_t when = MonotonicNanoseconds();
+      unmapAll();
+      std::cout << "unmapped " << when << std::endl;
     } else if (line == "close") {
       const std::int64_t when = MonotonicNanoseconds();
+      unmapAll();
       for (int fd : open) ::close(fd);
       open.clear();
       std::cout << "closed " << when << std::endl;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
@@ -13,6 +14,7 @@
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ScopedHardwareServices.h"
+#include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell::testing {
@@ -135,12 +137,12 @@ TEST_F(V4L2ControllerTest, CreatingANodeYieldsConnectedWithTheMappedRecord) {
   EXPECT_EQ(controller->connectedDevices(), std::vector<MediaDevice>{expected});
 }
 
-TEST_F(V4L2ControllerTest, ProcessOpeningTheNodeYieldsRunningAndItsExitNotRunning) {
+TEST_F(V4L2ControllerTest, ProcessStreamingFromTheNodeYieldsRunningAndItsExitNotRunning) {
   plugUsbCamera();
   startObserving();
   ASSERT_EQ(eventsOfKind(MediaDeviceEvent::InitialDiscovery).size(), 1u);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
   EXPECT_TRUE(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.isRunning);
@@ -154,6 +156,47 @@ TEST_F(V4L2ControllerTest, ProcessOpeningTheNodeYieldsRunningAndItsExitNotRunnin
   EXPECT_FALSE(changes[1].device.isRunning);
   EXPECT_EQ(changes[1].device.deviceID, kWebcam);
   EXPECT_FALSE(controller->connectedDevices()[0].isRunning);
+}
+
+TEST_F(V4L2ControllerTest, StreamingInterfaceLeavingSettingZeroYieldsChangedRunningTrueThenFalse) {
+  plugUsbCamera();
+  const std::string streaming = tree.addUvcStreamingInterface({}, "1.1", true);
+  startObserving();
+  // The program that will stream has the node open; its stream starts and stops later, which
+  // only the streaming interface's setting shows.
+  auto user = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(user);
+  settle();
+  EXPECT_TRUE(eventsOfKind(MediaDeviceEvent::ChangedRunning).empty());
+
+  tree.setAlternateSetting(streaming, 1, 1);
+  ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
+  tree.setAlternateSetting(streaming, 0, 0);
+  ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning, 2));
+  settle();
+
+  const auto changes = eventsOfKind(MediaDeviceEvent::ChangedRunning);
+  ASSERT_EQ(changes.size(), 2u);
+  EXPECT_TRUE(changes[0].device.isRunning);
+  EXPECT_FALSE(changes[1].device.isRunning);
+  EXPECT_EQ(changes[1].device.deviceID, kWebcam);
+}
+
+TEST_F(V4L2ControllerTest, MediaServerHoldingTheNodeYieldsChangedRunningOnlyOnceItStreams) {
+  plugUsbCamera();
+  startObserving();
+  const std::string server = tree.root() + "/wireplumber";
+  std::filesystem::copy_file(HARKWELL_V4L2_TEST_HELPER, server);
+  std::filesystem::permissions(server, std::filesystem::perms::owner_all);
+
+  auto holder = StartNodeUser(tree.devNodePath("video0"), false, server);
+  ASSERT_TRUE(holder);
+  settle();
+  EXPECT_TRUE(eventsOfKind(MediaDeviceEvent::ChangedRunning).empty());
+
+  ASSERT_TRUE(TellNodeUser(*holder, "map", "mapped"));
+  ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
+  EXPECT_TRUE(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.isRunning);
 }
 
 TEST_F(V4L2ControllerTest, DeletingTheNodesYieldsDisconnected) {
@@ -237,7 +280,7 @@ TEST_F(V4L2ControllerTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   // And the devices are still followed.
   tree.removeDevNode("video1099");
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::Disconnected));
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(waitForEvent(MediaDeviceEvent::ChangedRunning));
   EXPECT_EQ(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.deviceID, kWebcam);

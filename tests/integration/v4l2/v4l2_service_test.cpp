@@ -19,6 +19,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell::testing {
@@ -394,13 +395,13 @@ TEST_F(V4L2ServiceTest, DeletedNodeRemovesItsDeviceAndAReturningCameraKeepsItsID
   EXPECT_EQ(deviceIDs(), (std::vector<ObjectID>{kWebcam, kSecondWebcam}));
 }
 
-TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilItExits) {
+TEST_F(V4L2ServiceTest, AnotherProcessStreamingFromTheNodeMakesTheDeviceRunningUntilItExits) {
   addUsbCamera();
   start();
   RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
   ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(listener.values.waitForCount(1));
   EXPECT_EQ(listener.values.entries()[0], 1u);
@@ -412,13 +413,240 @@ TEST_F(V4L2ServiceTest, AnotherProcessHoldingTheNodeMakesTheDeviceRunningUntilIt
   EXPECT_EQ(listener.values.size(), 2u);
 }
 
-TEST_F(V4L2ServiceTest, MetadataNodeHeldOpenAlsoCountsAsRunning) {
+TEST_F(V4L2ServiceTest, MappingTheNodeMakesTheDeviceRunningAndUnmappingOrClosingEndsIt) {
   addUsbCamera();
   start();
   RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
   ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video1"));
+  auto user = StartNodeUser(tree.devNodePath("video0"), true);
+  ASSERT_TRUE(user);
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  // Unmapped while the node stays open: the stream is over.
+  ASSERT_TRUE(TellNodeUser(*user, "unmap", "unmapped"));
+  ASSERT_TRUE(listener.values.waitForCount(2));
+  ASSERT_TRUE(TellNodeUser(*user, "map", "mapped"));
+  ASSERT_TRUE(listener.values.waitForCount(3));
+  ASSERT_TRUE(TellNodeUser(*user, "close", "closed"));
+  ASSERT_TRUE(listener.values.waitForCount(4));
+  settle();
+
+  EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0, 1, 0}));
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+}
+
+TEST_F(V4L2ServiceTest, ProcessThatOnlyOpensTheNodeToQueryItIsNotRunning) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
+  const std::uint64_t checksBefore = service->streamCheckCount();
+
+  // Programs that open the node a moment to list what it can do, and one that keeps it open
+  // without ever streaming.
+  for (int round = 0; round < 3; ++round) {
+    auto prober = ChildProcess::launch(
+        {"/bin/sh", "-c", "exec 3<\"$0\" && exec 3<&-", tree.devNodePath("video0")});
+    ASSERT_TRUE(prober);
+    ASSERT_TRUE(prober->waitForExit().has_value());
+    settle();
+  }
+  auto idle = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(idle);
+  for (int check = 0; check < 12; ++check) settle();
+
+  EXPECT_GT(service->streamCheckCount(), checksBefore);
+  EXPECT_TRUE(service->streamCheckScheduled());
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+  EXPECT_EQ(listener.values.size(), 0u);
+}
+
+TEST_F(V4L2ServiceTest, StreamStartedLongAfterTheOpenIsSeenOnTheSchedule) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
+  auto user = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(user);
+  // Past the quick checks that follow an open: only the longest delay is left.
+  for (int check = 0; check < 12; ++check) settle();
+  ASSERT_EQ(listener.values.size(), 0u);
+
+  // Mapping makes no file event; the next scheduled check sees it.
+  ASSERT_TRUE(TellNodeUser(*user, "map", "mapped"));
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  EXPECT_EQ(listener.values.entries()[0], 1u);
+}
+
+TEST_F(V4L2ServiceTest, NothingIsScheduledOnceNoNodeIsOpen) {
+  addUsbCamera();
+  start();
+  settle();
+  EXPECT_FALSE(service->streamCheckScheduled());
+
+  auto user = StartNodeUser(tree.devNodePath("video0"), true);
+  ASSERT_TRUE(user);
+  settle();
+  EXPECT_TRUE(service->streamCheckScheduled());
+  user.reset();
+  // Each barrier runs the check that is due; the quick checks after an open run out.
+  for (int check = 0; check < 12; ++check) settle();
+
+  EXPECT_FALSE(service->streamCheckScheduled());
+  const std::uint64_t checks = service->streamCheckCount();
+  settle();
+  EXPECT_EQ(service->streamCheckCount(), checks);
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+}
+
+TEST_F(V4L2ServiceTest, IsochronousCameraRunsExactlyWhileItsStreamingInterfaceHasBandwidth) {
+  const FakeUsbCamera camera;
+  addUsbCamera();
+  const std::string streaming = tree.addUvcStreamingInterface(camera, "1.1", true);
+  start();
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
+
+  // Buffers mapped but the interface at rest: no frames flow (set up, or paused).
+  auto user = StartNodeUser(tree.devNodePath("video0"), true);
+  ASSERT_TRUE(user);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+
+  tree.setAlternateSetting(streaming, 1, 1);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+  tree.setAlternateSetting(streaming, 0, 0);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+  DrainQueue(queue);
+  EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0}));
+}
+
+TEST_F(V4L2ServiceTest, BulkCameraIsJudgedByItsMappings) {
+  const FakeUsbCamera camera;
+  addUsbCamera();
+  tree.addUvcStreamingInterface(camera, "1.1", false);
+  start();
+
+  auto user = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(user);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+  ASSERT_TRUE(TellNodeUser(*user, "map", "mapped"));
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+}
+
+TEST_F(V4L2ServiceTest, SuspendedUsbDeviceIsNotRunningWhateverIsMapped) {
+  const FakeUsbCamera camera;
+  addUsbCamera();
+  tree.setRuntimeStatus(camera, "suspended");
+  start();
+
+  auto user = StartNodeUser(tree.devNodePath("video0"), true);
+  ASSERT_TRUE(user);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+  tree.setRuntimeStatus(camera, "active");
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+}
+
+// A copy of the suites' helper program under a media server's name.
+std::string MediaServerStandIn(const FakeV4L2Tree& tree) {
+  const std::string path = tree.root() + "/pipewire";
+  std::filesystem::copy_file(HARKWELL_V4L2_TEST_HELPER, path,
+                             std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+  return path;
+}
+
+TEST_F(V4L2ServiceTest, MediaServerHoldingTheNodeIsNotRunningUntilItMapsIt) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
+
+  auto server = StartNodeUser(tree.devNodePath("video0"), false, MediaServerStandIn(tree));
+  ASSERT_TRUE(server);
+  for (int check = 0; check < 3; ++check) settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+  EXPECT_EQ(listener.values.size(), 0u);
+
+  // A client asked for frames: the server streams.
+  ASSERT_TRUE(TellNodeUser(*server, "map", "mapped"));
+  ASSERT_TRUE(listener.values.waitForCount(1));
+  ASSERT_TRUE(TellNodeUser(*server, "unmap", "unmapped"));
+  ASSERT_TRUE(listener.values.waitForCount(2));
+  EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0}));
+}
+
+TEST_F(V4L2ServiceTest, OpenNodeCountsWhereFramesCannotShowAsMappingsButNotForAMediaServer) {
+  addUsbCamera();
+  // The capture node moves frames through read() only.
+  start([](const std::string& path) -> v4l2::NodeProbeResult {
+    if (path.ends_with("/video0")) {
+      return {v4l2::NodeCapabilities{V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_READWRITE, "Webcam"}, 0};
+    }
+    return {v4l2::NodeCapabilities{V4L2_CAP_META_CAPTURE | V4L2_CAP_STREAMING, "Webcam"}, 0};
+  });
+
+  auto server = StartNodeUser(tree.devNodePath("video0"), false, MediaServerStandIn(tree));
+  ASSERT_TRUE(server);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+
+  auto reader = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(reader);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+  // Holding the metadata node, whose buffers would show, is no stream.
+  reader.reset();
+  auto metadataHolder = StartNodeUser(tree.devNodePath("video1"), false);
+  ASSERT_TRUE(metadataHolder);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+}
+
+TEST_F(V4L2ServiceTest, MediaServerGraphDecidesWhereItAnswers) {
+  addUsbCamera();
+  auto answer = std::make_shared<std::atomic<int>>(-1);  // -1: no answer; 0, 1: the verdict
+  service = V4L2HardwareService::create(
+      {.sysfsRoot = tree.sysfsRoot(),
+       .devRoot = tree.devRoot(),
+       .procRoot = "/proc",
+       .udevDataRoot = tree.udevDataRoot(),
+       .mediaServerQuery = [answer](const v4l2::CameraDescription& camera) -> std::optional<bool> {
+         if (camera.uid != "usb:046d:0825:A1B2C3@1-2:1.0" || answer->load() < 0) {
+           return std::nullopt;
+         }
+         return answer->load() == 1;
+       }});
+  auto server = StartNodeUser(tree.devNodePath("video0"), true, MediaServerStandIn(tree));
+  ASSERT_TRUE(server);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);  // no answer: its mapping decides
+
+  answer->store(0);  // mapped, but the graph has no consumer running
+  service->mediaServerGraphChanged();
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
+
+  ASSERT_TRUE(TellNodeUser(*server, "unmap", "unmapped"));
+  answer->store(1);
+  service->mediaServerGraphChanged();
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+}
+
+TEST_F(V4L2ServiceTest, MetadataNodeStreamedAlsoCountsAsRunning) {
+  addUsbCamera();
+  start();
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
+
+  auto holder = StartNodeUser(tree.devNodePath("video1"), true);
   ASSERT_TRUE(holder);
 
   ASSERT_TRUE(listener.values.waitForCount(1));
@@ -435,7 +663,7 @@ TEST_F(V4L2ServiceTest, ListenersRunOnTheirQueue) {
                                               PlatformListenerBlock::copy(closure)),
             kNoErr);
 
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
 
   ASSERT_TRUE(onQueue.waitForCount(1));
@@ -501,9 +729,12 @@ TEST_F(V4L2ServiceTest, LateOpenerIsLookedForAgainWhenTheTreeChangedInTheSameBur
   ASSERT_TRUE(devices.values.waitUntil([](const auto& v) { return !v.empty() && v.back() == 2; }));
   EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 
-  // Only now does the opener's descriptor show in /proc.
+  // Only now does the opener's descriptor show in /proc, with the node's buffers mapped.
   const pid_t opener = ::getpid() + 1;
   tree.makeSymlink(tree.devNodePath("video0"), "proc/" + std::to_string(opener) + "/fd/3");
+  tree.writeFile("proc/" + std::to_string(opener) + "/maps",
+                 "7f0000000000-7f0000001000 r--s 00000000 00:00 0                          " +
+                     tree.devNodePath("video0") + "\n");
   service->waitForPendingChanges();
 
   EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
@@ -576,10 +807,10 @@ TEST_F(V4L2ServiceTest, ListenerFiresOnlyWhenItsValueChanged) {
   EXPECT_EQ(running.values.size(), 0u);
 
   // Running changes fire the running listener only.
-  auto holder = StartNodeHolder(tree.devNodePath("video0"));
+  auto holder = StartNodeUser(tree.devNodePath("video0"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(running.values.waitForCount(1));
-  auto secondHolder = StartNodeHolder(tree.devNodePath("video1"));
+  auto secondHolder = StartNodeUser(tree.devNodePath("video1"), true);
   ASSERT_TRUE(secondHolder);
   settle();
   EXPECT_EQ(running.values.entries(), std::vector<std::uint32_t>{1});
@@ -694,7 +925,7 @@ TEST_F(V4L2ServiceTest, ThousandNodesAreAllReportedAndFollowed) {
       << "no other loopback shares its slot";
   RecordingListener running([this, last] { return uint32(last, kRunning).value_or(99); });
   ASSERT_EQ(listen(last, kRunning, running), kNoErr);
-  auto holder = StartNodeHolder(tree.devNodePath("video999"));
+  auto holder = StartNodeUser(tree.devNodePath("video999"), true);
   ASSERT_TRUE(holder);
   ASSERT_TRUE(running.values.waitForCount(1));
   EXPECT_EQ(running.values.entries()[0], 1u);

@@ -90,6 +90,7 @@ ProcessNodeScanner::Result ProcessNodeScanner::scan(
     const std::vector<std::string>& nodePaths) const {
   Result result;
   result.isOpen.assign(nodePaths.size(), false);
+  result.holders.assign(nodePaths.size(), {});
   if (nodePaths.empty()) return result;
 
   std::unordered_map<std::string_view, std::size_t> indexOfPath;
@@ -98,7 +99,6 @@ ProcessNodeScanner::Result ProcessNodeScanner::scan(
     indexOfPath.emplace(nodePaths[i], i);
     longest = std::max(longest, nodePaths[i].size());
   }
-  std::size_t stillClosed = indexOfPath.size();
 
   DirectoryReader proc(::open(procRoot_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (proc.fd() < 0) {
@@ -135,12 +135,10 @@ ProcessNodeScanner::Result ProcessNodeScanner::scan(
       }
       if (length <= 0 || static_cast<std::size_t>(length) > longest) continue;
       auto found = indexOfPath.find(std::string_view(linkText.data(), length));
-      if (found == indexOfPath.end() || result.isOpen[found->second]) continue;
+      if (found == indexOfPath.end()) continue;
       result.isOpen[found->second] = true;
-      if (--stillClosed == 0) {
-        ++result.processesRead;
-        return result;
-      }
+      std::vector<pid_t>& holders = result.holders[found->second];
+      if (holders.empty() || holders.back() != *pid) holders.push_back(*pid);
     }
     ++(readable ? result.processesRead : result.processesSkipped);
   }

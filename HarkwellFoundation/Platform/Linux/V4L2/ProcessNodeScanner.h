@@ -1,4 +1,4 @@
-// Answers "which of these device nodes does some other process hold open?" by reading the
+// Answers "which other processes hold these device nodes open?" by reading the
 // descriptor tables under /proc (/proc/<pid>/fd/<n> are links to the open files). The scanning
 // process itself never counts, so the V4L2 service's own capability queries cannot make a camera
 // look busy. Entries this process may not read (another user's processes without privilege,
@@ -25,7 +25,9 @@ class ProcessNodeScanner {
  public:
   struct Result {
     std::vector<bool> isOpen;  // one flag per requested path, in the requested order
-    int procError = 0;         // the errno when the /proc folder itself could not be read
+    // The processes holding each requested path open, in the order they were found.
+    std::vector<std::vector<pid_t>> holders;
+    int procError = 0;  // the errno when the /proc folder itself could not be read
     std::size_t processesRead = 0;
     std::size_t processesSkipped = 0;  // processes whose descriptors could not be read
   };
@@ -34,7 +36,7 @@ class ProcessNodeScanner {
   // whose descriptors never count.
   explicit ProcessNodeScanner(std::string procRoot, pid_t selfPid);
 
-  // Scans every process once; stops early when all paths are found open.
+  // Scans every process once (all of them: every holder of a node is wanted).
   Result scan(const std::vector<std::string>& nodePaths) const;
 
  private:

@@ -56,7 +56,8 @@ std::shared_ptr<V4L2HardwareService> V4L2HardwareService::create(Options options
 V4L2HardwareService::V4L2HardwareService(Options options)
     : options_(std::move(options)),
       probeCache_(ProbeOrDefault(options_.probe)),
-      scanner_(options_.procRoot, ::getpid()) {}
+      scanner_(options_.procRoot, ::getpid()),
+      judge_(options_.procRoot, options_.mediaServerQuery) {}
 
 V4L2HardwareService::~V4L2HardwareService() {
   stopRequested_ = true;
@@ -144,8 +145,10 @@ void V4L2HardwareService::startWatching() {
 
 void V4L2HardwareService::run() {
   for (;;) {
+    std::optional<Clock::time_point> due = recheckAt_;
+    if (streamCheckAt_ && (!due || *streamCheckAt_ < *due)) due = streamCheckAt_;
     std::optional<std::chrono::nanoseconds> timeout;
-    if (recheckAt_) timeout = std::max(Clock::duration::zero(), *recheckAt_ - Clock::now());
+    if (due) timeout = std::max(Clock::duration::zero(), *due - Clock::now());
     const v4l2::InotifyWatcher::Burst burst =
         watcher_.waitForBurst(timeout, options_.eventBurstWindow, kLongestBurst);
     if (stopRequested_) return;
@@ -162,6 +165,9 @@ void V4L2HardwareService::run() {
       if (recheckAt_) {
         recheckAt_.reset();
         readRunningState();
+      } else if (streamCheckAt_ || graphChanged_.exchange(false)) {
+        // Whatever is due is done now: a stream started since the last check shows at once.
+        checkStreams();
       }
       MutexLock lock(barrierMutex_);
       barrierDone_ = std::max(barrierDone_, ticket);
@@ -169,6 +175,8 @@ void V4L2HardwareService::run() {
     } else if (recheckAt_ && Clock::now() >= *recheckAt_) {
       recheckAt_.reset();
       readRunningState();
+    } else if (streamCheckAt_ && Clock::now() >= *streamCheckAt_) {
+      checkStreams();
     }
   }
 }
@@ -206,6 +214,8 @@ void V4L2HardwareService::handleEvents(const std::vector<v4l2::InotifyEvent>& ev
   }
 
   if (!treeChanged && !openersChanged) return;
+  // A stream starts after its open, with no file event of its own: look again soon after an open.
+  if (!opened.empty()) streamChecksSinceOpen_ = 0;
   // A new reading of the tree reads /proc too, so it answers for the opens of the same burst.
   const std::set<std::string> openNodes = treeChanged ? readTree() : readRunningState();
   // The kernel reports an open just before the new descriptor appears in /proc; an opener not
@@ -313,19 +323,50 @@ std::set<std::string> V4L2HardwareService::readRunningState() {
     for (std::size_t i = 0; i < paths.size(); ++i) {
       if (scan.isOpen[i]) openNodes.insert(paths[i]);
     }
+    judge_.setHolders(paths, scan.holders);
+  } else {
+    judge_.setHolders({}, {});
   }
-  publish(openNodes);
+  checkStreams();
   return openNodes;
 }
 
-void V4L2HardwareService::publish(const std::set<std::string>& openNodes) {
+void V4L2HardwareService::checkStreams() {
+  ++streamCheckCount_;
+  std::vector<const v4l2::CameraDescription*> descriptions;
+  descriptions.reserve(cameras_.size());
+  for (const Camera& camera : cameras_) descriptions.push_back(&camera.description);
+  const v4l2::CameraStreamJudge::Verdict verdict = judge_.judge(descriptions);
+  publish(verdict.running);
+
+  // While a node is held, or for a few checks after any open (its opener may be a process whose
+  // descriptors this one cannot see), look again, sooner at first; otherwise do nothing at all.
+  if (!verdict.someoneHoldsANode && streamChecksSinceOpen_ >= kStreamChecksAfterAnOpen) {
+    streamCheckAt_.reset();
+    streamCheckScheduled_ = false;
+    return;
+  }
+  auto delay = options_.firstStreamCheckDelay;
+  for (int i = 0; i < streamChecksSinceOpen_ && delay < options_.longestStreamCheckDelay; ++i) {
+    delay *= 2;
+  }
+  delay = std::min(delay, options_.longestStreamCheckDelay);
+  if (streamChecksSinceOpen_ < kStreamChecksAfterAnOpen) ++streamChecksSinceOpen_;
+  streamCheckAt_ = Clock::now() + delay;
+  streamCheckScheduled_ = true;
+}
+
+void V4L2HardwareService::mediaServerGraphChanged() {
+  graphChanged_ = true;
+  watcher_.wake();
+}
+
+void V4L2HardwareService::publish(const std::vector<bool>& running) {
   std::vector<v4l2::PublishedDevice> devices;
   devices.reserve(cameras_.size());
-  for (const Camera& camera : cameras_) {
+  for (std::size_t i = 0; i < cameras_.size(); ++i) {
+    const Camera& camera = cameras_[i];
     const v4l2::CameraDescription& description = camera.description;
-    const bool running =
-        std::any_of(description.nodePaths.begin(), description.nodePaths.end(),
-                    [&](const std::string& path) { return openNodes.count(path) != 0; });
     devices.push_back(v4l2::PublishedDevice{
         .deviceID = camera.deviceID,
         .name = description.name,
@@ -334,7 +375,7 @@ void V4L2HardwareService::publish(const std::set<std::string>& openNodes) {
         .transportType = description.transportType,
         .inputStreamCount = description.inputStreamCount,
         .outputStreamCount = description.outputStreamCount,
-        .isRunningSomewhere = running,
+        .isRunningSomewhere = i < running.size() && running[i],
     });
   }
   notify(mirror_.publishDevices(std::move(devices)));

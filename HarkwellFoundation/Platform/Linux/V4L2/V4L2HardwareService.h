@@ -1,8 +1,9 @@
 // V4L2HardwareService: the video hardware service on Linux. It reads what the machine says about
 // its cameras from sysfs (/sys/class/video4linux), the udev database where there is one, and the
 // nodes themselves (VIDIOC_QUERYCAP); it learns of changes through inotify (nodes appearing and
-// disappearing under /dev, each node being opened and closed) and finds out who holds a node open
-// by reading /proc, only when inotify reports an open or a close, never on a timer.
+// disappearing under /dev, each node being opened and closed), finds out who holds a node open by
+// reading /proc when inotify reports an open or a close, and whether frames flow from the holders'
+// memory maps and the camera's USB folders in sysfs (see "Running" below).
 //
 // How the machine maps onto the video seam:
 //
@@ -37,12 +38,64 @@
 //                ID_V4L_CAPABILITIES; failing both, a driver's first node (index 0) captures and
 //                its later nodes carry metadata. Metadata nodes are no streams. A loopback node
 //                counts as one input and one output stream. Stream IDs are opaque, not objects.
-//   "gone"       1 while any of the camera's nodes (metadata nodes too) is open in a process
-//                other than this one, as /proc/<pid>/fd shows; otherwise 0. Processes whose
-//                descriptors this process may not read are not seen.
+//   "gone"       1 while frames flow from the camera to some process other than this one, as
+//                the signals below combine (CameraStreamJudge.h); otherwise 0.
 //   "oink"       "who?" (kCMIOHardwareUnknownPropertyError): V4L2 has no exclusive-access owner.
 //   otherwise    "who?" for other selectors, "!obj" for unknown objects, "!siz" for a buffer too
 //                small for the value, "nope" for a write to anything but "yes ".
+//
+// Running. A camera is running while frames flow, as its light shows: not merely while a node is
+// open (settings panels, `v4l2-ctl --all` and browsers listing devices open nodes without
+// streaming; media servers keep them open while idle). The signals an unprivileged process can
+// read, strongest first:
+//
+//   signal                 catches                               misses
+//   ---------------------  ------------------------------------  ---------------------------------
+//   isochronous UVC        any stream of a UVC camera on an      bulk UVC cameras (they stay in
+//   alternate setting      isochronous interface: MMAP, DMABUF,  setting 0), cameras that are not
+//   (bAlternateSetting of  USERPTR and read() alike, by any      UVC, loopback devices; looked at
+//   the streaming          process of any user or container.     only while a node is known to be
+//   interfaces; decides    Setting 0 is decisive too: buffers    open, since sysfs attributes
+//   both ways)             mapped but stopped are not running.   change without inotify events.
+//   buffers mapped         MMAP streaming (the common case for   DMABUF and USERPTR streaming
+//   (/proc/<pid>/maps of   UVC, PCI and platform cameras,        (the buffers are not mapped
+//   the node's holders,    loopback readers and writers that     through the node), read(); the
+//   matched by file        map), through a media server too; a   processes this one may not
+//   system dev:inode or    program that closes its descriptor    examine (other users' without
+//   by path, see           but keeps its buffers mapped.         privilege); a program keeping
+//   ProcessMappingReader)                                        buffers mapped while paused
+//                                                                counts as running.
+//   runtime power state    a USB camera that is suspended        says nothing when "active":
+//   (power/runtime_status  cannot stream: vetoes the others.     drivers keep a camera awake while
+//   of the USB device)                                           a node is open, and devices with
+//                                                                autosuspend off are always so.
+//   open descriptor        read()/write()-only nodes (some       idle holders; used only where the
+//   (/proc/<pid>/fd; the   loopback and legacy capture           mapping cannot show: a node that
+//   weakest, a fallback)   drivers); holders whose maps cannot   offers no buffer streaming, or a
+//                          be read.                              holder whose maps are unreadable.
+//                                                                Media servers never count by it.
+//
+// Evaluated and not used: opening the node and asking for buffers (VIDIOC_CREATE_BUFS with no
+// buffers answers EBUSY while another file owns the queue, whatever its memory type) would catch
+// DMABUF and USERPTR streaming, but every look would open the node (waking a suspended USB camera,
+// causing file events of our own); inotify's IN_ACCESS/IN_MODIFY would see read()/write()
+// streaming but wake the service for every frame.
+//
+// Media servers (MediaServerProcesses.h: pipewire, pipewire-media-session, wireplumber, matched by
+// executable) hold nodes open while idle; their descriptors never count, their mappings do. Where
+// a media server's own graph is known (Options::mediaServerQuery; PipeWireStreamsCamera answers it
+// from a copy of PipeWire's graph: the camera's node state and its links to consumers), its answer
+// replaces the server's mappings; mediaServerGraphChanged() asks again. By default no query is
+// set, and the server's mappings decide.
+//
+// When the service looks: /proc/<pid>/fd after every burst of opens and closes (and once more for
+// an opener not yet visible, see below); the maps of the known holders and the cameras' USB
+// folders after each of those, then again while a node stays open, after 5 ms, then each time
+// twice as long, up to every 500 ms. After an open the first ten of these checks run even when no
+// holder can be seen (its opener may be invisible to this process, its stream seen only in
+// sysfs). While no node is open, nothing runs: no timer, no polling. A stream that starts on an
+// already-open node is therefore seen within 500 ms, one that starts right after its open within
+// a few milliseconds.
 //
 // False positives are avoided on purpose: this process's own opens (its capability queries
 // included) never count as running and cause no event; a process that opens a node and closes it
@@ -78,6 +131,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/CameraStreamJudge.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbe.h"
@@ -103,6 +157,13 @@ class V4L2HardwareService final : public VideoHardwareService {
     std::chrono::nanoseconds eventBurstWindow = std::chrono::milliseconds(2);
     // When /proc is read once more after an open that no other process was seen holding.
     std::chrono::nanoseconds openRecheckDelay = std::chrono::milliseconds(20);
+    // While a node is open, streams are looked for after the first delay, then after twice as
+    // long each time, up to the longest delay, which then repeats until no node is open.
+    std::chrono::nanoseconds firstStreamCheckDelay = std::chrono::milliseconds(5);
+    std::chrono::nanoseconds longestStreamCheckDelay = std::chrono::milliseconds(500);
+    // Answers for cameras that a media server holds, from the server's own graph; empty: the
+    // server's mappings decide (see CameraStreamJudge.h).
+    v4l2::MediaServerStreamQuery mediaServerQuery;
   };
 
   static std::shared_ptr<V4L2HardwareService> create(Options options);
@@ -133,8 +194,16 @@ class V4L2HardwareService final : public VideoHardwareService {
   // called from a listener block on a queue the caller then waits for.
   void waitForPendingChanges();
 
-  // How many times /proc has been read (for tests and benchmarks).
+  // The media server's graph changed: its answers to mediaServerQuery are asked again soon, on
+  // the background thread. Any thread may call.
+  void mediaServerGraphChanged();
+
+  // How many times /proc has been scanned for descriptors, and how many times the cameras'
+  // streams were looked at (for tests and benchmarks).
   std::uint64_t processScanCount() const { return processScanCount_.load(); }
+  std::uint64_t streamCheckCount() const { return streamCheckCount_.load(); }
+  // Whether another stream check is due: false means the service waits for file events only.
+  bool streamCheckScheduled() const { return streamCheckScheduled_.load(); }
   std::size_t listenerCount() const { return listeners_.count(); }
 
  private:
@@ -153,7 +222,10 @@ class V4L2HardwareService final : public VideoHardwareService {
   void updateNodeWatches();
   // Reads /proc and publishes; returns the node paths that were found open.
   std::set<std::string> readRunningState();
-  void publish(const std::set<std::string>& openNodes);
+  // Judges every camera's stream from the last descriptor scan, publishes, and decides when to
+  // look again.
+  void checkStreams();
+  void publish(const std::vector<bool>& running);
   void notify(const std::vector<v4l2::PropertyChange>& changes);
   // Logs `line` for the problem named `problem`, unless that line was logged for it and the
   // problem has not cleared since; a problem that changes its line is logged again.
@@ -165,11 +237,15 @@ class V4L2HardwareService final : public VideoHardwareService {
   v4l2::PropertyMirror mirror_;
   PropertyListenerRegistry listeners_;
   std::atomic<std::uint64_t> processScanCount_{0};
+  std::atomic<std::uint64_t> streamCheckCount_{0};
+  std::atomic<bool> graphChanged_{false};
+  std::atomic<bool> streamCheckScheduled_{false};
 
   // Owned by the background thread (and by create() before the thread starts).
   v4l2::InotifyWatcher watcher_;
   v4l2::NodeProbeCache probeCache_;
   v4l2::ProcessNodeScanner scanner_;
+  v4l2::CameraStreamJudge judge_;
   int devWatch_ = -1;
   int udevWatch_ = -1;
   std::map<std::string, int> watchOfNode_;
@@ -180,6 +256,10 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::set<std::string> currentDiagnostics_;
   std::map<std::string, std::string> loggedProblems_;  // problem name -> the line logged
   std::optional<std::chrono::steady_clock::time_point> recheckAt_;
+  // How many stream checks follow an open even when no holder of a node can be seen.
+  static constexpr int kStreamChecksAfterAnOpen = 10;
+  std::optional<std::chrono::steady_clock::time_point> streamCheckAt_;
+  int streamChecksSinceOpen_ = kStreamChecksAfterAnOpen;  // checks since the latest open event
 
   // The hand-shake of waitForPendingChanges() and the stop request.
   Mutex barrierMutex_;

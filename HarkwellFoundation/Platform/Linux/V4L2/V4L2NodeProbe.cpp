@@ -58,4 +58,8 @@ bool CapabilitiesOutputVideo(std::uint32_t deviceCaps) {
   return (deviceCaps & (V4L2_CAP_VIDEO_OUTPUT | V4L2_CAP_VIDEO_OUTPUT_MPLANE)) != 0;
 }
 
+bool CapabilitiesReadWriteOnly(std::uint32_t deviceCaps) {
+  return (deviceCaps & V4L2_CAP_READWRITE) != 0 && (deviceCaps & V4L2_CAP_STREAMING) == 0;
+}
+
 }  // namespace harkwell::v4l2

@@ -37,5 +37,8 @@ NodeProbeResult ProbeNodeCapabilities(const std::string& nodePath);
 // scalers) do neither in the sense of a camera.
 bool CapabilitiesCaptureVideo(std::uint32_t deviceCaps);
 bool CapabilitiesOutputVideo(std::uint32_t deviceCaps);
+// Whether the node moves frames through read() and write() only, offering no buffer streaming
+// (memory-mapped, user-pointer or DMABUF buffers).
+bool CapabilitiesReadWriteOnly(std::uint32_t deviceCaps);
 
 }  // namespace harkwell::v4l2

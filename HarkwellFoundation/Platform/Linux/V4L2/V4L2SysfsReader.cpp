@@ -320,6 +320,10 @@ class TreeReader {
       if (node->outputs) ++camera.outputStreamCount;
       if (!named && node->captures) named = node;
       camera.nodePaths.push_back(node->nodePath);
+      if (node->capabilities && (node->captures || node->outputs) &&
+          CapabilitiesReadWriteOnly(node->capabilities->deviceCaps)) {
+        camera.readWriteOnlyNodePaths.push_back(node->nodePath);
+      }
     }
     if (camera.inputStreamCount == 0 && camera.outputStreamCount == 0) return std::nullopt;
     if (!named) {
@@ -348,6 +352,8 @@ class TreeReader {
       camera.uid = "usb:" + vendor + ":" + product + ":" + serial + "@" +
                    std::string(LastPathComponent(*first.parentPath));
       camera.modelUID = "usb:" + vendor + ":" + product;
+      camera.usbDevicePath = bus.usbDevicePath;
+      if (*first.parentPath != *bus.usbDevicePath) camera.usbInterfacePath = first.parentPath;
     } else {
       camera.uid = identityWithoutUsb(group);
       if (bus.pciDevicePath) {

@@ -33,6 +33,13 @@ struct CameraDescription {
   std::uint32_t outputStreamCount = 0;  // output-capable nodes
   // The canonical paths of all its nodes (capture, output and metadata), in node-number order.
   std::vector<std::string> nodePaths;
+  // Nodes that said they deliver frames through read() and write() only: their frames never show
+  // as mapped buffers.
+  std::vector<std::string> readWriteOnlyNodePaths;
+  // For a USB camera, the canonical sysfs folders of its interface (its nodes' parent) and of the
+  // USB device above it.
+  std::optional<std::string> usbInterfacePath;
+  std::optional<std::string> usbDevicePath;
 };
 
 struct TreeReading {
