@@ -1,5 +1,5 @@
-// Exclusive access through the PulseAudio service: a private pulseaudio daemon with a null sink that
-// says it is ALSA card 7 (the server takes any property given to a null sink), a null sink and
+// Exclusive access through the PulseAudio service: a private pulseaudio daemon with a null sink
+// that says it is ALSA card 7 (the server takes any property given to a null sink), a null sink and
 // source without a card, and a private session bus where pw-reserve or our test owner holds card 7.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -208,13 +208,13 @@ TEST_F(PulseAudioHogModeTest, WithoutASessionBusACardIsFreeAndCannotBeTaken) {
   EXPECT_EQ(device.currentHogMode(), MediaDeviceHogMode::NoProcess());
   EXPECT_FALSE(device.enableHogMode());
   EXPECT_TRUE(device.disableHogMode());
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                             "Exclusive access: no session bus (cannot connect to unix:path=" +
-                                 missing +
-                                 ": No such file or directory); every sound card reports nobody "
-                                 "holding it",
-                             SetLine(kAudioHardwareNotRunningError, device.deviceID),
-                         }));
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{
+                "Exclusive access: no session bus (cannot connect to unix:path=" + missing +
+                    ": No such file or directory); every sound card reports nobody "
+                    "holding it",
+                SetLine(kAudioHardwareNotRunningError, device.deviceID),
+            }));
 }
 
 TEST_F(PulseAudioHogModeTest, ABusThatDoesNotAnswerIsGivenUpAtTheTimeout) {

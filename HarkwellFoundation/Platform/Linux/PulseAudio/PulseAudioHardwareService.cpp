@@ -45,8 +45,8 @@ void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state
 }
 
 OSStatus PulseAudioHardwareService::hogModeSoundCard(ObjectID object,
-                                                    const PropertyAddress& address,
-                                                    std::uint32_t* card) {
+                                                     const PropertyAddress& address,
+                                                     std::uint32_t* card) {
   std::lock_guard lock(mutex_);
   const OSStatus status = mirror_.hogModeSoundCard(object, address, card);
   // Without sd-bus no card has a reservation to answer from.

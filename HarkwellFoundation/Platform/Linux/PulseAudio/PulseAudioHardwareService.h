@@ -97,9 +97,9 @@
 #include <string>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
-#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {

@@ -68,9 +68,9 @@ std::optional<std::string> SessionBusAddress(std::string* why) {
 OSStatus BusOwnerPID(sd_bus* bus, const std::string& name, std::int32_t* pid) {
   BusError error;
   BusMessage reply;
-  const int status = sd_bus_call_method(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetConnectionUnixProcessID", &error.error, &reply.message, "s", name.c_str());
+  const int status = sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                                        &error.error, &reply.message, "s", name.c_str());
   if (status < 0) {
     if (error.is(kNoOwnerError)) {
       *pid = -1;
@@ -184,7 +184,6 @@ struct DeviceReservation::HeldCard {
   }
 };
 
-
 std::shared_ptr<DeviceReservation> DeviceReservation::create(Options options) {
   if (options.applicationName.empty()) options.applicationName = DefaultApplicationName();
   return std::shared_ptr<DeviceReservation>(new DeviceReservation(std::move(options)));
@@ -219,7 +218,8 @@ ReservationBusConnection* DeviceReservation::connectionLocked(std::string* log) 
   std::string why;
   std::optional<std::string> address = options_.busAddress;
   if (!address) address = SessionBusAddress(&why);
-  if (address) connection_ = ReservationBusConnection::connect(*address, options_.callTimeout, &why);
+  if (address)
+    connection_ = ReservationBusConnection::connect(*address, options_.callTimeout, &why);
   if (connection_) {
     reportedNoBus_ = false;
     return connection_.get();

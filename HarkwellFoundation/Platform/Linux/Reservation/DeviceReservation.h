@@ -121,13 +121,13 @@ class DeviceReservation {
 
   const Options options_;
   std::mutex mutex_;  // serialises connecting and the changes of held cards
-  std::unique_ptr<ReservationBusConnection> connection_;  // guarded by mutex_
+  std::unique_ptr<ReservationBusConnection> connection_;     // guarded by mutex_
   std::map<std::uint32_t, std::unique_ptr<HeldCard>> held_;  // guarded by mutex_
   bool reportedNoBus_ = false;  // guarded by mutex_; reset once a connection works
 
-  std::mutex handlerMutex_;  // a leaf: never held while anything else runs
+  std::mutex handlerMutex_;                      // a leaf: never held while anything else runs
   std::shared_ptr<DispatchQueue> handlerQueue_;  // guarded by handlerMutex_
-  ReleaseRequestHandler handler_;  // guarded by handlerMutex_
+  ReleaseRequestHandler handler_;                // guarded by handlerMutex_
 };
 
 }  // namespace harkwell

@@ -73,8 +73,8 @@ std::unique_ptr<ReservationBusConnection> ReservationBusConnection::connect(
     if (status > 0) continue;
     const std::uint64_t now = MonotonicMicroseconds();
     if (now >= giveUp) {
-      *why = "the bus at " + address + " did not answer within " +
-             std::to_string(timeout.count()) + " ms";
+      *why = "the bus at " + address + " did not answer within " + std::to_string(timeout.count()) +
+             " ms";
       sd_bus_close_unref(bus);
       return nullptr;
     }

@@ -11,9 +11,9 @@
 // shared with whatever else in the process uses sd-bus), so nothing here meets another user of
 // sd-bus in the same program.
 //
-// Thread-safety: every member may be called from any thread. Callbacks registered on the bus (object
-// vtables) run on the serving thread with the lock held: they may use the bus they are given but
-// must not call withBus() nor run client code.
+// Thread-safety: every member may be called from any thread. Callbacks registered on the bus
+// (object vtables) run on the serving thread with the lock held: they may use the bus they are
+// given but must not call withBus() nor run client code.
 #pragma once
 
 #include <chrono>
@@ -63,9 +63,9 @@ class ReservationBusConnection {
   void wakeServingThread();
 
   std::mutex mutex_;
-  sd_bus* bus_;  // guarded by mutex_
+  sd_bus* bus_;            // guarded by mutex_
   bool stopping_ = false;  // guarded by mutex_
-  const int wakeFd_;  // an eventfd that interrupts the serving thread's wait
+  const int wakeFd_;       // an eventfd that interrupts the serving thread's wait
   std::thread thread_;
 };
 
