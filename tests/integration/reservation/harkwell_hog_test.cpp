@@ -11,7 +11,7 @@
 #include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
 #include "tests/cli/ProgramRun.h"
 #include "tests/integration/reservation/ReservationOwners.h"
-#include "tests/integration/v4l2/FakeV4L2Tree.h"
+#include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
 

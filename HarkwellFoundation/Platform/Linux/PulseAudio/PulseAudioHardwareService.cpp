@@ -4,7 +4,7 @@
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
 #if defined(HARKWELL_WITH_DEVICE_RESERVATION)
-#include "HarkwellFoundation/Platform/Linux/Reservation/ReservationHogMode.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/internal/ReservationHogMode.h"
 #endif
 
 namespace harkwell {

@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Platform/Linux/Reservation/ReservationHogMode.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/internal/ReservationHogMode.h"
 
 #include <unistd.h>
 
