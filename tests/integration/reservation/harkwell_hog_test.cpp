@@ -10,10 +10,10 @@
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
 #include "tests/cli/ProgramRun.h"
+#include "tests/integration/reservation/CardSink.h"
 #include "tests/integration/reservation/ReservationOwners.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/PrivatePulseServer.h"
-#include "tests/support/PulseTestClient.h"
 
 namespace harkwell::testing {
 namespace {
@@ -29,12 +29,7 @@ class HarkwellHogTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_EQ(bus.start(), "") << "cannot start a private session bus";
     ASSERT_EQ(pulse.start(), "") << "cannot start a private pulseaudio daemon";
-    PulseTestClient client(pulse.address());
-    ASSERT_TRUE(client
-                    .loadModule("module-null-sink",
-                                std::string("sink_name=") + kCardSink +
-                                    " sink_properties='alsa.card=7 device.description=Seven'")
-                    .has_value());
+    ASSERT_EQ(LoadCardSink(pulse, kCardSink, kCard, "Seven"), "");
     ASSERT_EQ(StartPwReserve(owner, bus, kCard), "");
   }
 
