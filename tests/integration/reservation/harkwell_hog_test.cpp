@@ -70,7 +70,7 @@ TEST_F(HarkwellHogTest, StatusNamesTheProgramHoldingTheCard) {
 
 TEST_F(HarkwellHogTest, OnWarnsTakesTheCardReportsRequestsAndGivesItBackAtCtrlC) {
   waitForPwReserve();
-  auto run = StartHarkwell({"hog", "on", kCardSink, "--video", "none"}, environment());
+  auto run = StartHarkwell({"hog", "on", kCardSink, "--hold", "--video", "none"}, environment());
   ASSERT_NE(run, nullptr);
   const auto taken = run->readLine(kDeadline);
   ASSERT_EQ(taken, "Seven: CurrentProcess") << run->errorOutput();
