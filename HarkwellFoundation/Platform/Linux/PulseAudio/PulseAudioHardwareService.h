@@ -104,6 +104,8 @@
 
 namespace harkwell {
 
+class ReservationHogMode;
+
 class PulseAudioHardwareService final : public AudioHardwareService,
                                         public SoundCardReservationSource {
  public:
@@ -159,8 +161,8 @@ class PulseAudioHardwareService final : public AudioHardwareService,
   PulseAudioHardwareService() = default;
   // On libpulse's loop thread: maps the state, updates the mirror, then notifies.
   void serverStateChanged(const PulseServerState& state);
-  // The card behind a device's "oink" (see the table), or the status that answers instead.
-  OSStatus hogModeSoundCard(ObjectID object, const PropertyAddress& address, std::uint32_t* card);
+  // A device's "oink" (see the table), answered from its card's reservation; only with sd-bus.
+  ReservationHogMode hogMode(ObjectID object, const PropertyAddress& address) const;
 
   mutable std::mutex mutex_;
   PulseAudioDeviceMirror mirror_;  // guarded by mutex_
