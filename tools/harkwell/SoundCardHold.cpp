@@ -5,7 +5,7 @@
 #include "tools/harkwell/ServiceSelection.h"
 #include "tools/harkwell/TerminalText.h"
 
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
 #include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 #endif
@@ -13,7 +13,7 @@
 namespace harkwell::cli {
 
 std::optional<SoundCardHold> SoundCardHoldFor([[maybe_unused]] const MediaDevice& device) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (device.mediaType != MediaType::Audio) return std::nullopt;
   const auto service = CurrentAudioHardwareService();
   const auto* source = dynamic_cast<const SoundCardReservationSource*>(service.get());
@@ -29,7 +29,7 @@ std::optional<SoundCardHold> SoundCardHoldFor([[maybe_unused]] const MediaDevice
 
 std::optional<CardHolder> CardHolderFor([[maybe_unused]] const std::optional<SoundCardHold>& hold,
                                         [[maybe_unused]] const MediaDeviceHogMode& mode) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (!hold || mode.kind() != MediaDeviceHogMode::Kind::OtherProcess) return std::nullopt;
   const auto owner = hold->reservation->owner(hold->card);
   if (!owner || owner->pid != *mode.otherProcessPID()) return std::nullopt;
@@ -59,7 +59,7 @@ ReleaseRequestPrinter::ReleaseRequestPrinter([[maybe_unused]] const MediaDevice&
                                              SoundCardHold hold, [[maybe_unused]] bool json,
                                              [[maybe_unused]] LineWriter& out)
     : hold_(std::move(hold)), queue_(DispatchQueue::createSerial("com.harkwell.cli.hog")) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   const std::string name = EscapeForTerminal(device.name);
   // A line that cannot be written is dropped: the hold ends when stdout's reader goes away.
   hold_.reservation->setReleaseRequestHandler(
@@ -82,7 +82,7 @@ ReleaseRequestPrinter::ReleaseRequestPrinter([[maybe_unused]] const MediaDevice&
 }
 
 ReleaseRequestPrinter::~ReleaseRequestPrinter() {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   hold_.reservation->setReleaseRequestHandler(nullptr, nullptr);
 #endif
   // The queue only prints; it never waits for the main thread.

@@ -2,7 +2,7 @@
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
 #include "HarkwellFoundation/Platform/Linux/Reservation/internal/ReservationHogMode.h"
 #endif
 
@@ -18,7 +18,7 @@ void MappedAudioHardwareService::applyDevices(const std::vector<MappedAudioDevic
   for (const auto& change : changes) listeners_.notify(change.object, change.address);
 }
 
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
 ReservationHogMode MappedAudioHardwareService::hogMode(ObjectID object,
                                                        const PropertyAddress& address) const {
   std::uint32_t card = 0;
@@ -50,7 +50,7 @@ OSStatus MappedAudioHardwareService::getPropertyDataSize(ObjectID object,
                                                          const PropertyAddress& address,
                                                          std::uint32_t, const void*,
                                                          std::uint32_t* outDataSize) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (answersHogMode(address)) return hogMode(object, address).dataSize(outDataSize);
 #endif
   std::lock_guard lock(mutex_);
@@ -61,7 +61,7 @@ OSStatus MappedAudioHardwareService::getPropertyData(ObjectID object,
                                                      const PropertyAddress& address, std::uint32_t,
                                                      const void*, std::uint32_t* ioDataSize,
                                                      void* outData) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (answersHogMode(address)) return hogMode(object, address).read(ioDataSize, outData);
 #endif
   std::lock_guard lock(mutex_);
@@ -73,7 +73,7 @@ OSStatus MappedAudioHardwareService::setPropertyData(ObjectID object,
                                                      const void*,
                                                      [[maybe_unused]] std::uint32_t dataSize,
                                                      [[maybe_unused]] void* data) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (answersHogMode(address)) return hogMode(object, address).write(dataSize, data);
 #endif
   std::lock_guard lock(mutex_);
@@ -81,7 +81,7 @@ OSStatus MappedAudioHardwareService::setPropertyData(ObjectID object,
 }
 
 bool MappedAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (answersHogMode(address)) return hogMode(object, address).exists();
 #endif
   std::lock_guard lock(mutex_);

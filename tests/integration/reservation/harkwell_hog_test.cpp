@@ -9,7 +9,7 @@
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
-#include "tests/cli/ProgramRun.h"
+#include "tests/cli/HarkwellRun.h"
 #include "tests/integration/reservation/CardSink.h"
 #include "tests/integration/reservation/ReservationOwners.h"
 #include "tests/support/FakeV4L2Tree.h"
@@ -92,7 +92,7 @@ TEST_F(HarkwellHogTest, OnWarnsTakesTheCardReportsRequestsAndGivesItBackAtCtrlC)
                 " asked for Seven (priority 2147483647); harkwell keeps it until it ends");
 
   run->sendSignal(SIGINT);
-  EXPECT_EQ(run->waitForExit(kDeadline), 0) << run->errorOutput();
+  EXPECT_EQ(run->waitForExitCode(kDeadline), 0) << run->errorOutput();
   // pw-reserve waited for the card and has it again.
   EXPECT_TRUE(Eventually([&] {
     std::int32_t pid = -1;

@@ -3,7 +3,7 @@
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireDeviceMapping.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
 #include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
 #endif
 
@@ -11,7 +11,7 @@ namespace harkwell {
 
 std::shared_ptr<PipeWireHardwareService> PipeWireHardwareService::create(Options options) {
   std::shared_ptr<PipeWireHardwareService> service(new PipeWireHardwareService);
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   service->setDeviceReservation(options.reservation ? std::move(options.reservation)
                                                     : DeviceReservation::create());
 #endif

@@ -44,7 +44,7 @@ void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state
   for (const auto& change : changes) listeners_.notify(change.object, change.address);
 }
 
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
 ReservationHogMode PulseAudioHardwareService::hogMode(ObjectID object,
                                                       const PropertyAddress& address) const {
   std::uint32_t card = 0;
@@ -73,7 +73,7 @@ OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
                                                         const PropertyAddress& address,
                                                         std::uint32_t, const void*,
                                                         std::uint32_t* outDataSize) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) {
     return hogMode(object, address).dataSize(outDataSize);
   }
@@ -108,7 +108,7 @@ OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const Prope
 }
 
 bool PulseAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
-#if defined(HARKWELL_HAVE_DEVICE_RESERVATION)
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) return hogMode(object, address).exists();
 #endif
   std::lock_guard lock(mutex_);
