@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
   libpulse-dev pulseaudio pulseaudio-utils
-  libsystemd-dev dbus
+  libsystemd-dev dbus-daemon
   libpipewire-0.3-dev pipewire pipewire-bin pipewire-pulse wireplumber
   libcli11-dev nlohmann-json3-dev
   psmisc lsof procps bsdutils

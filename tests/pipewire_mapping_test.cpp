@@ -132,6 +132,26 @@ TEST(PipeWireMapping, ModelUIDComesFromTheNodeElseItsDevice) {
   EXPECT_EQ(Find(devices, "none")->modelUID, std::nullopt);
 }
 
+TEST(PipeWireMapping, SoundCardComesFromTheNodeElseItsDevice) {
+  GraphBuilder builder;
+  PipeWireProperties own = Source("own");
+  own["api.alsa.card"] = "2";
+  PipeWireProperties carded = Sink("carded");
+  carded["device.id"] = "40";
+  PipeWireProperties wrong = Source("wrong");
+  wrong["api.alsa.card"] = "two";
+  builder.node(1, own)
+      .node(2, carded)
+      .node(3, Source("virtual"))
+      .node(4, wrong)
+      .device(40, {{"alsa.card", "5"}});
+  const auto devices = MapPipeWireGraph(builder.graph());
+  EXPECT_EQ(Find(devices, "own")->soundCard, 2u);
+  EXPECT_EQ(Find(devices, "carded")->soundCard, 5u);
+  EXPECT_EQ(Find(devices, "virtual")->soundCard, std::nullopt);
+  EXPECT_EQ(Find(devices, "wrong")->soundCard, std::nullopt);
+}
+
 TEST(PipeWireMapping, TransportFollowsBusApiFormFactorAndClass) {
   const PipeWireDevice usbCard{1, {{"device.bus", "usb"}, {"device.api", "alsa"}}, {}, {}};
   const PipeWireDevice builtIn{
@@ -370,6 +390,27 @@ TEST(MappedAudioDeviceMirror, OnlyValuesThatReallyChangedAreNoted) {
   ASSERT_EQ(mirror.getPropertyData(id, Input(kAudioDevicePropertyDataSource), &size, &selected),
             kNoErr);
   EXPECT_EQ(selected, 2u) << "input source IDs count from 1 in the order first seen";
+}
+
+TEST(MappedAudioDeviceMirror, HogModeOfADeviceWithACardNamesTheCard) {
+  MappedAudioDeviceMirror mirror;
+  MappedAudioDevice withCard = Microphone("a");
+  withCard.soundCard = 4;
+  mirror.update({withCard, Microphone("b")});
+  const ObjectID a = StableDeviceIDHome(StableIDSpace::Audio, "a");
+  const ObjectID b = StableDeviceIDHome(StableIDSpace::Audio, "b");
+  std::uint32_t card = 0;
+  EXPECT_EQ(mirror.hogModeSoundCard(a, Global(kAudioDevicePropertyHogMode), &card), kNoErr);
+  EXPECT_EQ(card, 4u);
+  EXPECT_EQ(mirror.hogModeSoundCard(b, Global(kAudioDevicePropertyHogMode), &card),
+            kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(
+      mirror.hogModeSoundCard(kAudioObjectSystemObject, Global(kAudioDevicePropertyHogMode), &card),
+      kAudioHardwareUnknownPropertyError);
+  EXPECT_EQ(mirror.hogModeSoundCard(a + 1, Global(kAudioDevicePropertyHogMode), &card),
+            kAudioHardwareBadObjectError);
+  EXPECT_FALSE(mirror.hasProperty(a, Global(kAudioDevicePropertyHogMode)))
+      << "the mirror leaves exclusive access to the service";
 }
 
 }  // namespace

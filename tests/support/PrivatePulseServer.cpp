@@ -14,24 +14,9 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/DaemonSocket.h"
+
 namespace harkwell::testing {
-namespace {
-
-// Whether something accepts connections on the unix socket at `path`.
-bool SocketAnswers(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  const bool answered =
-      connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return answered;
-}
-
-}  // namespace
-
 bool PrivatePulseServer::isInstalled() {
   return ChildProcess::findProgram("pulseaudio").has_value();
 }
@@ -85,17 +70,8 @@ std::string PrivatePulseServer::start(std::chrono::milliseconds deadline) {
   };
   std::string error;
   if (!daemon_.start(argv, environment, outputPath_, &error)) return error;
-  const auto giveUp = std::chrono::steady_clock::now() + deadline;
-  while (!SocketAnswers(socketPath_)) {
-    if (!daemon_.isRunning()) return "pulseaudio exited at start-up:\n" + output();
-    if (std::chrono::steady_clock::now() >= giveUp) {
-      daemon_.stop(SIGKILL, std::chrono::seconds(5));
-      return "pulseaudio did not open its socket in time:\n" + output();
-    }
-    // No event tells that another process has bound its socket; try again shortly.
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return {};
+  return WaitForDaemonSocket(daemon_, "pulseaudio", socketPath_, deadline,
+                             [this] { return output(); });
 }
 
 std::string PrivatePulseServer::startRecorder(ChildProcess& recorder, const std::string& source) {

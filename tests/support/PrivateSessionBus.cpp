@@ -13,6 +13,8 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/DaemonSocket.h"
+
 namespace harkwell::testing {
 namespace {
 
@@ -25,17 +27,6 @@ bool FillAddress(const std::string& path, sockaddr_un* address) {
 }
 
 }  // namespace
-
-bool UnixSocketAnswers(const std::string& path) {
-  sockaddr_un address{};
-  if (!FillAddress(path, &address)) return false;
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  const bool answered =
-      connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return answered;
-}
 
 PrivateSessionBus::PrivateSessionBus() {
   std::string pattern = (std::filesystem::temp_directory_path() / "harkwell-bus-XXXXXX").string();
@@ -76,17 +67,8 @@ std::string PrivateSessionBus::start(std::chrono::milliseconds deadline) {
                      &error)) {
     return "cannot start dbus-daemon: " + error;
   }
-  const auto giveUp = std::chrono::steady_clock::now() + deadline;
-  while (!UnixSocketAnswers(socketPath_)) {
-    if (!daemon_.isRunning()) return "dbus-daemon exited at start-up:\n" + output();
-    if (std::chrono::steady_clock::now() >= giveUp) {
-      daemon_.stop(SIGKILL, std::chrono::seconds(5));
-      return "dbus-daemon did not open its socket in time:\n" + output();
-    }
-    // No event tells that another process has bound its socket; try again shortly.
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return {};
+  return WaitForDaemonSocket(daemon_, "dbus-daemon", socketPath_, deadline,
+                             [this] { return output(); });
 }
 
 void PrivateSessionBus::kill() {

@@ -60,7 +60,4 @@ class SilentUnixSocket {
   int fd_ = -1;
 };
 
-// Whether something accepts connections on the unix socket at `path`.
-bool UnixSocketAnswers(const std::string& path);
-
 }  // namespace harkwell::testing

@@ -37,12 +37,11 @@ int ReadPriority(sd_bus*, const char*, const char*, const char*, sd_bus_message*
 
 int ReadApplicationName(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
                         void* userdata, sd_bus_error*) {
-  return sd_bus_message_append(reply, "s",
-                               static_cast<Owner*>(userdata)->applicationName.c_str());
+  return sd_bus_message_append(reply, "s", static_cast<Owner*>(userdata)->applicationName.c_str());
 }
 
-int ReadApplicationDeviceName(sd_bus*, const char*, const char*, const char*,
-                              sd_bus_message* reply, void*, sd_bus_error*) {
+int ReadApplicationDeviceName(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                              void*, sd_bus_error*) {
   return sd_bus_message_append(reply, "s", "test card");
 }
 

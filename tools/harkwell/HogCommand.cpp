@@ -1,5 +1,10 @@
 // `harkwell hog status|on|off DEVICE [--json]`: who holds a device exclusively, and taking or
 // releasing that hold. The hold belongs to this process, so it ends when harkwell exits.
+//
+// On Linux a sound card's hold is its reservation on the session bus: `status` names the holding
+// program, `on` warns before it takes a card another program (usually the sound server) holds, and
+// `on --hold` prints each request another program makes for the card while it holds it. Cameras
+// have no such reservation there, and `hog` says so.
 #include <charconv>
 #include <sstream>
 
@@ -8,6 +13,7 @@
 #include "tools/harkwell/DeviceJson.h"
 #include "tools/harkwell/HogHold.h"
 #include "tools/harkwell/ServiceSelection.h"
+#include "tools/harkwell/SoundCardHold.h"
 #include "tools/harkwell/TerminalText.h"
 
 namespace harkwell::cli {
@@ -86,19 +92,47 @@ int RunHog(const Options& options, CommandContext& context) {
     return 1;
   }
   const MediaDevice& device = *lookup.device;
+  if (IsLinuxCamera(device, options.services)) {
+    ReleaseServices();
+    context.err.writeLine(
+        "harkwell: cameras cannot be held exclusively on Linux: no program can "
+        "reserve a camera there, so " +
+        EscapeForTerminal(device.name) + " has no owner to show, take or release");
+    return 1;
+  }
+  const std::optional<SoundCardHold> hold = SoundCardHoldFor(device);
+  // Requests for the card are printed from before it is taken until it is given back.
+  std::optional<ReleaseRequestPrinter> printer;
+  if (options.hogAction == HogAction::On && options.hold && hold) {
+    printer.emplace(device, *hold, options.json, context.out);
+  }
 
   bool succeeded = true;
   switch (options.hogAction) {
     case HogAction::Status:
       break;
-    case HogAction::On:
-      succeeded = device.enableHogMode();
+    case HogAction::On: {
+      const MediaDeviceHogMode before = device.currentHogMode();
+      if (hold && before.kind() == MediaDeviceHogMode::Kind::OtherProcess) {
+        // enableHogMode() leaves a device another process holds alone; a card's holder may let it
+        // go when asked, which is what the toggle does.
+        context.err.writeLine(
+            "harkwell: " + EscapeForTerminal(device.name) + " is held by " +
+            HolderText(before, CardHolderFor(hold, before)) +
+            "; taking the card from it (usually the sound server) silences every other program "
+            "that plays or records through that card until harkwell gives it back");
+        succeeded = AudioDeviceToggleHogModeForDeviceID(device.deviceID);
+      } else {
+        succeeded = device.enableHogMode();
+      }
       break;
+    }
     case HogAction::Off:
       succeeded = device.disableHogMode();
       break;
   }
   const MediaDeviceHogMode mode = device.currentHogMode();
+  const std::optional<CardHolder> holder = CardHolderFor(hold, mode);
 
   if (options.json) {
     Json object = Json::object();
@@ -107,7 +141,14 @@ int RunHog(const Options& options, CommandContext& context) {
     object["succeeded"] = succeeded;
     const Json owner = HogModeToJson(mode);
     for (const auto& [key, value] : owner.items()) object[key] = value;
+    if (holder) {
+      object["ownerApplicationName"] = holder->applicationName;
+      object["ownerDeviceName"] = holder->applicationDeviceName;
+    }
     context.out.writeLine(DumpLine(object));
+  } else if (holder) {
+    context.out.writeLine(EscapeForTerminal(device.name) + ": " + HogModeText(mode) + ", held by " +
+                          HolderText(mode, holder));
   } else {
     context.out.writeLine(EscapeForTerminal(device.name) + ": " + HogModeText(mode));
   }
@@ -121,6 +162,7 @@ int RunHog(const Options& options, CommandContext& context) {
   if (options.hogAction == HogAction::On) {
     HoldWhileAsked(options, device, context, holdSignals ? &*holdSignals : nullptr);
   }
+  printer.reset();
   ReleaseServices();
   return 0;
 }

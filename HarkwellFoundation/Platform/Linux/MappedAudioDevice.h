@@ -30,6 +30,9 @@ struct MappedAudioDevice {
   // devices without any.
   std::vector<MappedInputSource> inputSources;
   std::optional<std::string> selectedInputSource;
+  // The ALSA card whose reservation is the device's exclusive access; absent for devices no sound
+  // card stands behind (null sinks, network devices, Bluetooth).
+  std::optional<std::uint32_t> soundCard;
 
   friend bool operator==(const MappedAudioDevice&, const MappedAudioDevice&) = default;
 };

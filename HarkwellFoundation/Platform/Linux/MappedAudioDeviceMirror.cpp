@@ -86,7 +86,7 @@ MappedAudioDeviceMirror::Answer MappedAudioDeviceMirror::answer(
       }
       break;
     default:
-      // Exclusive access ("oink") among others: the server has no such notion.
+      // Exclusive access ("oink") is the service's own: see hogModeSoundCard().
       break;
   }
   return Answer::failure(kAudioHardwareUnknownPropertyError);
@@ -175,6 +175,20 @@ std::vector<ObjectID> MappedAudioDeviceMirror::deviceIDs() const {
   ids.reserve(entries_.size());
   for (const auto& [id, entry] : entries_) ids.push_back(id);
   return ids;
+}
+
+OSStatus MappedAudioDeviceMirror::hogModeSoundCard(ObjectID object, const PropertyAddress& address,
+                                                   std::uint32_t* card) const {
+  if (object == kAudioObjectSystemObject) return kAudioHardwareUnknownPropertyError;
+  auto found = entries_.find(object);
+  if (found == entries_.end()) return kAudioHardwareBadObjectError;
+  const auto& soundCard = found->second.device.soundCard;
+  if (address.mElement != kAudioObjectPropertyElementMaster || !IsKnownScope(address.mScope) ||
+      !soundCard) {
+    return kAudioHardwareUnknownPropertyError;
+  }
+  *card = *soundCard;
+  return kNoErr;
 }
 
 bool MappedAudioDeviceMirror::hasObject(ObjectID object) const {

@@ -35,6 +35,12 @@ class MappedAudioDeviceMirror {
   std::vector<ObjectID> deviceIDs() const;
   // The system object, or a present device.
   bool hasObject(ObjectID object) const;
+  // The sound card behind a device's exclusive access ("oink"), which the service answers from
+  // the card's reservation: kAudioHardwareBadObjectError for an absent device,
+  // kAudioHardwareUnknownPropertyError for the system object, an address off the main element or
+  // a device without a card.
+  OSStatus hogModeSoundCard(ObjectID object, const PropertyAddress& address,
+                            std::uint32_t* card) const;
 
   // The seam's reads, with its statuses and size rules. Each device has one stream per direction
   // it serves, named in "stm#" by the device's ID + 1 (not an object).

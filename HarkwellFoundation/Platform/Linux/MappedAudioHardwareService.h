@@ -13,12 +13,20 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 #include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
 
-class MappedAudioHardwareService : public AudioHardwareService {
+class ReservationHogMode;
+
+// A device with a sound card ("soundCard") answers exclusive access ("oink") from the card's
+// reservation on the session bus (Reservation/internal/ReservationHogMode.h), outside the lock:
+// those reads and writes are the only calls that may wait, bounded by the reservation's call
+// timeout. A device without a card, or a build without sd-bus, answers
+// kAudioHardwareUnknownPropertyError.
+class MappedAudioHardwareService : public AudioHardwareService, public SoundCardReservationSource {
  public:
   OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
                                std::uint32_t qualifierDataSize, const void* qualifierData,
@@ -42,16 +50,29 @@ class MappedAudioHardwareService : public AudioHardwareService {
   // How many listeners are registered (for tests and tools).
   std::size_t listenerCount() const { return listeners_.count(); }
 
+  std::shared_ptr<DeviceReservation> deviceReservation() const override { return reservation_; }
+  std::optional<std::uint32_t> soundCardOfDevice(ObjectID device) const override;
+
  protected:
   MappedAudioHardwareService() = default;
   // Replaces the mirrored devices, then queues the listeners of every property whose value
   // changed. Calls from one thread at a time (the service's server thread).
   void applyDevices(const std::vector<MappedAudioDevice>& devices);
+  // The reservation exclusive access is answered from; set once, before devices are applied.
+  // Null (the default) leaves every device without exclusive access.
+  void setDeviceReservation(std::shared_ptr<DeviceReservation> reservation) {
+    reservation_ = std::move(reservation);
+  }
 
  private:
   mutable Mutex mutex_;
   MappedAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);
   PropertyListenerRegistry listeners_;
+  std::shared_ptr<DeviceReservation> reservation_;
+
+  // Whether `address` is exclusive access and a reservation answers it.
+  bool answersHogMode(const PropertyAddress& address) const;
+  ReservationHogMode hogMode(ObjectID object, const PropertyAddress& address) const;
 };
 
 }  // namespace harkwell

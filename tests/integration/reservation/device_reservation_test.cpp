@@ -45,8 +45,8 @@ class DeviceReservationTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(bus.start(), "") << "cannot start a private session bus"; }
 
-  std::shared_ptr<DeviceReservation> makeReservation(
-      std::chrono::milliseconds timeout = 2000ms, const std::string& name = "harkwell-test") {
+  std::shared_ptr<DeviceReservation> makeReservation(std::chrono::milliseconds timeout = 2000ms,
+                                                     const std::string& name = "harkwell-test") {
     DeviceReservation::Options options;
     options.busAddress = bus.address();
     options.callTimeout = timeout;
@@ -226,9 +226,9 @@ TEST_F(DeviceReservationTest, WithoutABusEveryCardIsFreeAfterOneLogLine) {
   EXPECT_EQ(pid, -1);
   EXPECT_EQ(reservation->owner(kCard), std::nullopt);
   EXPECT_EQ(reservation->take(kCard, "hw:7"), kAudioHardwareNotRunningError);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{NoBusLine(
-                             "cannot connect to unix:path=" + missing +
-                             ": No such file or directory")});
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{NoBusLine("cannot connect to unix:path=" + missing +
+                                               ": No such file or directory")});
 }
 
 TEST_F(DeviceReservationTest, WithoutASessionBusInTheEnvironmentTheLogLineSaysSo) {
@@ -249,9 +249,9 @@ TEST_F(DeviceReservationTest, WithoutASessionBusInTheEnvironmentTheLogLineSaysSo
     std::int32_t pid = 0;
     EXPECT_EQ(reservation->ownerPID(kCard, &pid), kNoErr);
     EXPECT_EQ(pid, -1);
-    EXPECT_EQ(log.lines(), std::vector<std::string>{NoBusLine(
-                               "DBUS_SESSION_BUS_ADDRESS is not set and " + runtimeFolder +
-                               "/bus does not exist")});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{NoBusLine("DBUS_SESSION_BUS_ADDRESS is not set and " +
+                                                 runtimeFolder + "/bus does not exist")});
   }
   unsetenv("XDG_RUNTIME_DIR");
   {
@@ -260,8 +260,8 @@ TEST_F(DeviceReservationTest, WithoutASessionBusInTheEnvironmentTheLogLineSaysSo
     std::int32_t pid = 0;
     EXPECT_EQ(reservation->ownerPID(kCard, &pid), kNoErr);
     EXPECT_EQ(pid, -1);
-    EXPECT_EQ(log.lines(), std::vector<std::string>{
-                               NoBusLine("neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set")});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{NoBusLine(
+                               "neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set")});
   }
   if (savedAddress) setenv("DBUS_SESSION_BUS_ADDRESS", savedAddress->c_str(), 1);
   if (savedRuntime) setenv("XDG_RUNTIME_DIR", savedRuntime->c_str(), 1);
@@ -279,8 +279,8 @@ TEST_F(DeviceReservationTest, ABusThatNeverAnswersIsGivenUpAtTheTimeout) {
   EXPECT_EQ(reservation->ownerPID(kCard, &pid), kNoErr);
   EXPECT_EQ(pid, -1);
   EXPECT_EQ(reservation->take(kCard, "hw:7"), kAudioHardwareNotRunningError);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{NoBusLine(
-                             "the bus at " + silent.address() + " did not answer within 300 ms")});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{NoBusLine("the bus at " + silent.address() +
+                                                            " did not answer within 300 ms")});
 }
 
 TEST_F(DeviceReservationTest, ABusThatStopsAnsweringFailsEachCallAtTheTimeout) {

@@ -1,5 +1,5 @@
-// Exclusive access through the PulseAudio service: a private pulseaudio daemon with a null sink that
-// says it is ALSA card 7 (the server takes any property given to a null sink), a null sink and
+// Exclusive access through the PulseAudio service: a private pulseaudio daemon with a null sink
+// that says it is ALSA card 7 (the server takes any property given to a null sink), a null sink and
 // source without a card, and a private session bus where pw-reserve or our test owner holds card 7.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -15,10 +15,10 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "tests/integration/reservation/CardSink.h"
 #include "tests/integration/reservation/ReservationOwners.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/PrivatePulseServer.h"
-#include "tests/support/PulseTestClient.h"
 #include "tests/support/ScopedHardwareServices.h"
 
 namespace harkwell {
@@ -27,10 +27,10 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ChildProcess;
 using testing::Eventually;
+using testing::LoadCardSink;
 using testing::LogCapture;
 using testing::PrivatePulseServer;
 using testing::PrivateSessionBus;
-using testing::PulseTestClient;
 using testing::ScopedHardwareServices;
 using testing::StartPwReserve;
 using testing::StartTestOwner;
@@ -57,14 +57,7 @@ class PulseAudioHogModeTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_EQ(bus.start(), "") << "cannot start a private session bus";
     ASSERT_EQ(pulse.start(), "") << "cannot start a private pulseaudio daemon";
-    PulseTestClient client(pulse.address());
-    ASSERT_TRUE(client.isConnected());
-    ASSERT_TRUE(client
-                    .loadModule("module-null-sink",
-                                std::string("sink_name=") + kCardSinkName +
-                                    " sink_properties='alsa.card=" + std::to_string(kCard) +
-                                    " device.description=\"Card Seven\"'")
-                    .has_value());
+    ASSERT_EQ(LoadCardSink(pulse, kCardSinkName, kCard, "Card Seven"), "");
   }
 
   // Installs a PulseAudio service whose reservations are on `address` (the private bus unless a
@@ -98,6 +91,15 @@ class PulseAudioHogModeTest : public ::testing::Test {
     std::optional<MediaDevice> device;
     EXPECT_TRUE(Eventually([&] { return (device = Device(kCardSinkName)).has_value(); }));
     return device.value_or(MediaDevice{});
+  }
+
+  // Installs the service and returns the card's device once the hog mode reads `owner`.
+  MediaDevice cardDeviceHeldBy(const ChildProcess& owner) {
+    installService();
+    const MediaDevice device = cardDevice();
+    EXPECT_TRUE(Eventually(
+        [&] { return device.currentHogMode() == MediaDeviceHogMode::OtherProcess(owner.pid()); }));
+    return device;
   }
 
   PrivateSessionBus bus;
@@ -149,10 +151,7 @@ TEST_F(PulseAudioHogModeTest, AFreeCardIsTakenAndGivenBack) {
 TEST_F(PulseAudioHogModeTest, ACardPwReserveHoldsIsOtherProcessAndTheToggleTakesIt) {
   ChildProcess owner;
   ASSERT_EQ(StartPwReserve(owner, bus, kCard), "");
-  installService();
-  const MediaDevice device = cardDevice();
-  ASSERT_TRUE(Eventually(
-      [&] { return device.currentHogMode() == MediaDeviceHogMode::OtherProcess(owner.pid()); }));
+  const MediaDevice device = cardDeviceHeldBy(owner);
 
   LogCapture log;
   // Enabling leaves a device another process holds alone, whatever that process would do.
@@ -171,10 +170,7 @@ TEST_F(PulseAudioHogModeTest, ACardPwReserveHoldsIsOtherProcessAndTheToggleTakes
 TEST_F(PulseAudioHogModeTest, AnOwnerThatRefusesKeepsTheCardAndTheToggleLogsWhy) {
   ChildProcess owner;
   ASSERT_EQ(StartTestOwner(owner, bus, kCard, TestOwnerAnswer::Refuse, "stubborn"), "");
-  installService();
-  const MediaDevice device = cardDevice();
-  ASSERT_TRUE(Eventually(
-      [&] { return device.currentHogMode() == MediaDeviceHogMode::OtherProcess(owner.pid()); }));
+  const MediaDevice device = cardDeviceHeldBy(owner);
 
   LogCapture log;
   EXPECT_FALSE(AudioDeviceToggleHogModeForDeviceID(device.deviceID));
@@ -187,10 +183,7 @@ TEST_F(PulseAudioHogModeTest, AnOwnerThatRefusesKeepsTheCardAndTheToggleLogsWhy)
 TEST_F(PulseAudioHogModeTest, TheOwnerVanishingFreesTheDevice) {
   ChildProcess owner;
   ASSERT_EQ(StartTestOwner(owner, bus, kCard, TestOwnerAnswer::Refuse, "stubborn"), "");
-  installService();
-  const MediaDevice device = cardDevice();
-  ASSERT_TRUE(Eventually(
-      [&] { return device.currentHogMode() == MediaDeviceHogMode::OtherProcess(owner.pid()); }));
+  const MediaDevice device = cardDeviceHeldBy(owner);
   owner.stop(SIGKILL, 5s);
   EXPECT_TRUE(
       Eventually([&] { return device.currentHogMode() == MediaDeviceHogMode::NoProcess(); }));
@@ -208,13 +201,13 @@ TEST_F(PulseAudioHogModeTest, WithoutASessionBusACardIsFreeAndCannotBeTaken) {
   EXPECT_EQ(device.currentHogMode(), MediaDeviceHogMode::NoProcess());
   EXPECT_FALSE(device.enableHogMode());
   EXPECT_TRUE(device.disableHogMode());
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{
-                             "Exclusive access: no session bus (cannot connect to unix:path=" +
-                                 missing +
-                                 ": No such file or directory); every sound card reports nobody "
-                                 "holding it",
-                             SetLine(kAudioHardwareNotRunningError, device.deviceID),
-                         }));
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{
+                "Exclusive access: no session bus (cannot connect to unix:path=" + missing +
+                    ": No such file or directory); every sound card reports nobody "
+                    "holding it",
+                SetLine(kAudioHardwareNotRunningError, device.deviceID),
+            }));
 }
 
 TEST_F(PulseAudioHogModeTest, ABusThatDoesNotAnswerIsGivenUpAtTheTimeout) {

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 
 namespace harkwell {
 namespace {
@@ -143,6 +144,16 @@ std::optional<std::string> PipeWireModelUIDFor(const PipeWireNode& node,
   return *vendor + ":" + *product;
 }
 
+std::optional<std::uint32_t> PipeWireSoundCardFor(const PipeWireNode& node,
+                                                  const PipeWireDevice* device) {
+  for (const char* key : {"api.alsa.card", "alsa.card"}) {
+    if (const auto text = PropertyOf(node, device, key)) {
+      if (const auto number = SoundCardNumberFromProperty(*text)) return number;
+    }
+  }
+  return std::nullopt;
+}
+
 void PipeWireInputSourcesFor(const PipeWireNode& node, const PipeWireDevice* device,
                              std::vector<MappedInputSource>& sources,
                              std::optional<std::string>& selected) {
@@ -236,6 +247,7 @@ std::vector<MappedAudioDevice> MapPipeWireGraph(const PipeWireGraph& graph) {
             .value_or(PipeWirePropertyOf(node.properties, "node.nick").value_or(device.uid));
     device.modelUID = PipeWireModelUIDFor(node, owner);
     device.transportType = PipeWireTransportTypeFor(node, owner);
+    device.soundCard = PipeWireSoundCardFor(node, owner);
     const bool gives = role != PipeWireNodeRole::SinkDevice;
     const bool takes = role != PipeWireNodeRole::SourceDevice;
     device.inputStreamCount = gives ? 1 : 0;

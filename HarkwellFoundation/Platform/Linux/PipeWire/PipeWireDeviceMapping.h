@@ -37,6 +37,11 @@ const PipeWireDevice* PipeWireDeviceOf(const PipeWireNode& node, const PipeWireG
 // the node, else of its device; 0 (unknown) when nothing tells.
 std::uint32_t PipeWireTransportTypeFor(const PipeWireNode& node, const PipeWireDevice* device);
 
+// The ALSA card number from "api.alsa.card", else "alsa.card" (the node's own, else its device's);
+// absent when neither is a decimal number.
+std::optional<std::uint32_t> PipeWireSoundCardFor(const PipeWireNode& node,
+                                                  const PipeWireDevice* device);
+
 // "vendor:product" from "device.vendor.id" and "device.product.id" (the node's own, else its
 // device's); absent unless both are known.
 std::optional<std::string> PipeWireModelUIDFor(const PipeWireNode& node,

@@ -3,10 +3,18 @@
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireDeviceMapping.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
+#include "HarkwellFoundation/Platform/Linux/Reservation/DeviceReservation.h"
+#endif
+
 namespace harkwell {
 
 std::shared_ptr<PipeWireHardwareService> PipeWireHardwareService::create(Options options) {
   std::shared_ptr<PipeWireHardwareService> service(new PipeWireHardwareService);
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
+  service->setDeviceReservation(options.reservation ? std::move(options.reservation)
+                                                    : DeviceReservation::create());
+#endif
   PipeWireGraphConnection::Options connectionOptions;
   connectionOptions.remote = options.remote;
   // The connection is destroyed before the rest of the service, so the raw pointer outlives it.

@@ -57,7 +57,12 @@
 //                                 change of the device's Route param is an input source change
 //   "lscn" (input scope)          such sources only: a route's description, by input source ID (a
 //                                 null string for an unknown ID)
-//   "oink" (hog mode)             not supported: kAudioHardwareUnknownPropertyError
+//   "oink" (hog mode)             a node with an ALSA card ("api.alsa.card", else "alsa.card", of
+//                                 the node, else of its device): the card's reservation on the
+//                                 session bus, read and toggled as the PulseAudio service does
+//                                 (see its header); a node without a card (virtual sinks,
+//                                 network and Bluetooth nodes) answers
+//                                 kAudioHardwareUnknownPropertyError
 //   any other property            kAudioHardwareUnknownPropertyError; a write to any property is
 //                                 refused (kAudioHardwareIllegalOperationError when it exists)
 //   an absent object              kAudioHardwareBadObjectError
@@ -96,6 +101,9 @@ class PipeWireHardwareService final : public MappedAudioHardwareService {
     std::optional<std::string> remote;
     // How long create() waits for the daemon's whole graph.
     std::chrono::milliseconds startupTimeout{2000};
+    // The sound cards' reservations; absent: one of the service's own on the session bus, which
+    // connects when a hog-mode property is first used.
+    std::shared_ptr<DeviceReservation> reservation;
   };
 
   // Connects and waits, at most `startupTimeout`, until the mirror holds the daemon's whole graph,

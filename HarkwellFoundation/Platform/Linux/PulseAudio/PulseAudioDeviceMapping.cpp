@@ -1,11 +1,11 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 
-#include <charconv>
 #include <map>
 #include <set>
 #include <string_view>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 
 namespace harkwell {
 namespace {
@@ -238,12 +238,9 @@ std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
                                                const PulseCard* card) {
   // PulseAudio's ALSA modules say "alsa.card"; PipeWire's server says "api.alsa.card".
   for (const char* key : {"alsa.card", "api.alsa.card"}) {
-    const auto text = PropertyOf(endpoint, card, key);
-    if (!text || text->empty()) continue;
-    std::uint32_t number = 0;
-    const char* end = text->data() + text->size();
-    const auto [stop, status] = std::from_chars(text->data(), end, number);
-    if (status == std::errc() && stop == end) return number;
+    if (const auto text = PropertyOf(endpoint, card, key)) {
+      if (const auto number = SoundCardNumberFromProperty(*text)) return number;
+    }
   }
   return std::nullopt;
 }

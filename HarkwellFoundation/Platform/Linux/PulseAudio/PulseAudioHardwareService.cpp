@@ -4,7 +4,7 @@
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
 #if defined(HARKWELL_WITH_DEVICE_RESERVATION)
-#include "HarkwellFoundation/Platform/Linux/Reservation/ReservationHogMode.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/internal/ReservationHogMode.h"
 #endif
 
 namespace harkwell {
@@ -44,37 +44,40 @@ void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state
   for (const auto& change : changes) listeners_.notify(change.object, change.address);
 }
 
-OSStatus PulseAudioHardwareService::hogModeSoundCard(ObjectID object,
-                                                     const PropertyAddress& address,
-                                                     std::uint32_t* card) {
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
+ReservationHogMode PulseAudioHardwareService::hogMode(ObjectID object,
+                                                      const PropertyAddress& address) const {
+  std::uint32_t card = 0;
   MutexLock lock(mutex_);
-  const OSStatus status = mirror_.hogModeSoundCard(object, address, card);
-  // Without sd-bus no card has a reservation to answer from.
-  if (status == kNoErr && !reservation_) return kAudioHardwareUnknownPropertyError;
-  return status;
+  // The card is read before the object is made: argument order is unspecified.
+  const OSStatus status = mirror_.hogModeSoundCard(object, address, &card);
+  return ReservationHogMode(*reservation_, status, card);
 }
+#endif
 
 std::optional<std::uint32_t> PulseAudioHardwareService::soundCardOfDevice(ObjectID device) const {
   std::uint32_t card = 0;
   MutexLock lock(mutex_);
   const PropertyAddress address{kAudioDevicePropertyHogMode, kAudioObjectPropertyScopeGlobal,
                                 kAudioObjectPropertyElementMaster};
-  if (mirror_.hogModeSoundCard(device, address, &card) != kNoErr) return std::nullopt;
+  if (!reservation_ || mirror_.hogModeSoundCard(device, address, &card) != kNoErr) {
+    return std::nullopt;
+  }
   return card;
 }
+
+// Exclusive access ("oink") is answered from the card's reservation, outside the lock; a build
+// without sd-bus leaves it to the mirror, which knows no such property.
 
 OSStatus PulseAudioHardwareService::getPropertyDataSize(ObjectID object,
                                                         const PropertyAddress& address,
                                                         std::uint32_t, const void*,
                                                         std::uint32_t* outDataSize) {
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) {
-    std::uint32_t card = 0;
-    const OSStatus status = hogModeSoundCard(object, address, &card);
-    if (status != kNoErr) return status;
-    if (!outDataSize) return kAudioHardwareIllegalOperationError;
-    *outDataSize = sizeof(std::int32_t);
-    return kNoErr;
+    return hogMode(object, address).dataSize(outDataSize);
   }
+#endif
   MutexLock lock(mutex_);
   return mirror_.getPropertyDataSize(object, address, outDataSize);
 }
@@ -84,11 +87,7 @@ OSStatus PulseAudioHardwareService::getPropertyData(ObjectID object, const Prope
                                                     std::uint32_t* ioDataSize, void* outData) {
 #if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) {
-    std::uint32_t card = 0;
-    const OSStatus status = hogModeSoundCard(object, address, &card);
-    if (status != kNoErr) return status;
-    // On the bus, with no lock of ours held.
-    return ReadReservationHogMode(*reservation_, card, ioDataSize, outData);
+    return hogMode(object, address).read(ioDataSize, outData);
   }
 #endif
   MutexLock lock(mutex_);
@@ -101,11 +100,7 @@ OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const Prope
                                                     [[maybe_unused]] void* data) {
 #if defined(HARKWELL_WITH_DEVICE_RESERVATION)
   if (address.mSelector == kAudioDevicePropertyHogMode) {
-    std::uint32_t card = 0;
-    const OSStatus status = hogModeSoundCard(object, address, &card);
-    if (status != kNoErr) return status;
-    return ToggleReservationHogMode(*reservation_, card, "hw:" + std::to_string(card), dataSize,
-                                    data);
+    return hogMode(object, address).write(dataSize, data);
   }
 #endif
   MutexLock lock(mutex_);
@@ -113,10 +108,9 @@ OSStatus PulseAudioHardwareService::setPropertyData(ObjectID object, const Prope
 }
 
 bool PulseAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
-  if (address.mSelector == kAudioDevicePropertyHogMode) {
-    std::uint32_t card = 0;
-    return hogModeSoundCard(object, address, &card) == kNoErr;
-  }
+#if defined(HARKWELL_WITH_DEVICE_RESERVATION)
+  if (address.mSelector == kAudioDevicePropertyHogMode) return hogMode(object, address).exists();
+#endif
   MutexLock lock(mutex_);
   return mirror_.hasProperty(object, address);
 }

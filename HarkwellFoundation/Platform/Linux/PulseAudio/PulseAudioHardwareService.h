@@ -55,18 +55,18 @@
 //   "oink" (hog mode)             a device with an ALSA card ("alsa.card", else "api.alsa.card", of
 //                                 the device, else of its card): the card's reservation on the
 //                                 session bus (org.freedesktop.ReserveDevice1.Audio<card>, see
-//                                 Reservation/ReservationHogMode.h). Read: the owner's pid as the
-//                                 bus tells it, -1 when nobody owns it or there is no session bus
-//                                 (one log line says why), getpid() when we hold it. Write: a
-//                                 toggle that gives the card back when we hold it, else takes it,
-//                                 asking the owner (usually the sound server itself) to release
-//                                 it; kAudioDevicePermissionsError ("!hog") when the owner keeps
-//                                 it, kAudioHardwareNotRunningError ("stop") without a session
-//                                 bus. A device without a card (null sinks, tunnels, Bluetooth)
-//                                 has no reservation: kAudioHardwareUnknownPropertyError ("who?")
-//                                 for reads and writes, as for a build without sd-bus, so the
-//                                 read logs "Audio Error 2003332927: Unable to get hog mode PID of
-//                                 device with ID <id>" and currentHogMode is NoProcess
+//                                 Reservation/internal/ReservationHogMode.h). Read: the owner's pid
+//                                 as the bus tells it, -1 when nobody owns it or there is no
+//                                 session bus (one log line says why), getpid() when we hold it.
+//                                 Write: a toggle that gives the card back when we hold it, else
+//                                 takes it, asking the owner (usually the sound server itself) to
+//                                 release it; kAudioDevicePermissionsError ("!hog") when the owner
+//                                 keeps it, kAudioHardwareNotRunningError ("stop") without a
+//                                 session bus. A device without a card (null sinks, tunnels,
+//                                 Bluetooth) has no reservation: kAudioHardwareUnknownPropertyError
+//                                 ("who?") for reads and writes, as for a build without sd-bus, so
+//                                 the read logs "Audio Error 2003332927: Unable to get hog mode PID
+//                                 of device with ID <id>" and currentHogMode is NoProcess
 //   any other property            kAudioHardwareUnknownPropertyError; a write to any property is
 //                                 refused (kAudioHardwareIllegalOperationError when it exists)
 //   an absent object              kAudioHardwareBadObjectError
@@ -103,6 +103,8 @@
 #include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
+
+class ReservationHogMode;
 
 class PulseAudioHardwareService final : public AudioHardwareService,
                                         public SoundCardReservationSource {
@@ -159,8 +161,8 @@ class PulseAudioHardwareService final : public AudioHardwareService,
   PulseAudioHardwareService() = default;
   // On libpulse's loop thread: maps the state, updates the mirror, then notifies.
   void serverStateChanged(const PulseServerState& state);
-  // The card behind a device's "oink" (see the table), or the status that answers instead.
-  OSStatus hogModeSoundCard(ObjectID object, const PropertyAddress& address, std::uint32_t* card);
+  // A device's "oink" (see the table), answered from its card's reservation; only with sd-bus.
+  ReservationHogMode hogMode(ObjectID object, const PropertyAddress& address) const;
 
   mutable Mutex mutex_;
   PulseAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/Linux/Reservation/ReservationBusConnection.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/internal/ReservationBusConnection.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 
 namespace harkwell {

@@ -4,9 +4,11 @@
 // when another program asks for it. Find it on the installed audio service with dynamic_cast.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 
@@ -22,5 +24,15 @@ class SoundCardReservationSource {
   // The card behind a present device; absent for a device without one or an absent device.
   virtual std::optional<std::uint32_t> soundCardOfDevice(ObjectID device) const = 0;
 };
+
+// The card number a sound server gives in a device's properties ("alsa.card", "api.alsa.card");
+// absent unless the text is a decimal number.
+inline std::optional<std::uint32_t> SoundCardNumberFromProperty(std::string_view text) {
+  std::uint32_t number = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, status] = std::from_chars(text.data(), end, number);
+  if (text.empty() || status != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
 
 }  // namespace harkwell

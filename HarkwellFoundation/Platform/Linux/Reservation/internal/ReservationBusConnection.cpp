@@ -1,4 +1,4 @@
-#include "HarkwellFoundation/Platform/Linux/Reservation/ReservationBusConnection.h"
+#include "HarkwellFoundation/Platform/Linux/Reservation/internal/ReservationBusConnection.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
