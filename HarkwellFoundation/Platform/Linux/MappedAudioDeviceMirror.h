@@ -16,17 +16,14 @@
 
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
+#include "HarkwellFoundation/Platform/PropertyValue.h"
 
 namespace harkwell {
 
 class MappedAudioDeviceMirror {
  public:
   // A property whose value an update changed.
-  struct Change {
-    ObjectID object = 0;
-    PropertyAddress address;
-    friend bool operator==(const Change&, const Change&) = default;
-  };
+  using Change = PropertyChange;
 
   // Replaces the devices with `devices` and returns what changed, device list first.
   std::vector<Change> update(const std::vector<MappedAudioDevice>& devices);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "HarkwellFoundation/Platform/PlatformString.h"
 // Audio and video services answer with the same codes, so one graph serves both.
 #include "HarkwellFoundation/Platform/SharedHardwareCodes.h"
 
@@ -21,27 +20,31 @@ std::vector<std::uint8_t> bytesOf(const void* data, std::size_t size) {
 }  // namespace
 
 SimulatedPropertyValue SimulatedPropertyValue::UInt32(std::uint32_t value) {
-  return SimulatedPropertyValue(bytesOf(&value, sizeof value));
+  return SimulatedPropertyValue(PropertyValue::UInt32(value));
 }
 
 SimulatedPropertyValue SimulatedPropertyValue::Int32(std::int32_t value) {
-  return SimulatedPropertyValue(bytesOf(&value, sizeof value));
+  return SimulatedPropertyValue(PropertyValue::Int32(value));
 }
 
 SimulatedPropertyValue SimulatedPropertyValue::String(std::optional<std::string> text) {
-  return SimulatedPropertyValue(Storage(std::in_place_index<1>, std::move(text)));
+  return SimulatedPropertyValue(PropertyValue::String(std::move(text)));
 }
 
 SimulatedPropertyValue SimulatedPropertyValue::IDList(std::vector<std::uint32_t> ids) {
-  return SimulatedPropertyValue(Storage(std::in_place_index<2>, std::move(ids)));
+  return SimulatedPropertyValue(PropertyValue::IDList(std::move(ids)));
 }
 
 SimulatedPropertyValue SimulatedPropertyValue::Bytes(std::vector<std::uint8_t> bytes) {
-  return SimulatedPropertyValue(Storage(std::in_place_index<0>, std::move(bytes)));
+  return SimulatedPropertyValue(PropertyValue::Bytes(std::move(bytes)));
 }
 
 SimulatedPropertyValue SimulatedPropertyValue::TranslationTable(Translation table) {
-  return SimulatedPropertyValue(Storage(std::in_place_index<3>, std::move(table)));
+  return SimulatedPropertyValue(PropertyValue::TranslationTable(
+      [table = std::move(table)](std::uint32_t input) -> std::optional<std::string> {
+        const auto entry = table.find(input);
+        return entry == table.end() ? std::nullopt : entry->second;
+      }));
 }
 
 SimulatedPropertyValue SimulatedPropertyValue::withReportedSize(std::uint32_t size) const {
@@ -51,25 +54,11 @@ SimulatedPropertyValue SimulatedPropertyValue::withReportedSize(std::uint32_t si
 }
 
 std::uint32_t SimulatedPropertyValue::reportedSize() const {
-  if (reportedSize_) return *reportedSize_;
-  switch (storage_.index()) {
-    case 0:
-      return static_cast<std::uint32_t>(std::get<0>(storage_).size());
-    case 1:
-      return sizeof(PlatformStringRef);
-    case 2:
-      return static_cast<std::uint32_t>(std::get<2>(storage_).size() * sizeof(std::uint32_t));
-    default:
-      return kAudioValueTranslationDataSize;
-  }
+  return reportedSize_ ? *reportedSize_ : value_.dataSize();
 }
 
 std::optional<std::uint32_t> SimulatedPropertyValue::asUInt32() const {
-  const auto* bytes = std::get_if<0>(&storage_);
-  if (!bytes || bytes->size() != 4) return std::nullopt;
-  std::uint32_t value;
-  std::memcpy(&value, bytes->data(), 4);
-  return value;
+  return value_.asUInt32();
 }
 
 std::optional<std::int32_t> SimulatedPropertyValue::asInt32() const {
@@ -79,12 +68,12 @@ std::optional<std::int32_t> SimulatedPropertyValue::asInt32() const {
 }
 
 std::optional<std::optional<std::string>> SimulatedPropertyValue::asString() const {
-  if (const auto* text = std::get_if<1>(&storage_)) return *text;
+  if (const auto* text = value_.string()) return *text;
   return std::nullopt;
 }
 
 std::optional<std::vector<std::uint32_t>> SimulatedPropertyValue::asIDList() const {
-  if (const auto* ids = std::get_if<2>(&storage_)) return *ids;
+  if (const auto* ids = value_.idList()) return *ids;
   return std::nullopt;
 }
 
@@ -280,60 +269,7 @@ OSStatus SimulatedObjectGraph::handleGetPropertyData(ObjectID object,
     if (auto problem = checkObjectAndPropertyLocked(object, address)) {
       status = *problem;
     } else {
-      const auto& value = objects_.at(object).at(keyFor(object, address));
-      const std::uint32_t capacity = *ioDataSize;
-      switch (value.storage_.index()) {
-        case 0: {
-          const auto& bytes = std::get<0>(value.storage_);
-          if (capacity < bytes.size()) {
-            status = kAudioHardwareBadPropertySizeError;
-            break;
-          }
-          std::memcpy(outData, bytes.data(), bytes.size());
-          *ioDataSize = static_cast<std::uint32_t>(bytes.size());
-          break;
-        }
-        case 1: {
-          if (capacity < sizeof(PlatformStringRef)) {
-            status = kAudioHardwareBadPropertySizeError;
-            break;
-          }
-          const auto& text = std::get<1>(value.storage_);
-          PlatformStringRef string = text ? PlatformStringCreate(*text) : nullptr;
-          std::memcpy(outData, &string, sizeof string);
-          *ioDataSize = sizeof(PlatformStringRef);
-          break;
-        }
-        case 2: {
-          // Writes the whole IDs that fit both the caller's size and the list, never more.
-          const auto& ids = std::get<2>(value.storage_);
-          const std::size_t count = std::min<std::size_t>(capacity / 4, ids.size());
-          if (count > 0) std::memcpy(outData, ids.data(), count * 4);
-          *ioDataSize = static_cast<std::uint32_t>(count * 4);
-          break;
-        }
-        default: {
-          if (capacity < kAudioValueTranslationDataSize) {
-            status = kAudioHardwareBadPropertySizeError;
-            break;
-          }
-          AudioValueTranslation translation;
-          std::memcpy(&translation, outData, kAudioValueTranslationDataSize);
-          if (translation.mInputDataSize != 4 || translation.mOutputDataSize != 8 ||
-              !translation.mInputData || !translation.mOutputData) {
-            status = kAudioHardwareBadPropertySizeError;
-            break;
-          }
-          std::uint32_t key;
-          std::memcpy(&key, translation.mInputData, 4);
-          const auto& table = std::get<3>(value.storage_);
-          auto entry = table.find(key);
-          PlatformStringRef string = nullptr;
-          if (entry != table.end() && entry->second) string = PlatformStringCreate(*entry->second);
-          std::memcpy(translation.mOutputData, &string, sizeof string);
-          break;
-        }
-      }
+      status = objects_.at(object).at(keyFor(object, address)).value_.write(ioDataSize, outData);
     }
   }
   return record(std::move(call), status);
@@ -378,7 +314,7 @@ OSStatus SimulatedObjectGraph::handleSetPropertyData(ObjectID object,
           std::memcpy(data, &next, 4);
           if (next != *owner) toNotify = listenersForLocked(keyFor(object, address));
         }
-      } else if (value.storage_.index() == 0) {
+      } else if (value.value_.bytes()) {
         value = SimulatedPropertyValue::Bytes(bytesOf(data, dataSize));
         toNotify = listenersForLocked(keyFor(object, address));
       } else {

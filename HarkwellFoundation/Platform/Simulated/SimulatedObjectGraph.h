@@ -22,6 +22,7 @@
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
 #include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
+#include "HarkwellFoundation/Platform/PropertyValue.h"
 
 namespace harkwell {
 
@@ -74,10 +75,8 @@ class HARKWELL_EXPORT SimulatedPropertyValue {
 
  private:
   friend class SimulatedObjectGraph;
-  using Storage = std::variant<std::vector<std::uint8_t>, std::optional<std::string>,
-                               std::vector<std::uint32_t>, Translation>;
-  explicit SimulatedPropertyValue(Storage storage) : storage_(std::move(storage)) {}
-  Storage storage_;
+  explicit SimulatedPropertyValue(PropertyValue value) : value_(std::move(value)) {}
+  PropertyValue value_;
   std::optional<std::uint32_t> reportedSize_;
 };
 

@@ -1,12 +1,8 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 
-#include <algorithm>
-#include <cstring>
-#include <variant>
-
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
-#include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/PropertyValue.h"
 
 namespace harkwell {
 namespace {
@@ -28,14 +24,10 @@ bool IsKnownScope(std::uint32_t scope) {
 
 // A property's value, or the status that stands in for it.
 struct PulseAudioDeviceMirror::Answer {
-  using Translation = const std::vector<std::pair<std::uint32_t, std::string>>*;
-  using Value =
-      std::variant<std::uint32_t, std::optional<std::string>, std::vector<ObjectID>, Translation>;
-
   OSStatus status = kNoErr;
-  Value value;
+  PropertyValue value;
 
-  static Answer failure(OSStatus status) { return Answer{status, std::uint32_t{0}}; }
+  static Answer failure(OSStatus status) { return Answer{status, PropertyValue::UInt32(0)}; }
 };
 
 PulseAudioDeviceMirror::Answer PulseAudioDeviceMirror::answer(
@@ -47,7 +39,8 @@ PulseAudioDeviceMirror::Answer PulseAudioDeviceMirror::answer(
       address.mElement == kAudioObjectPropertyElementMaster && IsKnownScope(address.mScope);
 
   if (object == kAudioObjectSystemObject) {
-    if (known && selector == kAudioHardwarePropertyDevices) return Answer{kNoErr, deviceIDs()};
+    if (known && selector == kAudioHardwarePropertyDevices)
+      return Answer{kNoErr, PropertyValue::IDList(deviceIDs())};
     return Answer::failure(kAudioHardwareUnknownPropertyError);
   }
   auto found = entries_.find(object);
@@ -59,30 +52,37 @@ PulseAudioDeviceMirror::Answer PulseAudioDeviceMirror::answer(
 
   switch (selector) {
     case kAudioObjectPropertyName:
-      return Answer{kNoErr, std::optional<std::string>(device.name)};
+      return Answer{kNoErr, PropertyValue::String(device.name)};
     case kAudioDevicePropertyDeviceUID:
-      return Answer{kNoErr, std::optional<std::string>(device.uid)};
+      return Answer{kNoErr, PropertyValue::String(device.uid)};
     case kAudioDevicePropertyModelUID:
       // Unknown model: a null reference, the platform's "no value".
-      return Answer{kNoErr, device.modelUID};
+      return Answer{kNoErr, PropertyValue::String(device.modelUID)};
     case kAudioDevicePropertyTransportType:
-      return Answer{kNoErr, device.transportType};
+      return Answer{kNoErr, PropertyValue::UInt32(device.transportType)};
     case kAudioDevicePropertyDeviceIsRunningSomewhere:
-      return Answer{kNoErr, std::uint32_t{device.isRunning ? 1u : 0u}};
+      return Answer{kNoErr, PropertyValue::UInt32(device.isRunning ? 1u : 0u)};
     case kAudioDevicePropertyStreams: {
       std::uint32_t count = device.inputStreamCount + device.outputStreamCount;
       if (address.mScope == kAudioObjectPropertyScopeInput) count = device.inputStreamCount;
       if (address.mScope == kAudioObjectPropertyScopeOutput) count = device.outputStreamCount;
-      return Answer{kNoErr, std::vector<ObjectID>(count, object + 1)};
+      return Answer{kNoErr, PropertyValue::IDList(std::vector<ObjectID>(count, object + 1))};
     }
     case kAudioDevicePropertyDataSource:
       if (inputScope && entry.selectedInputSource) {
-        return Answer{kNoErr, *entry.selectedInputSource};
+        return Answer{kNoErr, PropertyValue::UInt32(*entry.selectedInputSource)};
       }
       break;
     case kAudioDevicePropertyDataSourceNameForIDCFString:
       if (inputScope && !entry.inputSources.empty()) {
-        return Answer{kNoErr, &entry.inputSources};
+        return Answer{kNoErr, PropertyValue::TranslationTable(
+                                  [sources = entry.inputSources](
+                                      std::uint32_t sourceID) -> std::optional<std::string> {
+                                    for (const auto& [id, name] : sources) {
+                                      if (id == sourceID) return name;
+                                    }
+                                    return std::nullopt;
+                                  })};
       }
       break;
     default:
@@ -98,17 +98,7 @@ OSStatus PulseAudioDeviceMirror::getPropertyDataSize(ObjectID object,
   const Answer found = answer(object, address);
   if (found.status != kNoErr) return found.status;
   if (!outDataSize) return kAudioHardwareIllegalOperationError;
-  struct SizeOf {
-    std::uint32_t operator()(std::uint32_t) const { return sizeof(std::uint32_t); }
-    std::uint32_t operator()(const std::optional<std::string>&) const {
-      return sizeof(PlatformStringRef);
-    }
-    std::uint32_t operator()(const std::vector<ObjectID>& ids) const {
-      return static_cast<std::uint32_t>(ids.size() * sizeof(ObjectID));
-    }
-    std::uint32_t operator()(Answer::Translation) const { return kAudioValueTranslationDataSize; }
-  };
-  *outDataSize = std::visit(SizeOf{}, found.value);
+  *outDataSize = found.value.dataSize();
   return kNoErr;
 }
 
@@ -117,47 +107,7 @@ OSStatus PulseAudioDeviceMirror::getPropertyData(ObjectID object, const Property
   const Answer found = answer(object, address);
   if (found.status != kNoErr) return found.status;
   if (!ioDataSize || (!outData && *ioDataSize > 0)) return kAudioHardwareIllegalOperationError;
-  const std::uint32_t capacity = *ioDataSize;
-
-  if (const auto* value = std::get_if<std::uint32_t>(&found.value)) {
-    if (capacity < sizeof *value) return kAudioHardwareBadPropertySizeError;
-    std::memcpy(outData, value, sizeof *value);
-    *ioDataSize = sizeof *value;
-    return kNoErr;
-  }
-  if (const auto* text = std::get_if<std::optional<std::string>>(&found.value)) {
-    if (capacity < sizeof(PlatformStringRef)) return kAudioHardwareBadPropertySizeError;
-    PlatformStringRef string = *text ? PlatformStringCreate(**text) : nullptr;
-    std::memcpy(outData, &string, sizeof string);
-    *ioDataSize = sizeof string;
-    return kNoErr;
-  }
-  if (const auto* ids = std::get_if<std::vector<ObjectID>>(&found.value)) {
-    // As many whole IDs as fit the caller's buffer.
-    const std::size_t count = std::min<std::size_t>(capacity / sizeof(ObjectID), ids->size());
-    if (count > 0) std::memcpy(outData, ids->data(), count * sizeof(ObjectID));
-    *ioDataSize = static_cast<std::uint32_t>(count * sizeof(ObjectID));
-    return kNoErr;
-  }
-  // A translation from input source ID to its name, through the caller's AudioValueTranslation.
-  const auto* sources = std::get<Answer::Translation>(found.value);
-  if (capacity < kAudioValueTranslationDataSize) return kAudioHardwareBadPropertySizeError;
-  AudioValueTranslation translation;
-  std::memcpy(&translation, outData, kAudioValueTranslationDataSize);
-  if (translation.mInputDataSize != sizeof(std::uint32_t) ||
-      translation.mOutputDataSize != sizeof(PlatformStringRef) || !translation.mInputData ||
-      !translation.mOutputData) {
-    return kAudioHardwareBadPropertySizeError;
-  }
-  std::uint32_t sourceID;
-  std::memcpy(&sourceID, translation.mInputData, sizeof sourceID);
-  auto match = std::find_if(sources->begin(), sources->end(),
-                            [&](const auto& source) { return source.first == sourceID; });
-  PlatformStringRef string =
-      match == sources->end() ? nullptr : PlatformStringCreate(match->second);
-  std::memcpy(translation.mOutputData, &string, sizeof string);
-  *ioDataSize = kAudioValueTranslationDataSize;
-  return kNoErr;
+  return found.value.write(ioDataSize, outData);
 }
 
 bool PulseAudioDeviceMirror::hasProperty(ObjectID object, const PropertyAddress& address) const {

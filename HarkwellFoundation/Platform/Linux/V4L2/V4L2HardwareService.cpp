@@ -85,7 +85,7 @@ OSStatus V4L2HardwareService::getPropertyData(ObjectID object, const PropertyAdd
 OSStatus V4L2HardwareService::setPropertyData(ObjectID object, const PropertyAddress& address,
                                               std::uint32_t, const void*, std::uint32_t dataSize,
                                               void* data) {
-  std::vector<v4l2::PropertyChange> changes;
+  std::vector<PropertyChange> changes;
   const OSStatus status = mirror_.setData(object, address, dataSize, data, &changes);
   notify(changes);
   return status;
@@ -381,8 +381,8 @@ void V4L2HardwareService::publish(const std::vector<bool>& running) {
   notify(mirror_.publishDevices(std::move(devices)));
 }
 
-void V4L2HardwareService::notify(const std::vector<v4l2::PropertyChange>& changes) {
-  for (const v4l2::PropertyChange& change : changes) {
+void V4L2HardwareService::notify(const std::vector<PropertyChange>& changes) {
+  for (const PropertyChange& change : changes) {
     listeners_.notify(change.object, change.address);
   }
 }

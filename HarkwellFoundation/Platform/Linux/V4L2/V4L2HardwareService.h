@@ -226,7 +226,7 @@ class V4L2HardwareService final : public VideoHardwareService {
   // look again.
   void checkStreams();
   void publish(const std::vector<bool>& running);
-  void notify(const std::vector<v4l2::PropertyChange>& changes);
+  void notify(const std::vector<PropertyChange>& changes);
   // Logs `line` for the problem named `problem`, unless that line was logged for it and the
   // problem has not cleared since; a problem that changes its line is logged again.
   void logProblem(const std::string& problem, const std::string& line);

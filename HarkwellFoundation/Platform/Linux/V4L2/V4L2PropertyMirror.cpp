@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/PropertyValue.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 
 namespace harkwell::v4l2 {
@@ -15,22 +15,16 @@ constexpr PropertyAddress Global(std::uint32_t selector) {
 
 // One property's value, or the status that answers instead of it.
 struct Value {
-  enum class Kind { Status, UInt32, String, List };
-  Kind kind = Kind::Status;
   OSStatus status = kCMIOHardwareUnknownPropertyError;
-  std::uint32_t number = 0;
-  std::optional<std::string> text;
-  std::vector<std::uint32_t> list;
+  PropertyValue value = PropertyValue::UInt32(0);
 
-  static Value Failure(OSStatus status) { return Value{.kind = Kind::Status, .status = status}; }
-  static Value UInt32(std::uint32_t number) {
-    return Value{.kind = Kind::UInt32, .status = kNoErr, .number = number};
-  }
+  static Value Failure(OSStatus status) { return Value{status}; }
+  static Value UInt32(std::uint32_t number) { return Value{kNoErr, PropertyValue::UInt32(number)}; }
   static Value String(std::optional<std::string> text) {
-    return Value{.kind = Kind::String, .status = kNoErr, .text = std::move(text)};
+    return Value{kNoErr, PropertyValue::String(std::move(text))};
   }
   static Value List(std::vector<std::uint32_t> list) {
-    return Value{.kind = Kind::List, .status = kNoErr, .list = std::move(list)};
+    return Value{kNoErr, PropertyValue::IDList(std::move(list))};
   }
 };
 
@@ -173,19 +167,9 @@ OSStatus PropertyMirror::dataSize(ObjectID object, const PropertyAddress& addres
     MutexLock lock(mutex_);
     value = ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
   }
-  if (value.kind == Value::Kind::Status) return value.status;
+  if (value.status != kNoErr) return value.status;
   if (!outDataSize) return kCMIOHardwareBadPropertySizeError;
-  switch (value.kind) {
-    case Value::Kind::UInt32:
-      *outDataSize = sizeof(std::uint32_t);
-      break;
-    case Value::Kind::String:
-      *outDataSize = sizeof(PlatformStringRef);
-      break;
-    default:
-      *outDataSize = static_cast<std::uint32_t>(value.list.size() * sizeof(std::uint32_t));
-      break;
-  }
+  *outDataSize = value.value.dataSize();
   return kNoErr;
 }
 
@@ -196,31 +180,16 @@ OSStatus PropertyMirror::data(ObjectID object, const PropertyAddress& address,
     MutexLock lock(mutex_);
     value = ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
   }
-  if (value.kind == Value::Kind::Status) return value.status;
+  if (value.status != kNoErr) return value.status;
   if (!ioDataSize) return kCMIOHardwareBadPropertySizeError;
-  const std::uint32_t capacity = outData ? *ioDataSize : 0;
-  switch (value.kind) {
-    case Value::Kind::UInt32:
-      if (capacity < sizeof(std::uint32_t)) return kCMIOHardwareBadPropertySizeError;
-      std::memcpy(outData, &value.number, sizeof value.number);
-      *ioDataSize = sizeof(std::uint32_t);
-      return kNoErr;
-    case Value::Kind::String: {
-      if (capacity < sizeof(PlatformStringRef)) return kCMIOHardwareBadPropertySizeError;
-      // The caller owns the new reference; an absent value is a null reference.
-      PlatformStringRef string = value.text ? PlatformStringCreate(*value.text) : nullptr;
-      std::memcpy(outData, &string, sizeof string);
-      *ioDataSize = sizeof(PlatformStringRef);
-      return kNoErr;
-    }
-    default: {
-      // As many whole IDs as fit the caller's buffer; never more than the list has.
-      const std::size_t count = std::min<std::size_t>(capacity / 4, value.list.size());
-      if (count > 0) std::memcpy(outData, value.list.data(), count * 4);
-      *ioDataSize = static_cast<std::uint32_t>(count * 4);
-      return kNoErr;
-    }
+  // Without a buffer nothing fits.
+  if (!outData) {
+    std::uint32_t none = 0;
+    const OSStatus status = value.value.write(&none, nullptr);
+    if (status == kNoErr) *ioDataSize = none;
+    return status;
   }
+  return value.value.write(ioDataSize, outData);
 }
 
 OSStatus PropertyMirror::setData(ObjectID object, const PropertyAddress& address,
@@ -229,7 +198,7 @@ OSStatus PropertyMirror::setData(ObjectID object, const PropertyAddress& address
   MutexLock lock(mutex_);
   const Value current =
       ValueLocked(devices_, findLocked(object), screenCaptureSwitch_, object, address);
-  if (current.kind == Value::Kind::Status) return current.status;
+  if (current.status != kNoErr) return current.status;
   if (object != kCMIOObjectSystemObject ||
       address.mSelector != kCMIOHardwarePropertyAllowScreenCaptureDevices) {
     return kCMIOHardwareIllegalOperationError;

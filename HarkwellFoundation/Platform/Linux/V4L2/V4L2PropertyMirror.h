@@ -14,6 +14,7 @@
 
 #include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
+#include "HarkwellFoundation/Platform/PropertyValue.h"
 
 namespace harkwell::v4l2 {
 
@@ -29,14 +30,6 @@ struct PublishedDevice {
   bool isRunningSomewhere = false;
 
   friend bool operator==(const PublishedDevice&, const PublishedDevice&) = default;
-};
-
-// A property whose value changed.
-struct PropertyChange {
-  ObjectID object = 0;
-  PropertyAddress address;
-
-  friend bool operator==(const PropertyChange&, const PropertyChange&) = default;
 };
 
 class PropertyMirror {
