@@ -3,6 +3,7 @@
 #include "HarkwellFoundation/Backend/internal/AudioHardwareBackend.h"
 #include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
 #include "HarkwellFoundation/Backend/internal/HardwarePropertyReader.h"
+#include "HarkwellFoundation/Backend/internal/TransportCodes.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
@@ -26,41 +27,6 @@ std::optional<std::string> _stringPropertyValueForDeviceID(std::uint32_t deviceI
                                                            std::string_view propertyName) {
   return AudioReader().readString(
       deviceID, Address(propertySelector, kAudioObjectPropertyScopeGlobal), propertyName);
-}
-
-MediaDeviceTransportType TransportTypeForAudioCode(std::uint32_t code) {
-  switch (code) {
-    case kAudioDeviceTransportTypeAggregate:
-      return MediaDeviceTransportType::Aggregate;
-    case kAudioDeviceTransportTypeAirPlay:
-      return MediaDeviceTransportType::AirPlay;
-    case kAudioDeviceTransportTypeAVB:
-      return MediaDeviceTransportType::AVB;
-    case kAudioDeviceTransportTypeBluetooth:
-      return MediaDeviceTransportType::Bluetooth;
-    case kAudioDeviceTransportTypeBluetoothLE:
-      return MediaDeviceTransportType::BluetoothLE;
-    case kAudioDeviceTransportTypeBuiltIn:
-      return MediaDeviceTransportType::BuiltIn;
-    case kAudioDeviceTransportTypeDisplayPort:
-      return MediaDeviceTransportType::DisplayPort;
-    case kAudioDeviceTransportTypeFireWire:
-      return MediaDeviceTransportType::FireWire;
-    case kAudioDeviceTransportTypeHDMI:
-      return MediaDeviceTransportType::HDMI;
-    case kAudioDeviceTransportTypePCI:
-      return MediaDeviceTransportType::PCI;
-    case kAudioDeviceTransportTypeThunderbolt:
-      return MediaDeviceTransportType::Thunderbolt;
-    case kAudioDeviceTransportTypeUSB:
-      return MediaDeviceTransportType::USB;
-    case kAudioDeviceTransportTypeVirtual:
-      return MediaDeviceTransportType::Virtual;
-    default:
-      // Audio devices never report Network, Wireless or Other; unknown codes (0 and the
-      // auto-aggregate code among them) are Unknown.
-      return MediaDeviceTransportType::Unknown;
-  }
 }
 
 }  // namespace
@@ -164,7 +130,7 @@ std::optional<MediaDeviceTransportType> AudioDeviceTransportTypeForDeviceID(
       deviceID, Address(kAudioDevicePropertyTransportType, kAudioObjectPropertyScopeGlobal),
       "transport type");
   if (!code) return std::nullopt;
-  return TransportTypeForAudioCode(*code);
+  return TransportForCode(kAudioTransportCodes, *code);
 }
 
 }  // namespace harkwell

@@ -2,6 +2,7 @@
 
 #include "HarkwellFoundation/Backend/internal/HardwareFailureLog.h"
 #include "HarkwellFoundation/Backend/internal/HardwarePropertyReader.h"
+#include "HarkwellFoundation/Backend/internal/TransportCodes.h"
 #include "HarkwellFoundation/Backend/internal/VideoHardwareBackend.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
@@ -25,40 +26,6 @@ std::optional<std::string> _stringPropertyValueForDeviceID(std::uint32_t deviceI
                                                            std::uint32_t propertySelector,
                                                            std::string_view propertyName) {
   return VideoReader().readString(deviceID, Address(propertySelector), propertyName);
-}
-
-// The video table is narrower than the audio one: no Aggregate, AirPlay or BluetoothLE.
-MediaDeviceTransportType TransportTypeForVideoCode(std::uint32_t code) {
-  switch (code) {
-    case kVideoTransportTypeFireWire:
-      return MediaDeviceTransportType::FireWire;
-    case kVideoTransportTypeThunderbolt:
-      return MediaDeviceTransportType::Thunderbolt;
-    case kVideoTransportTypeBuiltIn:
-      return MediaDeviceTransportType::BuiltIn;
-    case kVideoTransportTypeVirtual:
-      return MediaDeviceTransportType::Virtual;
-    case kVideoTransportTypeUSB:
-      return MediaDeviceTransportType::USB;
-    case kVideoTransportTypeHDMI:
-      return MediaDeviceTransportType::HDMI;
-    case kVideoTransportTypeWireless:
-      return MediaDeviceTransportType::Wireless;
-    case kVideoTransportTypeDisplayPort:
-      return MediaDeviceTransportType::DisplayPort;
-    case kVideoTransportTypeOther:
-      return MediaDeviceTransportType::Other;
-    case kVideoTransportTypeBluetooth:
-      return MediaDeviceTransportType::Bluetooth;
-    case kVideoTransportTypeNetwork:
-      return MediaDeviceTransportType::Network;
-    case kVideoTransportTypeAVB:
-      return MediaDeviceTransportType::AVB;
-    case kVideoTransportTypePCI:
-      return MediaDeviceTransportType::PCI;
-    default:
-      return MediaDeviceTransportType::Unknown;
-  }
 }
 
 }  // namespace
@@ -125,7 +92,7 @@ std::optional<MediaDeviceTransportType> VideoDeviceTransportTypeForDeviceID(
   auto code = VideoReader().readUInt32(deviceID, Address(kCMIODevicePropertyTransportType),
                                        "transport type");
   if (!code) return std::nullopt;
-  return TransportTypeForVideoCode(*code);
+  return TransportForCode(kVideoTransportCodes, *code);
 }
 
 }  // namespace harkwell

@@ -12,8 +12,8 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "HarkwellFoundation/Backend/internal/TransportCodes.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "HarkwellFoundation/Platform/internal/UTF8.h"
 #include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/TerminalText.h"
@@ -582,70 +582,7 @@ ScenarioResult LoadScenarioFile(const std::string& path) {
 
 std::optional<std::uint32_t> TransportCodeFor(MediaType mediaType,
                                               MediaDeviceTransportType transport) {
-  using T = MediaDeviceTransportType;
-  if (transport == T::Unknown) return 0;
-  if (mediaType == MediaType::Audio) {
-    switch (transport) {
-      case T::Aggregate:
-        return kAudioDeviceTransportTypeAggregate;
-      case T::AirPlay:
-        return kAudioDeviceTransportTypeAirPlay;
-      case T::AVB:
-        return kAudioDeviceTransportTypeAVB;
-      case T::Bluetooth:
-        return kAudioDeviceTransportTypeBluetooth;
-      case T::BluetoothLE:
-        return kAudioDeviceTransportTypeBluetoothLE;
-      case T::BuiltIn:
-        return kAudioDeviceTransportTypeBuiltIn;
-      case T::DisplayPort:
-        return kAudioDeviceTransportTypeDisplayPort;
-      case T::FireWire:
-        return kAudioDeviceTransportTypeFireWire;
-      case T::HDMI:
-        return kAudioDeviceTransportTypeHDMI;
-      case T::PCI:
-        return kAudioDeviceTransportTypePCI;
-      case T::Thunderbolt:
-        return kAudioDeviceTransportTypeThunderbolt;
-      case T::USB:
-        return kAudioDeviceTransportTypeUSB;
-      case T::Virtual:
-        return kAudioDeviceTransportTypeVirtual;
-      default:
-        return std::nullopt;
-    }
-  }
-  switch (transport) {
-    case T::AVB:
-      return kVideoTransportTypeAVB;
-    case T::Bluetooth:
-      return kVideoTransportTypeBluetooth;
-    case T::BuiltIn:
-      return kVideoTransportTypeBuiltIn;
-    case T::DisplayPort:
-      return kVideoTransportTypeDisplayPort;
-    case T::FireWire:
-      return kVideoTransportTypeFireWire;
-    case T::HDMI:
-      return kVideoTransportTypeHDMI;
-    case T::Network:
-      return kVideoTransportTypeNetwork;
-    case T::Other:
-      return kVideoTransportTypeOther;
-    case T::PCI:
-      return kVideoTransportTypePCI;
-    case T::Thunderbolt:
-      return kVideoTransportTypeThunderbolt;
-    case T::USB:
-      return kVideoTransportTypeUSB;
-    case T::Virtual:
-      return kVideoTransportTypeVirtual;
-    case T::Wireless:
-      return kVideoTransportTypeWireless;
-    default:
-      return std::nullopt;
-  }
+  return CodeForTransport(TransportCodesFor(mediaType), transport);
 }
 
 }  // namespace harkwell::cli

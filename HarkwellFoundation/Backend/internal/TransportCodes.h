@@ -22,6 +22,8 @@ struct TransportCode {
 
 using TransportCodeTable = std::span<const TransportCode>;
 
+// Audio devices never report Network, Wireless or Other; unknown codes (the auto-aggregate code
+// among them) are Unknown.
 inline constexpr std::array kAudioTransportCodes{
     TransportCode{kAudioDeviceTransportTypeAggregate, MediaDeviceTransportType::Aggregate},
     TransportCode{kAudioDeviceTransportTypeAirPlay, MediaDeviceTransportType::AirPlay},
