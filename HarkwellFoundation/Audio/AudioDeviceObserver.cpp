@@ -69,10 +69,7 @@ MediaDeviceTransportType AudioDeviceObserver::deviceTransportTypeForDeviceID(
 
 void AudioDeviceObserver::startObservingConnectedDevices() {
   auto record = AudioDeviceAddObserverForConnectedDevices(
-      deviceEventHandlerQueue(),
-      CallbackWhileObserverAlive(weak_from_this(), [](MediaDeviceObserver& self) {
-        self.noteConnectedDevicesDidChange();
-      }));
+      deviceEventHandlerQueue(), ConnectedDevicesChangedCallback(weak_from_this()));
   // A record replaced here is dropped without removing its listener.
   _connectedDevicesChangedObserver.exchange(std::move(record));
 }
@@ -87,10 +84,7 @@ void AudioDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t devi
   const std::weak_ptr<MediaDeviceObserver> weakSelf = weak_from_this();
 
   auto running = AudioDeviceAddObserverForDeviceIsRunning(
-      deviceID, deviceEventHandlerQueue(),
-      CallbackWhileObserverAlive(weakSelf, [deviceID](MediaDeviceObserver& self) {
-        self.noteIsRunningChangedForDeviceID(deviceID);
-      }));
+      deviceID, deviceEventHandlerQueue(), IsRunningChangedCallback(weakSelf, deviceID));
   if (running) _deviceIsRunningObservers.store(deviceID, std::move(*running));
 
   auto inputSource = AudioDeviceAddObserverForSelectedInputSource(

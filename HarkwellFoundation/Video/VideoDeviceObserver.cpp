@@ -69,10 +69,7 @@ MediaDeviceTransportType VideoDeviceObserver::deviceTransportTypeForDeviceID(
 
 void VideoDeviceObserver::startObservingConnectedDevices() {
   auto record = VideoDeviceAddObserverForConnectedDevices(
-      deviceEventHandlerQueue(),
-      CallbackWhileObserverAlive(weak_from_this(), [](MediaDeviceObserver& self) {
-        self.noteConnectedDevicesDidChange();
-      }));
+      deviceEventHandlerQueue(), ConnectedDevicesChangedCallback(weak_from_this()));
   // A record replaced here is dropped; its listener stays registered.
   _connectedDevicesChangedObserver.exchange(std::move(record));
 }
@@ -85,10 +82,7 @@ void VideoDeviceObserver::stopObservingConnectedDevices() {
 
 void VideoDeviceObserver::startObservingPropertiesForDeviceID(std::uint32_t deviceID) {
   auto record = VideoDeviceAddObserverForDeviceIsRunning(
-      deviceID, deviceEventHandlerQueue(),
-      CallbackWhileObserverAlive(weak_from_this(), [deviceID](MediaDeviceObserver& self) {
-        self.noteIsRunningChangedForDeviceID(deviceID);
-      }));
+      deviceID, deviceEventHandlerQueue(), IsRunningChangedCallback(weak_from_this(), deviceID));
   if (record) _deviceIsRunningObservers.store(deviceID, std::move(*record));
 }
 

@@ -9,6 +9,18 @@ std::function<void()> CallbackWhileObserverAlive(std::weak_ptr<MediaDeviceObserv
   };
 }
 
+std::function<void()> ConnectedDevicesChangedCallback(std::weak_ptr<MediaDeviceObserver> observer) {
+  return CallbackWhileObserverAlive(
+      std::move(observer), [](MediaDeviceObserver& self) { self.noteConnectedDevicesDidChange(); });
+}
+
+std::function<void()> IsRunningChangedCallback(std::weak_ptr<MediaDeviceObserver> observer,
+                                               std::uint32_t deviceID) {
+  return CallbackWhileObserverAlive(std::move(observer), [deviceID](MediaDeviceObserver& self) {
+    self.noteIsRunningChangedForDeviceID(deviceID);
+  });
+}
+
 std::optional<MediaDeviceChannelCounts> ReadChannelCounts(std::uint32_t deviceID,
                                                           StreamCountRead inputCount,
                                                           StreamCountRead outputCount) {

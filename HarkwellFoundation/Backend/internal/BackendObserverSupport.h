@@ -18,6 +18,12 @@ namespace harkwell {
 std::function<void()> CallbackWhileObserverAlive(std::weak_ptr<MediaDeviceObserver> observer,
                                                  std::function<void(MediaDeviceObserver&)> note);
 
+// The two listener callbacks both observers install: the device list changed, and a device's
+// running state changed. Each holds the observer as CallbackWhileObserverAlive does.
+std::function<void()> ConnectedDevicesChangedCallback(std::weak_ptr<MediaDeviceObserver> observer);
+std::function<void()> IsRunningChangedCallback(std::weak_ptr<MediaDeviceObserver> observer,
+                                               std::uint32_t deviceID);
+
 // Both counts, or empty when either cannot be read. The output count is only asked for once the
 // input count is known.
 using StreamCountRead = std::optional<std::uint64_t> (*)(std::uint32_t deviceID);
