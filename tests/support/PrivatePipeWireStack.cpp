@@ -200,6 +200,14 @@ void PrivatePipeWireStack::stop() {
   daemon_.stop(SIGTERM, kStopDeadline);
 }
 
+void PrivatePipeWireStack::pauseDaemon() {
+  if (daemon_.isRunning()) ::kill(daemon_.pid(), SIGSTOP);
+}
+
+void PrivatePipeWireStack::resumeDaemon() {
+  if (daemon_.isRunning()) ::kill(daemon_.pid(), SIGCONT);
+}
+
 bool PrivatePipeWireStack::isRunning() {
   return daemon_.isRunning();
 }

@@ -43,6 +43,10 @@ class PrivatePipeWireStack {
   void killDaemon();
   // Stops pipewire-pulse, WirePlumber and the daemon; the bus stays until the stack is destroyed.
   void stop();
+  // Freezes the pipewire daemon (SIGSTOP): it keeps its connections but answers nothing, like a
+  // daemon that hangs. resumeDaemon() lets it go on.
+  void pauseDaemon();
+  void resumeDaemon();
   // Whether the pipewire daemon runs.
   bool isRunning();
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,22 @@ TEST_F(PipeWireServiceTest, DevicesPresentAtStartAreListedByTheFirstRead) {
   EXPECT_EQ(service_->getPropertyData(microphone_, Global(kAudioDevicePropertyHogMode), 0, nullptr,
                                       &size, &owner),
             kAudioHardwareUnknownPropertyError);
+}
+
+TEST_F(PipeWireServiceTest, ReadsAnswerFromTheMirrorWhileTheDaemonHangs) {
+  ASSERT_NO_FATAL_FAILURE(startStackAndService());
+  stack_.pauseDaemon();
+  auto reads = std::async(std::launch::async, [&] {
+    return DeviceIDs(*service_).size() == 2u &&
+           StringProperty(*service_, microphone_, kAudioObjectPropertyName) ==
+               kMicrophoneDescription &&
+           UInt32Property(*service_, microphone_, kRunning) == 0u;
+  });
+  // A read that waited on the frozen daemon would never finish.
+  const bool finished = reads.wait_for(5s) == std::future_status::ready;
+  stack_.resumeDaemon();
+  ASSERT_TRUE(finished) << "a read waited for the daemon";
+  EXPECT_TRUE(reads.get());
 }
 
 TEST_F(PipeWireServiceTest, VirtualMicrophoneIsDiscoveredAndItsRemovalTakesItAway) {
