@@ -274,6 +274,7 @@ void PipeWireGraphConnection::disconnect() {
     core_ = nullptr;
   }
   graph_ = PipeWireGraph();
+  nodesAwaitingInfo_.clear();
 }
 
 void PipeWireGraphConnection::onDaemonLost(const std::string& reason) {
@@ -350,7 +351,7 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
   if (std::strcmp(type, PW_TYPE_INTERFACE_Node) == 0) {
     kind = ObjectKind::Node;
     version = PW_VERSION_NODE;
-    graph_.nodes[id] = PipeWireNode{id, PipeWireNodeState::Creating, PropertiesOf(props)};
+    nodesAwaitingInfo_[id] = PipeWireNode{id, PipeWireNodeState::Creating, PropertiesOf(props)};
   } else if (std::strcmp(type, PW_TYPE_INTERFACE_Device) == 0) {
     kind = ObjectKind::Device;
     version = PW_VERSION_DEVICE;
@@ -371,6 +372,11 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
   }
 
   auto* proxy = static_cast<pw_proxy*>(pw_registry_bind(registry_, id, type, version, 0));
+  if (!proxy && kind == ObjectKind::Node) {
+    // No info will come for it: it joins with what the registry said.
+    graph_.nodes[id] = std::move(nodesAwaitingInfo_[id]);
+    nodesAwaitingInfo_.erase(id);
+  }
   if (proxy) {
     BoundObject& object = bound_.emplace_back();
     object.owner = this;
@@ -432,6 +438,7 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
 }
 
 void PipeWireGraphConnection::onGlobalRemoved(std::uint32_t id) {
+  nodesAwaitingInfo_.erase(id);
   const bool removed =
       graph_.nodes.erase(id) + graph_.devices.erase(id) + graph_.links.erase(id) != 0;
   for (auto it = bound_.begin(); it != bound_.end(); ++it) {
@@ -445,14 +452,21 @@ void PipeWireGraphConnection::onGlobalRemoved(std::uint32_t id) {
 }
 
 void PipeWireGraphConnection::onNodeInfo(BoundObject& object, const pw_node_info* info) {
+  if (!info) return;
+  bool joined = false;
+  if (auto waiting = nodesAwaitingInfo_.find(object.id); waiting != nodesAwaitingInfo_.end()) {
+    graph_.nodes.emplace(object.id, std::move(waiting->second));
+    nodesAwaitingInfo_.erase(waiting);
+    joined = true;
+  }
   auto found = graph_.nodes.find(object.id);
-  if (found == graph_.nodes.end() || !info) return;
+  if (found == graph_.nodes.end()) return;
   PipeWireNode node = found->second;
   node.state = NodeStateOf(info->state);
   if ((info->change_mask & PW_NODE_CHANGE_MASK_PROPS) && info->props) {
     for (auto& [key, value] : PropertiesOf(info->props)) node.properties[key] = value;
   }
-  if (node == found->second) return;
+  if (!joined && node == found->second) return;
   found->second = std::move(node);
   publish();
 }

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -112,6 +113,9 @@ class PipeWireGraphConnection {
   std::string lostReason_;
   std::chrono::milliseconds retryDelay_;
   PipeWireGraph graph_;
+  // Nodes announced by the registry whose first info has not arrived. The registry's properties
+  // are only a few of a node's (no "device.api", for one), so a node joins the graph with its info.
+  std::map<std::uint32_t, PipeWireNode> nodesAwaitingInfo_;
   int latestSync_ = 0;
   int lastEnumSeq_ = 0;
   bool synchronised_ = false;
