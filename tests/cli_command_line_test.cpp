@@ -120,7 +120,8 @@ TEST(CommandLine, HelpShowsTheWordsOfEachChoiceAndNoNumbers) {
   for (const char* command : {"list", "hog"}) {
     const auto outcome = Parse({command, "--help"});
     EXPECT_EQ(outcome.parsed.exitCode, 0);
-    EXPECT_NE(outcome.out.find("--audio none|pipewire|pulse|simulated"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("--audio none|pipewire|pulse|simulated"), std::string::npos)
+        << outcome.out;
     EXPECT_NE(outcome.out.find("--video none|simulated|v4l2"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.out.find("->"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.out.find("ENUM"), std::string::npos) << outcome.out;
