@@ -16,6 +16,7 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
+#include "tests/support/AudioServiceReads.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
@@ -31,162 +32,18 @@ using testing::PrivatePulseServer;
 using testing::PulseTestClient;
 using testing::Recorder;
 
-PropertyAddress Global(std::uint32_t selector) {
-  return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMaster};
-}
-PropertyAddress Input(std::uint32_t selector) {
-  return {selector, kAudioObjectPropertyScopeInput, kAudioObjectPropertyElementMaster};
-}
-PropertyAddress Output(std::uint32_t selector) {
-  return {selector, kAudioObjectPropertyScopeOutput, kAudioObjectPropertyElementMaster};
-}
-
-const PropertyAddress kDevices = Global(kAudioHardwarePropertyDevices);
-const PropertyAddress kRunning = Global(kAudioDevicePropertyDeviceIsRunningSomewhere);
-
-std::vector<ObjectID> DeviceIDs(AudioHardwareService& service) {
-  std::uint32_t size = 0;
-  if (service.getPropertyDataSize(kAudioObjectSystemObject, kDevices, 0, nullptr, &size) !=
-      kNoErr) {
-    return {};
-  }
-  std::vector<ObjectID> ids(size / 4);
-  if (service.getPropertyData(kAudioObjectSystemObject, kDevices, 0, nullptr, &size, ids.data()) !=
-      kNoErr) {
-    return {};
-  }
-  ids.resize(size / 4);
-  return ids;
-}
-
-std::optional<std::string> StringProperty(AudioHardwareService& service, ObjectID device,
-                                          std::uint32_t selector) {
-  OwnedPlatformString string;
-  std::uint32_t size = sizeof(PlatformStringRef);
-  if (service.getPropertyData(device, Global(selector), 0, nullptr, &size, string.slot()) !=
-          kNoErr ||
-      !string.get()) {
-    return std::nullopt;
-  }
-  return PlatformStringText(string.get());
-}
-
-std::optional<std::uint32_t> UInt32Property(AudioHardwareService& service, ObjectID device,
-                                            const PropertyAddress& address) {
-  std::uint32_t value = 0;
-  std::uint32_t size = sizeof value;
-  if (service.getPropertyData(device, address, 0, nullptr, &size, &value) != kNoErr) {
-    return std::nullopt;
-  }
-  return value;
-}
-
-std::optional<std::uint32_t> SizeOf(AudioHardwareService& service, ObjectID device,
-                                    const PropertyAddress& address) {
-  std::uint32_t size = 0;
-  if (service.getPropertyDataSize(device, address, 0, nullptr, &size) != kNoErr) {
-    return std::nullopt;
-  }
-  return size;
-}
-
-std::optional<ObjectID> DeviceWithUID(AudioHardwareService& service, const std::string& uid) {
-  for (ObjectID id : DeviceIDs(service)) {
-    if (StringProperty(service, id, kAudioDevicePropertyDeviceUID) == uid) return id;
-  }
-  return std::nullopt;
-}
-
-// Keeps every log line written while it exists, with the thread that wrote it. Lines about the
-// server going and coming are written on the service's log queue, so a test waits for them with a
-// deadline; lines about start-up are written before create() returns.
-class LogLines {
- public:
-  struct Line {
-    std::string text;
-    std::string threadName;
-    std::thread::id thread;
-  };
-
-  LogLines() {
-    previous_ = InstallLogSink([this](std::string_view text) {
-      char name[16] = {};
-      pthread_getname_np(pthread_self(), name, sizeof name);
-      lines_.append({std::string(text), name, std::this_thread::get_id()});
-    });
-  }
-  ~LogLines() { InstallLogSink(std::move(previous_)); }
-  LogLines(const LogLines&) = delete;
-  LogLines& operator=(const LogLines&) = delete;
-
-  // The texts of the lines written so far.
-  std::vector<std::string> texts() const {
-    std::vector<std::string> texts;
-    for (const Line& line : lines_.entries()) texts.push_back(line.text);
-    return texts;
-  }
-  // The texts once at least `count` lines are written, or when the deadline passes.
-  std::vector<std::string> waitForTexts(std::size_t count) const {
-    lines_.waitForCount(count);
-    return texts();
-  }
-  std::vector<Line> lines() const { return lines_.entries(); }
-
- private:
-  Recorder<Line> lines_;
-  LogSink previous_;
-};
-
-// A listener on one property: each call records the property's value as the block reads it, so a
-// test sees both that it fired and what the service answered by then.
-class PropertyProbe {
- public:
-  PropertyProbe(AudioHardwareService& service, ObjectID object, PropertyAddress address,
-                std::shared_ptr<DispatchQueue> queue)
-      : service_(service), object_(object), address_(address), queue_(std::move(queue)) {
-    closure_ = std::make_shared<const PropertyListener>([this](std::uint32_t,
-                                                               const PropertyAddress*) {
-      std::uint32_t size = 0;
-      service_.getPropertyDataSize(object_, address_, 0, nullptr, &size);
-      std::vector<std::uint32_t> value(size / 4);
-      if (service_.getPropertyData(object_, address_, 0, nullptr, &size, value.data()) != kNoErr) {
-        value.clear();
-      }
-      calls_.append(value);
-    });
-  }
-  ~PropertyProbe() { remove(); }
-
-  OSStatus add() {
-    const OSStatus status = service_.addPropertyListenerBlock(
-        object_, address_, queue_, PlatformListenerBlock::copy(closure_));
-    added_ = status == kNoErr;
-    return status;
-  }
-  OSStatus remove() {
-    if (!added_) return kNoErr;
-    added_ = false;
-    const OSStatus status = service_.removePropertyListenerBlock(
-        object_, address_, queue_, PlatformListenerBlock::copy(closure_));
-    DrainQueue(queue_);
-    return status;
-  }
-  // The values read in the calls so far (an ID list, or one running flag).
-  Recorder<std::vector<std::uint32_t>>& calls() { return calls_; }
-  bool waitForValue(const std::vector<std::uint32_t>& value) {
-    return calls_.waitUntil(
-        [&](const auto& values) { return !values.empty() && values.back() == value; });
-  }
-
- private:
-  AudioHardwareService& service_;
-  ObjectID object_;
-  PropertyAddress address_;
-  std::shared_ptr<DispatchQueue> queue_;
-  SharedPropertyListener closure_;
-  Recorder<std::vector<std::uint32_t>> calls_;
-  bool added_ = false;
-};
+using testing::DeviceIDs;
+using testing::DeviceWithUID;
+using testing::Global;
+using testing::Input;
+using testing::kDevices;
+using testing::kRunning;
+using testing::LogLines;
+using testing::Output;
+using testing::PropertyProbe;
+using testing::SizeOf;
+using testing::StringProperty;
+using testing::UInt32Property;
 
 class PulseAudioServiceTest : public ::testing::Test {
  protected:
