@@ -81,10 +81,10 @@ class PulseAudioServerFaultTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!PrivatePulseServer::isInstalled()) {
-      GTEST_SKIP() << "the pulseaudio program is not installed (Debian package pulseaudio)";
+      FAIL() << "the pulseaudio program is not installed (Debian package pulseaudio)";
     }
     if (!ChildProcess::findProgram("pactl")) {
-      GTEST_SKIP() << "the pactl program is not installed (Debian package pulseaudio-utils)";
+      FAIL() << "the pactl program is not installed (Debian package pulseaudio-utils)";
     }
     ASSERT_EQ(server_.start(), "");
     PulseAudioHardwareService::Options options;

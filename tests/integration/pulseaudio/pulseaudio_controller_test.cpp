@@ -55,7 +55,7 @@ class PulseAudioControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!PrivatePulseServer::isInstalled()) {
-      GTEST_SKIP() << "the pulseaudio program is not installed (Debian package pulseaudio)";
+      FAIL() << "the pulseaudio program is not installed (Debian package pulseaudio)";
     }
     ASSERT_EQ(server_.start(), "");
     PulseAudioHardwareService::Options options;
@@ -183,7 +183,7 @@ TEST_F(PulseAudioControllerTest, RecordingStreamBringsChangedRunningTrueThenFals
 
 TEST_F(PulseAudioControllerTest, ParecordBringsChangedRunningTrueThenFalse) {
   if (!ChildProcess::findProgram("parecord")) {
-    GTEST_SKIP() << "parecord is not installed (Debian package pulseaudio-utils)";
+    FAIL() << "parecord is not installed (Debian package pulseaudio-utils)";
   }
   observe();
   ChildProcess parecord;

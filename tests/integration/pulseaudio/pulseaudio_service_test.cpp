@@ -49,7 +49,7 @@ class PulseAudioServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!PrivatePulseServer::isInstalled()) {
-      GTEST_SKIP() << "the pulseaudio program is not installed (Debian package pulseaudio)";
+      FAIL() << "the pulseaudio program is not installed (Debian package pulseaudio)";
     }
   }
 
@@ -257,7 +257,7 @@ TEST_F(PulseAudioServiceTest, RecordingStreamMakesTheSourceRunningUntilItCloses)
 
 TEST_F(PulseAudioServiceTest, ParecordMakesTheSourceRunningUntilItExits) {
   if (!ChildProcess::findProgram("parecord")) {
-    GTEST_SKIP() << "parecord is not installed (Debian package pulseaudio-utils)";
+    FAIL() << "parecord is not installed (Debian package pulseaudio-utils)";
   }
   ASSERT_NO_FATAL_FAILURE(startServerAndService());
   PropertyProbe running(*service_, nullSource_, kRunning, queue_);
