@@ -1,5 +1,8 @@
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 
+#include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
+#include "HarkwellFoundation/Consumers/internal/DeviceConsumerWatch.h"
+
 namespace harkwell {
 
 std::shared_ptr<DispatchQueue> MediaDeviceController::defaultDeviceEventHandlerQueue() {
@@ -62,6 +65,71 @@ void MediaDeviceController::setDeviceEventHandler(DeviceEventHandler handler) {
   std::swap(deviceEventHandler_, handler);
 }
 
+// --- Consumers -----------------------------------------------------------------------------------
+
+MediaDeviceController::DeviceConsumersHandler MediaDeviceController::deviceConsumersHandler()
+    const {
+  MutexLock lock(handlersMutex_);
+  return deviceConsumersHandler_;
+}
+
+void MediaDeviceController::setDeviceConsumersHandler(DeviceConsumersHandler handler) {
+  const bool following = static_cast<bool>(handler);
+  {
+    MutexLock lock(handlersMutex_);
+    std::swap(deviceConsumersHandler_, handler);
+    if (following && !consumerWatch_) {
+      consumerWatch_ = DeviceConsumerWatch::create(
+          deviceEventHandlerQueue_,
+          [weakSelf = weak_from_this()](MediaType mediaType, ObjectID deviceID,
+                                        const std::vector<MediaDeviceConsumer>& consumers) {
+            if (const auto self = weakSelf.lock()) {
+              self->_reportConsumers(mediaType, deviceID, consumers);
+            }
+          });
+    }
+  }
+  if (!observeDevices()) return;
+  // Devices already announced start (or stop) being followed on the queue, after the events
+  // already queued for them.
+  deviceEventHandlerQueue_->async(
+      [self = shared_from_this()] { self->_followConsumersOfConnectedDevices(); });
+}
+
+std::shared_ptr<DeviceConsumerWatch> MediaDeviceController::_consumerWatch() const {
+  MutexLock lock(handlersMutex_);
+  return consumerWatch_;
+}
+
+void MediaDeviceController::_followConsumersOfConnectedDevices() {
+  const auto watch = _consumerWatch();
+  if (!watch) return;
+  if (!deviceConsumersHandler() || !observeDevices()) {
+    watch->unwatchAll();
+    return;
+  }
+  for (const MediaDevice& device : connectedDevices()) {
+    watch->watch(device.mediaType, device.deviceID);
+  }
+}
+
+void MediaDeviceController::_reportConsumers(MediaType mediaType, ObjectID deviceID,
+                                             const std::vector<MediaDeviceConsumer>& consumers) {
+  const auto handler = deviceConsumersHandler();
+  if (!handler) return;
+  for (const MediaDevice& device : connectedDevices()) {
+    if (device.mediaType == mediaType && device.deviceID == deviceID) {
+      handler(device, consumers);
+      return;
+    }
+  }
+}
+
+std::optional<std::vector<MediaDeviceConsumer>> MediaDeviceController::consumersOfDevice(
+    const MediaDevice& device) const {
+  return MediaDeviceConsumersForDevice(device);
+}
+
 // --- Starting and stopping ----------------------------------------------------------------------
 
 template <class Observer>
@@ -116,6 +184,7 @@ void MediaDeviceController::_stopObservingDevices() {
     observer.stopObservingConnectedDevices();
     observer.stopObservingPropertiesForAllDevices();
   };
+  if (const auto watch = _consumerWatch()) watch->unwatchAll();
   // Each local keeps its observer until the end, so a last reference goes here, unlocked.
   if (const auto audio = _currentObservers().first) {
     stop(*audio);
@@ -131,6 +200,7 @@ void MediaDeviceController::_stopObservingDevices() {
 
 void MediaDeviceController::_handleDeviceEvent(MediaDeviceObserver& observer,
                                                MediaDeviceEvent event, const MediaDevice& device) {
+  const auto watch = deviceConsumersHandler() ? _consumerWatch() : nullptr;
   switch (event) {
     case MediaDeviceEvent::InitialDiscovery:
     case MediaDeviceEvent::Connected:
@@ -138,12 +208,20 @@ void MediaDeviceController::_handleDeviceEvent(MediaDeviceObserver& observer,
       break;
     case MediaDeviceEvent::Disconnected:
       observer.stopObservingPropertiesForDeviceID(device.deviceID);
+      if (const auto anyWatch = _consumerWatch()) {
+        anyWatch->unwatch(device.mediaType, device.deviceID);
+      }
       break;
     case MediaDeviceEvent::ChangedRunning:
     case MediaDeviceEvent::ChangedInputSource:
       break;
   }
   if (auto handler = deviceEventHandler()) handler(event, device);
+  // Consumers are followed only after the client has heard of the device.
+  if (watch &&
+      (event == MediaDeviceEvent::InitialDiscovery || event == MediaDeviceEvent::Connected)) {
+    watch->watch(device.mediaType, device.deviceID);
+  }
 }
 
 // --- Lists ---------------------------------------------------------------------------------------

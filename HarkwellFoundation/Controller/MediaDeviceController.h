@@ -3,7 +3,7 @@
 // brackets to the client's two callbacks, sends the initial discovery of the devices already
 // present, starts a device's property observation before the client hears of it and stops it
 // before the client hears it is gone. It also answers three list queries from the observers'
-// caches.
+// caches, and, for a client that asks, who uses each device (see Model/MediaDeviceConsumer.h).
 //
 // Threads: every client callback runs on deviceEventHandlerQueue(), never overlapping when the
 // queue is serial (the default queue is). Configure the controller from one thread; the list
@@ -23,23 +23,29 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "HarkwellFoundation/Audio/AudioDeviceObserver.h"
 #include "HarkwellFoundation/HarkwellFoundationExport.h"
 #include "HarkwellFoundation/Model/MediaDevice.h"
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/DispatchQueue.h"
 #include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Video/VideoDeviceObserver.h"
 
 namespace harkwell {
 
+class DeviceConsumerWatch;
+
 class HARKWELL_EXPORT MediaDeviceController
     : public std::enable_shared_from_this<MediaDeviceController> {
  public:
   using UpdatingDevicesHandler = std::function<void(bool finished)>;
   using DeviceEventHandler = std::function<void(MediaDeviceEvent, const MediaDevice&)>;
+  using DeviceConsumersHandler =
+      std::function<void(const MediaDevice&, const std::vector<MediaDeviceConsumer>&)>;
 
   // The process-wide serial queue used when a controller is made without one; its label ends in
   // ".HarkwellFoundation.DefaultDeviceEventHandlerQueue". Made once, on first use.
@@ -72,6 +78,20 @@ class HARKWELL_EXPORT MediaDeviceController
   virtual DeviceEventHandler deviceEventHandler() const;
   virtual void setDeviceEventHandler(DeviceEventHandler handler);
 
+  // Who uses a device. With a handler set, the controller follows the consumers of every connected
+  // device and calls the handler on deviceEventHandlerQueue() each time a device's list changes:
+  // first right after the device's InitialDiscovery or Connected event when it already has
+  // consumers, never after its Disconnected event (which itself means nobody uses it any more).
+  // The device record is the controller's current one. Without a handler nothing is read or
+  // followed, so the device events are exactly those of a client that never heard of consumers.
+  // The handler may be set or cleared while observing; the change takes effect on the queue.
+  virtual DeviceConsumersHandler deviceConsumersHandler() const;
+  virtual void setDeviceConsumersHandler(DeviceConsumersHandler handler);
+  // The consumers of a device read from its service now (any thread); empty when the service
+  // cannot tell.
+  virtual std::optional<std::vector<MediaDeviceConsumer>> consumersOfDevice(
+      const MediaDevice& device) const;
+
   // For tests only: the current observers (null while not observing).
   std::shared_ptr<AudioDeviceObserver> audioDeviceObserverForTesting() const;
   std::shared_ptr<VideoDeviceObserver> videoDeviceObserverForTesting() const;
@@ -88,6 +108,10 @@ class HARKWELL_EXPORT MediaDeviceController
   std::shared_ptr<Observer> _makeObserver();
   std::pair<std::shared_ptr<AudioDeviceObserver>, std::shared_ptr<VideoDeviceObserver>>
   _currentObservers() const;
+  std::shared_ptr<DeviceConsumerWatch> _consumerWatch() const;
+  void _followConsumersOfConnectedDevices();
+  void _reportConsumers(MediaType mediaType, ObjectID deviceID,
+                        const std::vector<MediaDeviceConsumer>& consumers);
 
   const std::shared_ptr<DispatchQueue> deviceEventHandlerQueue_;
   std::atomic<bool> observeDevices_{false};
@@ -95,6 +119,10 @@ class HARKWELL_EXPORT MediaDeviceController
   mutable Mutex handlersMutex_;
   UpdatingDevicesHandler updatingDevicesHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
   DeviceEventHandler deviceEventHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
+  DeviceConsumersHandler deviceConsumersHandler_ HARKWELL_GUARDED_BY(handlersMutex_);
+
+  // Made when a consumers handler is first set; it holds the controller weakly.
+  std::shared_ptr<DeviceConsumerWatch> consumerWatch_ HARKWELL_GUARDED_BY(handlersMutex_);
 
   mutable Mutex observersMutex_;
   std::shared_ptr<AudioDeviceObserver> _audioDeviceObserver HARKWELL_GUARDED_BY(observersMutex_);

@@ -28,6 +28,9 @@ constexpr std::uint32_t kAudioDevicePropertyStreams = FourCharCode("stm#");
 constexpr std::uint32_t kAudioDevicePropertyDeviceIsRunningSomewhere = FourCharCode("gone");
 constexpr std::uint32_t kAudioDevicePropertyTransportType = FourCharCode("tran");
 constexpr std::uint32_t kAudioDevicePropertyHogMode = FourCharCode("oink");
+// The library's own: the device's consumers, encoded by Platform/DeviceConsumerCoding.h. No
+// platform defines it; the Apple service builds it from CoreAudio's process objects.
+constexpr std::uint32_t kAudioDevicePropertyConsumers = FourCharCode("hcn#");
 
 // Transport codes.
 constexpr std::uint32_t kAudioDeviceTransportTypeUnknown = 0;

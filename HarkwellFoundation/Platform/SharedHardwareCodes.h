@@ -25,6 +25,7 @@ static_assert(kAudioDevicePropertyDeviceIsRunningSomewhere ==
               kCMIODevicePropertyDeviceIsRunningSomewhere);
 static_assert(kAudioDevicePropertyTransportType == kCMIODevicePropertyTransportType);
 static_assert(kAudioDevicePropertyHogMode == kCMIODevicePropertyHogMode);
+static_assert(kAudioDevicePropertyConsumers == kCMIODevicePropertyConsumers);
 
 static_assert(kAudioHardwareBadObjectError == kCMIOHardwareBadObjectError);
 static_assert(kAudioHardwareUnknownPropertyError == kCMIOHardwareUnknownPropertyError);

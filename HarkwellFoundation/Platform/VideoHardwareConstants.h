@@ -26,6 +26,8 @@ constexpr std::uint32_t kCMIODevicePropertyStreams = FourCharCode("stm#");
 constexpr std::uint32_t kCMIODevicePropertyDeviceIsRunningSomewhere = FourCharCode("gone");
 constexpr std::uint32_t kCMIODevicePropertyTransportType = FourCharCode("tran");
 constexpr std::uint32_t kCMIODevicePropertyHogMode = FourCharCode("oink");
+// The library's own: the camera's consumers, encoded by Platform/DeviceConsumerCoding.h.
+constexpr std::uint32_t kCMIODevicePropertyConsumers = FourCharCode("hcn#");
 
 // Transport codes a video device reports.
 constexpr std::uint32_t kVideoTransportTypeFireWire = FourCharCode("1394");

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 // One set of helpers fills audio and video devices alike.
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/SharedHardwareCodes.h"
 
 namespace harkwell {
@@ -33,7 +34,8 @@ void setCommonDeviceProperties(SimulatedObjectGraph& graph, ObjectID id,
                                const std::optional<std::string>& uid,
                                const std::optional<std::string>& modelUID, std::uint32_t transport,
                                std::uint32_t inputs, std::uint32_t outputs, bool running,
-                               std::int32_t hogPID) {
+                               std::int32_t hogPID,
+                               const std::vector<MediaDeviceConsumer>& consumers) {
   graph.removeObject(id);
   graph.addObject(id);
   graph.setProperty(id, global(kAudioObjectPropertyName), SimulatedPropertyValue::String(name),
@@ -52,6 +54,8 @@ void setCommonDeviceProperties(SimulatedObjectGraph& graph, ObjectID id,
                     SimulatedPropertyValue::UInt32(running ? 1 : 0), false);
   graph.setProperty(id, global(kAudioDevicePropertyHogMode), SimulatedPropertyValue::Int32(hogPID),
                     false);
+  graph.setProperty(id, global(kAudioDevicePropertyConsumers),
+                    SimulatedPropertyValue::Bytes(EncodeDeviceConsumers(consumers)), false);
 }
 
 }  // namespace
@@ -90,6 +94,13 @@ void SimulatedHardwareService<ServiceInterface>::setDeviceRunning(ObjectID devic
               SimulatedPropertyValue::UInt32(running ? 1 : 0));
 }
 
+template <class ServiceInterface>
+void SimulatedHardwareService<ServiceInterface>::setDeviceConsumers(
+    ObjectID deviceID, const std::vector<MediaDeviceConsumer>& consumers) {
+  setProperty(deviceID, global(kAudioDevicePropertyConsumers),
+              SimulatedPropertyValue::Bytes(EncodeDeviceConsumers(consumers)));
+}
+
 template class SimulatedHardwareService<AudioHardwareService>;
 template class SimulatedHardwareService<VideoHardwareService>;
 
@@ -98,7 +109,7 @@ template class SimulatedHardwareService<VideoHardwareService>;
 void SimulatedAudioHardwareService::addDevice(const SimulatedAudioDevice& device) {
   setCommonDeviceProperties(*this, device.deviceID, device.name, device.deviceUID, device.modelUID,
                             device.transportType, device.inputStreamCount, device.outputStreamCount,
-                            device.isRunning, device.hogModePID);
+                            device.isRunning, device.hogModePID, device.consumers);
   if (device.selectedDataSource) {
     setProperty(device.deviceID, input(kAudioDevicePropertyDataSource),
                 SimulatedPropertyValue::UInt32(*device.selectedDataSource), false);
@@ -126,7 +137,7 @@ SimulatedVideoHardwareService::SimulatedVideoHardwareService() {
 void SimulatedVideoHardwareService::addDevice(const SimulatedVideoDevice& device) {
   setCommonDeviceProperties(*this, device.deviceID, device.name, device.deviceUID, device.modelUID,
                             device.transportType, device.inputStreamCount, device.outputStreamCount,
-                            device.isRunning, device.hogModePID);
+                            device.isRunning, device.hogModePID, device.consumers);
   auto ids = deviceList();
   ids.push_back(device.deviceID);
   setDeviceList(std::move(ids));

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/HarkwellFoundationExport.h"
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedObjectGraph.h"
 
@@ -31,6 +32,7 @@ struct HARKWELL_EXPORT SimulatedAudioDevice {
   std::optional<std::uint32_t> selectedDataSource;
   std::map<std::uint32_t, std::optional<std::string>> dataSourceNames;
   std::int32_t hogModePID = -1;
+  std::vector<MediaDeviceConsumer> consumers;
 };
 
 // A video device as the simulated platform shows it.
@@ -44,6 +46,7 @@ struct HARKWELL_EXPORT SimulatedVideoDevice {
   std::uint32_t outputStreamCount = 0;
   bool isRunning = false;
   std::int32_t hogModePID = -1;
+  std::vector<MediaDeviceConsumer> consumers;
 };
 
 // The seam's calls answered from the graph, and the device-list and running-state helpers, which
@@ -58,6 +61,8 @@ class HARKWELL_EXPORT SimulatedHardwareService : public ServiceInterface,
   void setDeviceList(std::vector<ObjectID> deviceIDs);
   std::vector<ObjectID> deviceList() const;
   void setDeviceRunning(ObjectID deviceID, bool running);
+  // Replaces the device's consumers and notifies its consumers property.
+  void setDeviceConsumers(ObjectID deviceID, const std::vector<MediaDeviceConsumer>& consumers);
 
   OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
                                std::uint32_t qualifierDataSize, const void*,
