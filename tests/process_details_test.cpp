@@ -242,7 +242,9 @@ TEST_F(ProcessDetailsTreeTest, WhatTheServerAlreadyKnewIsKept) {
   EXPECT_EQ(consumer.processName, "parecord");
 }
 
-std::string RealPath(const std::string& path) { return fs::canonical(path).string(); }
+std::string RealPath(const std::string& path) {
+  return fs::canonical(path).string();
+}
 
 TEST(ProcessDetailsRealTest, ARunningChildIsDescribedFromTheRealProc) {
   // cat echoing a line proves the child has become cat, not still the test forked.

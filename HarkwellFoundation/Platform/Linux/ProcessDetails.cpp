@@ -21,9 +21,15 @@ constexpr std::size_t kCommLimit = 64;
 constexpr std::size_t kCgroupLimit = 16 * 1024;
 constexpr std::size_t kFlatpakInfoLimit = 64 * 1024;
 
-bool IsAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-bool IsAsciiDigit(char c) { return c >= '0' && c <= '9'; }
-bool IsLowerOrDigit(char c) { return (c >= 'a' && c <= 'z') || IsAsciiDigit(c); }
+bool IsAsciiLetter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+bool IsAsciiDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+bool IsLowerOrDigit(char c) {
+  return (c >= 'a' && c <= 'z') || IsAsciiDigit(c);
+}
 
 // Calls `visit` with each line of `text`, without its line break.
 template <typename Visit>
@@ -56,21 +62,39 @@ std::string UnescapeStatusName(std::string_view text) {
     const char next = text[i + 1];
     if (next >= '0' && next <= '7' && i + 3 < text.size() && text[i + 2] >= '0' &&
         text[i + 2] <= '7' && text[i + 3] >= '0' && text[i + 3] <= '7') {
-      name += static_cast<char>(((next - '0') << 6) | ((text[i + 2] - '0') << 3) |
-                                (text[i + 3] - '0'));
+      name +=
+          static_cast<char>(((next - '0') << 6) | ((text[i + 2] - '0') << 3) | (text[i + 3] - '0'));
       i += 3;
       continue;
     }
     switch (next) {
-      case 'n': name += '\n'; break;
-      case 't': name += '\t'; break;
-      case 'r': name += '\r'; break;
-      case 'f': name += '\f'; break;
-      case 'v': name += '\v'; break;
-      case 'a': name += '\a'; break;
-      case 'e': name += '\x1b'; break;
-      case '\\': name += '\\'; break;
-      case '"': name += '"'; break;
+      case 'n':
+        name += '\n';
+        break;
+      case 't':
+        name += '\t';
+        break;
+      case 'r':
+        name += '\r';
+        break;
+      case 'f':
+        name += '\f';
+        break;
+      case 'v':
+        name += '\v';
+        break;
+      case 'a':
+        name += '\a';
+        break;
+      case 'e':
+        name += '\x1b';
+        break;
+      case '\\':
+        name += '\\';
+        break;
+      case '"':
+        name += '"';
+        break;
       default:
         name += '\\';
         name += next;
@@ -202,8 +226,7 @@ ProcessSandbox SandboxFromCgroup(std::string_view cgroupText) {
     // The innermost unit decides: a Flatpak started from a snap's terminal is a Flatpak.
     while (!path.empty() && found.sandbox == MediaDeviceConsumerSandbox::None) {
       const auto slash = path.rfind('/');
-      const std::string_view unit =
-          slash == std::string_view::npos ? path : path.substr(slash + 1);
+      const std::string_view unit = slash == std::string_view::npos ? path : path.substr(slash + 1);
       found = SandboxFromUnitName(unit);
       path = slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
     }

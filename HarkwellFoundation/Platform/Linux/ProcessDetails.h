@@ -54,8 +54,8 @@ std::optional<std::string> ProcessNameFromCommText(std::string_view commText);
 
 // The fields of /proc/<pid>/status that tell whether the entry is a live process.
 struct ProcessStatus {
-  std::optional<std::string> name;  // "Name:", with the kernel's escapes ("\n", "\\") undone
-  std::optional<char> state;        // the letter of "State:" ('R', 'S', 'Z', ...)
+  std::optional<std::string> name;     // "Name:", with the kernel's escapes ("\n", "\\") undone
+  std::optional<char> state;           // the letter of "State:" ('R', 'S', 'Z', ...)
   std::optional<pid_t> threadGroupID;  // "Tgid:"; differs from the ID read for a thread
 
   bool isZombie() const { return state == 'Z' || state == 'X'; }
