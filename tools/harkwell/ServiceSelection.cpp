@@ -12,7 +12,7 @@
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
 #endif
 #if defined(HARKWELL_WITH_V4L2)
-#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2ServiceWithMediaServers.h"
 #endif
 
 namespace harkwell::cli {
@@ -60,7 +60,8 @@ std::shared_ptr<VideoHardwareService> MakeV4L2Service(const ServiceOptions& opti
   if (options.procRoot) serviceOptions.procRoot = *options.procRoot;
   // A stand-in sysfs tree comes without a udev database of its own.
   if (options.sysfsRoot) serviceOptions.udevDataRoot.clear();
-  return V4L2HardwareService::create(std::move(serviceOptions));
+  // PipeWire's graph, where a daemon answers, tells which cameras it streams to its clients.
+  return MakeV4L2ServiceWithMediaServers(std::move(serviceOptions));
 #else
   (void)options;
   return nullptr;

@@ -1,5 +1,6 @@
 // Installs the audio and video hardware services the command line asked for, before any device is
-// read: PipeWire (or PulseAudio where no PipeWire daemon answers) and V4L2 by default, simulated
+// read: PipeWire (or PulseAudio where no PipeWire daemon answers) and V4L2 (following PipeWire's
+// graph where a daemon answers) by default, simulated
 // ones (filled from a scenario file) or ones with no devices. Called once, on the main thread,
 // before a controller is made.
 #pragma once

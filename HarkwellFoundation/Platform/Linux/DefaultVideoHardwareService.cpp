@@ -1,11 +1,13 @@
 // The video service a Linux process starts with: the V4L2 service on the machine's own /sys, /dev
-// and /proc. A machine without cameras (or without /sys/class/video4linux) has no devices, and the
-// service keeps watching /dev so that a camera plugged in later appears. A build without V4L2
-// support uses a simulated service with no devices, so the library still runs everywhere.
+// and /proc, following PipeWire's graph where a PipeWire daemon answers
+// (V4L2ServiceWithMediaServers.h). A machine without cameras (or without /sys/class/video4linux)
+// has no devices, and the service keeps watching /dev so that a camera plugged in later appears. A
+// build without V4L2 support uses a simulated service with no devices, so the library still runs
+// everywhere.
 #include "HarkwellFoundation/Platform/HardwareService.h"
 
 #if defined(HARKWELL_WITH_V4L2)
-#include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2ServiceWithMediaServers.h"
 #else
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #endif
@@ -14,7 +16,7 @@ namespace harkwell {
 
 std::shared_ptr<VideoHardwareService> MakeDefaultVideoHardwareService() {
 #if defined(HARKWELL_WITH_V4L2)
-  return V4L2HardwareService::create();
+  return MakeV4L2ServiceWithMediaServers(V4L2HardwareService::Options());
 #else
   return SimulatedVideoHardwareService::create();
 #endif

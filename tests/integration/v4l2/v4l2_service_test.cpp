@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <mutex>
 #include <set>
 
 #include "HarkwellFoundation/Platform/PlatformString.h"
@@ -609,35 +610,68 @@ TEST_F(V4L2ServiceTest, OpenNodeCountsWhereFramesCannotShowAsMappingsButNotForAM
   EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
 }
 
+// A media server's graph set from the test: it answers for one camera, and tells the service
+// when its answer changes.
+class ScriptedMediaServerGraph final : public v4l2::MediaServerGraph {
+ public:
+  explicit ScriptedMediaServerGraph(std::string cameraUID) : cameraUID_(std::move(cameraUID)) {}
+
+  std::optional<bool> streamsCamera(const v4l2::CameraDescription& camera) override {
+    const int answer = answer_.load();
+    if (camera.uid != cameraUID_ || answer < 0) return std::nullopt;
+    return answer == 1;
+  }
+
+  void setChangeHandler(std::function<void()> handler) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    handler_ = std::move(handler);
+  }
+
+  // -1: no answer; 0, 1: the verdict.
+  void answer(int verdict) {
+    answer_.store(verdict);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (handler_) handler_();
+  }
+
+  bool hasHandler() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<bool>(handler_);
+  }
+
+ private:
+  const std::string cameraUID_;
+  std::atomic<int> answer_{-1};
+  std::mutex mutex_;
+  std::function<void()> handler_;
+};
+
 TEST_F(V4L2ServiceTest, MediaServerGraphDecidesWhereItAnswers) {
   addUsbCamera();
-  auto answer = std::make_shared<std::atomic<int>>(-1);  // -1: no answer; 0, 1: the verdict
-  service = V4L2HardwareService::create(
-      {.sysfsRoot = tree.sysfsRoot(),
-       .devRoot = tree.devRoot(),
-       .procRoot = "/proc",
-       .udevDataRoot = tree.udevDataRoot(),
-       .mediaServerQuery = [answer](const v4l2::CameraDescription& camera) -> std::optional<bool> {
-         if (camera.uid != "usb:046d:0825:A1B2C3@1-2:1.0" || answer->load() < 0) {
-           return std::nullopt;
-         }
-         return answer->load() == 1;
-       }});
+  auto graph = std::make_shared<ScriptedMediaServerGraph>("usb:046d:0825:A1B2C3@1-2:1.0");
+  service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                         .devRoot = tree.devRoot(),
+                                         .procRoot = "/proc",
+                                         .udevDataRoot = tree.udevDataRoot(),
+                                         .mediaServerGraph = graph});
+  RecordingListener listener([this] { return uint32(kWebcam, kRunning).value_or(99); });
+  ASSERT_EQ(listen(kWebcam, kRunning, listener), kNoErr);
   auto server = StartNodeUser(tree.devNodePath("video0"), true, MediaServerStandIn(tree));
   ASSERT_TRUE(server);
-  settle();
-  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);  // no answer: its mapping decides
+  ASSERT_TRUE(listener.values.waitForCount(1));  // no answer: its mapping decides
 
-  answer->store(0);  // mapped, but the graph has no consumer running
-  service->mediaServerGraphChanged();
-  settle();
-  EXPECT_EQ(uint32(kWebcam, kRunning), 0u);
-
+  // The graph's change alone makes the service judge again; no file event comes with it.
+  graph->answer(0);  // mapped, but the graph has no consumer running
+  ASSERT_TRUE(listener.values.waitForCount(2));
   ASSERT_TRUE(TellNodeUser(*server, "unmap", "unmapped"));
-  answer->store(1);
-  service->mediaServerGraphChanged();
+  graph->answer(1);
+  ASSERT_TRUE(listener.values.waitForCount(3));
+  EXPECT_EQ(listener.values.entries(), (std::vector<std::uint32_t>{1, 0, 1}));
+
+  // The service lets go of the graph's changes when it goes.
   settle();
-  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+  service.reset();
+  EXPECT_FALSE(graph->hasHandler());
 }
 
 TEST_F(V4L2ServiceTest, MetadataNodeStreamedAlsoCountsAsRunning) {

@@ -188,13 +188,17 @@ void PipeWireGraphConnection::waitForFirstOutcome(std::chrono::milliseconds time
     pw_thread_loop_lock(loop_);
     if (!synchronised_ && !inOutage_) {
       inOutage_ = true;
-      log_.log("PipeWire: the daemon did not answer within " + std::to_string(timeout.count()) +
-               " ms; devices will appear when it does");
+      log("PipeWire: the daemon did not answer within " + std::to_string(timeout.count()) +
+          " ms; devices will appear when it does");
     }
     pw_thread_loop_unlock(loop_);
   }
   // No lock is held from here on.
   log_.writeHeldLines();
+}
+
+void PipeWireGraphConnection::log(std::string line) {
+  if (options_.writesLogLines) log_.log(std::move(line));
 }
 
 void PipeWireGraphConnection::endFirstAttempt() {
@@ -214,8 +218,8 @@ void PipeWireGraphConnection::connect() {
         errno == EHOSTDOWN ? "nothing listens on its socket" : std::strerror(errno);
     if (!inOutage_) {
       inOutage_ = true;
-      log_.log("PipeWire: no daemon answered at " + RemoteNameOf(options_.remote) + " (" + reason +
-               "); devices will appear when one starts");
+      log("PipeWire: no daemon answered at " + RemoteNameOf(options_.remote) + " (" + reason +
+          "); devices will appear when one starts");
     }
     endFirstAttempt();
     scheduleReconnect();
@@ -285,10 +289,10 @@ void PipeWireGraphConnection::onDaemonLost(const std::string& reason) {
   if (!inOutage_) {
     inOutage_ = true;
     if (hadGraph) {
-      log_.log("PipeWire: lost the daemon (" + reason + "); reconnecting");
+      log("PipeWire: lost the daemon (" + reason + "); reconnecting");
     } else {
-      log_.log("PipeWire: no daemon answered at " + RemoteNameOf(options_.remote) + " (" + reason +
-               "); devices will appear when one starts");
+      log("PipeWire: no daemon answered at " + RemoteNameOf(options_.remote) + " (" + reason +
+          "); devices will appear when one starts");
     }
   }
   // Every device leaves with the daemon.
@@ -331,7 +335,7 @@ void PipeWireGraphConnection::onSynced(int seq) {
     retryDelay_ = options_.firstRetryDelay;
     if (inOutage_) {
       inOutage_ = false;
-      log_.log("PipeWire: connected to the daemon at " + RemoteNameOf(options_.remote));
+      log("PipeWire: connected to the daemon at " + RemoteNameOf(options_.remote));
     }
     publish();
     endFirstAttempt();

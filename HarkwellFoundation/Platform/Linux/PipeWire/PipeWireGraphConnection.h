@@ -8,9 +8,10 @@
 // announced at connection and every bound object's first info; from then on every change is
 // handed over as it arrives, and a device's routes once all of a changed param have arrived.
 //
-// It writes one log line when no daemon answers at start-up (or not in the time the owner waits),
-// one when the daemon goes away, and one when it connects after either; retries are silent. No
-// line is written on the loop thread or with any lock held (HeldLogLines.h).
+// Unless told not to, it writes one log line when no daemon answers at start-up (or not in the
+// time the owner waits), one when the daemon goes away, and one when it connects after either;
+// retries are silent. No line is written on the loop thread or with any lock held
+// (HeldLogLines.h).
 #pragma once
 
 #include <chrono>
@@ -53,6 +54,8 @@ class PipeWireGraphConnection {
     // Delays between reconnection attempts: the first, doubled after each failure up to the last.
     std::chrono::milliseconds firstRetryDelay{100};
     std::chrono::milliseconds longestRetryDelay{2000};
+    // Off for a second connection beside the audio service's, whose lines would say the same.
+    bool writesLogLines = true;
   };
 
   // Starts the loop thread and the first attempt, and returns at once. Null only if libpipewire
@@ -91,6 +94,7 @@ class PipeWireGraphConnection {
   void onSynced(int seq);
   void publish();
   void endFirstAttempt();
+  void log(std::string line);
 
   void onGlobal(std::uint32_t id, const char* type, const spa_dict* props);
   void onGlobalRemoved(std::uint32_t id);

@@ -35,8 +35,8 @@ namespace harkwell::v4l2 {
 
 // Asked, on the background thread, about a camera that a media server holds or maps: does the
 // server stream it for a client right now? Absent: the server's own view is not available for
-// this camera, and the server's mappings decide. Must answer from memory, without waiting (a
-// PipeWire client answers from its copy of the graph, PipeWireStreamsCamera).
+// this camera, and the server's mappings decide. Must answer from memory, without waiting (see
+// MediaServerGraph.h).
 using MediaServerStreamQuery = std::function<std::optional<bool>(const CameraDescription& camera)>;
 
 class CameraStreamJudge {

@@ -42,10 +42,21 @@ v4l2::NodeProbe ProbeOrDefault(v4l2::NodeProbe probe) {
   return probe ? std::move(probe) : v4l2::NodeProbe(&v4l2::ProbeNodeCapabilities);
 }
 
+v4l2::MediaServerStreamQuery QueryOf(const std::shared_ptr<v4l2::MediaServerGraph>& graph) {
+  if (!graph) return {};
+  return [graph](const v4l2::CameraDescription& camera) { return graph->streamsCamera(camera); };
+}
+
 }  // namespace
 
 std::shared_ptr<V4L2HardwareService> V4L2HardwareService::create(Options options) {
   std::shared_ptr<V4L2HardwareService> service(new V4L2HardwareService(std::move(options)));
+  // Before the first reading, so that no change of the graph after it goes unseen. The handler is
+  // removed before anything it touches is gone.
+  if (service->options_.mediaServerGraph) {
+    service->options_.mediaServerGraph->setChangeHandler(
+        [raw = service.get()] { raw->mediaServerGraphChanged(); });
+  }
   service->startWatching();
   service->readTree();
   service->thread_ = std::thread([raw = service.get()] { raw->run(); });
@@ -57,9 +68,10 @@ V4L2HardwareService::V4L2HardwareService(Options options)
     : options_(std::move(options)),
       probeCache_(ProbeOrDefault(options_.probe)),
       scanner_(options_.procRoot, ::getpid()),
-      judge_(options_.procRoot, options_.mediaServerQuery) {}
+      judge_(options_.procRoot, QueryOf(options_.mediaServerGraph)) {}
 
 V4L2HardwareService::~V4L2HardwareService() {
+  if (options_.mediaServerGraph) options_.mediaServerGraph->setChangeHandler({});
   stopRequested_ = true;
   watcher_.wake();
   if (thread_.joinable()) thread_.join();
@@ -162,10 +174,11 @@ void V4L2HardwareService::run() {
         ticket = barrierRequested_;
       }
       handleEvents(watcher_.takeQueued());
+      const bool graphChanged = graphChanged_.exchange(false);
       if (recheckAt_) {
         recheckAt_.reset();
         readRunningState();
-      } else if (streamCheckAt_ || graphChanged_.exchange(false)) {
+      } else if (streamCheckAt_ || graphChanged) {
         // Whatever is due is done now: a stream started since the last check shows at once.
         checkStreams();
       }

@@ -83,10 +83,12 @@
 //
 // Media servers (MediaServerProcesses.h: pipewire, pipewire-media-session, wireplumber, matched by
 // executable) hold nodes open while idle; their descriptors never count, their mappings do. Where
-// a media server's own graph is known (Options::mediaServerQuery; PipeWireStreamsCamera answers it
-// from a copy of PipeWire's graph: the camera's node state and its links to consumers), its answer
-// replaces the server's mappings; mediaServerGraphChanged() asks again. By default no query is
-// set, and the server's mappings decide.
+// a media server's own graph is known (Options::mediaServerGraph, MediaServerGraph.h), its answer
+// replaces the server's mappings: PipeWireCameraGraph answers from PipeWire's live graph (the
+// camera's node running with an active link to a consumer), and each change of that graph that
+// concerns a camera makes the service judge again at once. The default services follow PipeWire's
+// graph when a PipeWire daemon answers at start-up (V4L2ServiceWithMediaServers.h); without a
+// graph, the server's mappings decide.
 //
 // When the service looks: /proc/<pid>/fd after every burst of opens and closes (and once more for
 // an opener not yet visible, see below); the maps of the known holders and the cameras' USB
@@ -133,6 +135,7 @@
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/CameraStreamJudge.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/MediaServerGraph.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbe.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbeCache.h"
@@ -161,9 +164,10 @@ class V4L2HardwareService final : public VideoHardwareService {
     // long each time, up to the longest delay, which then repeats until no node is open.
     std::chrono::nanoseconds firstStreamCheckDelay = std::chrono::milliseconds(5);
     std::chrono::nanoseconds longestStreamCheckDelay = std::chrono::milliseconds(500);
-    // Answers for cameras that a media server holds, from the server's own graph; empty: the
-    // server's mappings decide (see CameraStreamJudge.h).
-    v4l2::MediaServerStreamQuery mediaServerQuery;
+    // Answers for cameras that a media server holds, from the server's own graph; null: the
+    // server's mappings decide (see CameraStreamJudge.h). The service follows its changes from
+    // create() until it is destroyed.
+    std::shared_ptr<v4l2::MediaServerGraph> mediaServerGraph;
   };
 
   static std::shared_ptr<V4L2HardwareService> create(Options options);
@@ -194,10 +198,6 @@ class V4L2HardwareService final : public VideoHardwareService {
   // called from a listener block on a queue the caller then waits for.
   void waitForPendingChanges();
 
-  // The media server's graph changed: its answers to mediaServerQuery are asked again soon, on
-  // the background thread. Any thread may call.
-  void mediaServerGraphChanged();
-
   // How many times /proc has been scanned for descriptors, and how many times the cameras'
   // streams were looked at (for tests and benchmarks).
   std::uint64_t processScanCount() const { return processScanCount_.load(); }
@@ -225,6 +225,9 @@ class V4L2HardwareService final : public VideoHardwareService {
   // Judges every camera's stream from the last descriptor scan, publishes, and decides when to
   // look again.
   void checkStreams();
+  // The media server's graph changed: the cameras are judged again soon, on the background thread.
+  // Any thread may call.
+  void mediaServerGraphChanged();
   void publish(const std::vector<bool>& running);
   void notify(const std::vector<PropertyChange>& changes);
   // Logs `line` for the problem named `problem`, unless that line was logged for it and the

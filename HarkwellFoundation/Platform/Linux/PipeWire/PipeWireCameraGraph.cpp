@@ -1,0 +1,76 @@
+#include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireCameraGraph.h"
+
+#include <array>
+
+#include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireCameraStreaming.h"
+
+namespace harkwell {
+namespace {
+
+// What the answers depend on; other properties change without concerning any camera.
+constexpr std::array<const char*, 3> kCameraNodeKeys = {"media.class", "api.v4l2.path",
+                                                        "object.path"};
+
+PipeWireGraph CamerasPartOf(const PipeWireGraph& graph) {
+  PipeWireGraph cameras;
+  for (const auto& [id, node] : graph.nodes) {
+    if (PipeWirePropertyOf(node.properties, "media.class") != "Video/Source") continue;
+    PipeWireNode kept{id, node.state, {}};
+    for (const char* key : kCameraNodeKeys) {
+      if (auto value = PipeWirePropertyOf(node.properties, key)) kept.properties[key] = *value;
+    }
+    cameras.nodes.emplace(id, std::move(kept));
+  }
+  for (const auto& [id, link] : graph.links) {
+    if (cameras.nodes.count(link.outputNodeID) != 0) cameras.links.emplace(id, link);
+  }
+  return cameras;
+}
+
+}  // namespace
+
+std::shared_ptr<PipeWireCameraGraph> PipeWireCameraGraph::start(Options options) {
+  std::shared_ptr<PipeWireCameraGraph> graph(new PipeWireCameraGraph);
+  PipeWireGraphConnection::Options connectionOptions;
+  connectionOptions.remote = options.remote;
+  connectionOptions.writesLogLines = false;
+  // The connection is destroyed before the rest of the object, so the raw pointer outlives it.
+  graph->connection_ = PipeWireGraphConnection::start(
+      std::move(connectionOptions),
+      [raw = graph.get()](const PipeWireGraph& whole) { raw->takeGraph(whole); });
+  if (!graph->connection_) return nullptr;
+  graph->connection_->waitForFirstOutcome(options.startupTimeout);
+  return graph;
+}
+
+PipeWireCameraGraph::~PipeWireCameraGraph() {
+  connection_.reset();
+}
+
+std::optional<bool> PipeWireCameraGraph::streamsCamera(const v4l2::CameraDescription& camera) {
+  MutexLock lock(graphMutex_);
+  return PipeWireStreamsCamera(cameras_, camera.nodePaths);
+}
+
+void PipeWireCameraGraph::setChangeHandler(std::function<void()> handler) {
+  std::function<void()> previous;
+  {
+    MutexLock lock(handlerMutex_);
+    previous.swap(handler_);
+    handler_ = std::move(handler);
+  }
+  // The previous handler's captures go outside the lock.
+}
+
+void PipeWireCameraGraph::takeGraph(const PipeWireGraph& graph) {
+  PipeWireGraph cameras = CamerasPartOf(graph);
+  {
+    MutexLock lock(graphMutex_);
+    if (cameras == cameras_) return;
+    cameras_ = std::move(cameras);
+  }
+  MutexLock lock(handlerMutex_);
+  if (handler_) handler_();
+}
+
+}  // namespace harkwell
