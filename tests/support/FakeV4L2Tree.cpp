@@ -155,6 +155,11 @@ bool FakeV4L2Tree::createCharDevNode(const std::string& entry) {
   return ::mknod(path.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
 }
 
+bool FakeV4L2Tree::createFifoDevNode(const std::string& entry) {
+  const std::string path = devRoot() + "/" + entry;
+  return ::mkfifo(path.c_str(), 0600) == 0;
+}
+
 void FakeV4L2Tree::removeDevNode(const std::string& entry) {
   fs::remove(devRoot() + "/" + entry);
 }

@@ -67,6 +67,9 @@ class FakeV4L2Tree {
   // A character device (the memory device "null", 1:3) standing in for the node, so the service
   // really opens it; needs CAP_MKNOD.
   bool createCharDevNode(const std::string& entry);
+  // A named pipe standing in for the node: a media server's pipe module can hold it open the way
+  // the server holds a camera's node (a server cannot open a regular file as a camera).
+  bool createFifoDevNode(const std::string& entry);
   void removeDevNode(const std::string& entry);
   // The canonical path of a /dev node, as /proc shows it.
   std::string devNodePath(const std::string& entry) const;

@@ -74,6 +74,11 @@ class PrivatePipeWireStack {
   std::string startLoopbackSource(ChildProcess& loopback, const std::string& capture,
                                   const std::string& sourceName, const std::string& description);
 
+  // Runs a short-lived client program (pactl, pw-cli, pw-link, ...) in clientEnvironment() to
+  // its end, its output in the log named `logName`; empty when it exited with status 0,
+  // otherwise why not, with its output.
+  std::string runToEnd(const std::vector<std::string>& argv, const std::string& logName);
+
   // Waits until the daemon shows a node named `name` (or, with `present` false, none). Empty on
   // success; otherwise why not.
   std::string waitForNode(const std::string& name, bool present = true,
@@ -96,8 +101,6 @@ class PrivatePipeWireStack {
  private:
   // The environment the stack's own programs run with.
   std::map<std::string, std::string> daemonEnvironment() const;
-  // Runs a short-lived client program to its end; empty when it exited with status 0.
-  std::string runToEnd(const std::vector<std::string>& argv, const std::string& logName);
   std::string logPath(const std::string& name) const { return folder_ + "/" + name + ".log"; }
 
   std::string folder_;
