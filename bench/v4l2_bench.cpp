@@ -19,11 +19,19 @@
 //   BM_OpenToChangedRunning the open-file signal alone, in the same run: the node says it moves
 //                           frames through read() only, so an open descriptor is what makes it
 //                           running; the time from just before the open() to ChangedRunning.
-//   BM_StreamingCpuPerHour  processor time this process uses while one camera streams (a helper
+//   BM_QueryThenStreamToChangedRunning
+//                           a helper opens the node, keeps it open without streaming for a while
+//                           (0 to 149 ms, as a program lists formats and controls first), then maps
+//                           it: the time from just before its mmap() to ChangedRunning. A stream
+//                           that starts on an open node has no file event of its own, so this is
+//                           what the schedule of stream checks after an open costs.
+//   Each latency benchmark also reports first_check_share: the share of starts that the first
+//   stream check after them saw (the rest waited for a later check). BM_StreamingCpuPerHour
+//   processor time this process uses while one camera streams (a helper
 //                           keeps the node mapped) and the service looks on its schedule; measured
-//                           over a few seconds, given per hour.
+//                           over ten seconds, given per hour.
 //   BM_IdleSixteenCameras   an observing controller with 16 USB cameras and nothing open: the
-//                           processor time used over a short window, per hour, and how many /proc
+//                           processor time used over one minute, per hour, and how many /proc
 //                           scans and stream checks ran in it (measured, not asserted: the goal is
 //                           none).
 //
@@ -39,8 +47,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -185,10 +195,12 @@ BENCHMARK(BM_Lsof)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iter
 BENCHMARK(BM_SpawnTrue)->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SpawnTrue)->Arg(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-// The client's view: the time each ChangedRunning event arrived, and the state it reported.
+// The client's view: the time each ChangedRunning event arrived, the state it reported, and how
+// many stream checks the service had run by then.
 struct RunningEvent {
   bool isRunning = false;
   std::int64_t arrived = 0;
+  std::uint64_t streamChecks = 0;
 };
 
 // A probe that declares every node a read()/write()-only capture node, so the open-file signal
@@ -200,8 +212,35 @@ v4l2::NodeProbe ReadWriteOnlyProbe() {
   };
 }
 
-// `startCommand`: "open" or "stream"; the helper answers "opened <ns>" or "streaming <ns>".
-void MeasureToChangedRunning(benchmark::State& state, const std::string& startCommand,
+// How the helper starts in each iteration. "open" or "stream" is one command, measured from just
+// before its open(). With a query time, the helper opens the node, keeps it open that long without
+// streaming (as a program lists formats and controls first), then maps it; measured from just
+// before its mmap().
+struct StartPlan {
+  std::string command;  // "open", "stream", or "open" followed by "map"
+  // The query time of iteration `i`; null: none.
+  std::function<std::chrono::milliseconds(std::size_t i)> queryTime;
+};
+
+// The helper's timestamp from an answer "<word> <ns>"; absent when it failed.
+std::optional<std::int64_t> StepTime(const std::optional<std::string>& answer) {
+  const std::size_t space = answer ? answer->find(' ') : std::string::npos;
+  if (space == std::string::npos || answer->rfind("failed", 0) == 0) return std::nullopt;
+  return std::stoll(answer->substr(space + 1));
+}
+
+// Blocks this thread for `window` without using the processor (nothing is ever appended).
+void Idle(std::chrono::milliseconds window) {
+  testing::Recorder<int> never;
+  never.waitForCount(1, window);
+}
+
+double Percentile(const std::vector<double>& sorted, int percent) {
+  const std::size_t rank = (sorted.size() * static_cast<std::size_t>(percent) + 99) / 100;
+  return sorted[std::min(rank == 0 ? 0 : rank - 1, sorted.size() - 1)];
+}
+
+void MeasureToChangedRunning(benchmark::State& state, const StartPlan& plan,
                              v4l2::NodeProbe probe) {
   const Machine& machine = SharedMachine();
   auto service = V4L2HardwareService::create({.sysfsRoot = machine.sysfsRoot(),
@@ -213,32 +252,43 @@ void MeasureToChangedRunning(benchmark::State& state, const std::string& startCo
   auto queue = DispatchQueue::createSerial("com.harkwell.bench.v4l2");
   auto events = std::make_shared<testing::Recorder<RunningEvent>>();
   auto controller = MediaDeviceController::create(queue);
-  controller->setDeviceEventHandler([events](MediaDeviceEvent event, const MediaDevice& device) {
-    if (event == MediaDeviceEvent::ChangedRunning) {
-      events->append({device.isRunning, MonotonicNanoseconds()});
-    }
-  });
+  controller->setDeviceEventHandler(
+      [events, raw = service.get()](MediaDeviceEvent event, const MediaDevice& device) {
+        if (event == MediaDeviceEvent::ChangedRunning) {
+          events->append({device.isRunning, MonotonicNanoseconds(), raw->streamCheckCount()});
+        }
+      });
   controller->setObserveDevices(true);
   testing::DrainQueue(queue);
 
   auto helper =
       testing::ChildProcess::launch({HARKWELL_V4L2_TEST_HELPER, "hold"}, {.pipeInput = true});
   std::vector<double> latencies;
+  std::size_t iteration = 0;
+  std::size_t seenByTheFirstCheck = 0;
+  std::size_t early = 0;  // running reported during the query time
   for (auto _ : state) {
     const std::size_t seen = events->size();
-    helper->writeLine(startCommand + " " + machine.nodePath());
-    const auto opened = helper->readLine();
-    const std::size_t space = opened ? opened->find(' ') : std::string::npos;
-    if (space == std::string::npos || opened->rfind("failed", 0) == 0 ||
-        !events->waitForCount(seen + 1)) {
-      state.SkipWithError(("no ChangedRunning after " + startCommand).c_str());
+    helper->writeLine(plan.command + " " + machine.nodePath());
+    std::optional<std::int64_t> started = StepTime(helper->readLine());
+    std::uint64_t checksBefore = service->streamCheckCount();
+    if (started && plan.queryTime) {
+      Idle(plan.queryTime(iteration));
+      if (events->size() != seen) ++early;
+      checksBefore = service->streamCheckCount();
+      helper->writeLine("map");
+      started = StepTime(helper->readLine());
+    }
+    ++iteration;
+    if (!started || !events->waitForCount(seen + 1)) {
+      state.SkipWithError(("no ChangedRunning after " + plan.command).c_str());
       break;
     }
     const RunningEvent event = events->entries()[seen];
-    const double seconds =
-        static_cast<double>(event.arrived - std::stoll(opened->substr(space + 1))) / 1e9;
+    const double seconds = static_cast<double>(event.arrived - *started) / 1e9;
     state.SetIterationTime(seconds);
     latencies.push_back(seconds);
+    if (event.streamChecks == checksBefore + 1) ++seenByTheFirstCheck;
     helper->writeLine("close");
     if (!helper->readLine() || !events->waitForCount(seen + 2)) {
       state.SkipWithError("no ChangedRunning after a close");
@@ -247,11 +297,13 @@ void MeasureToChangedRunning(benchmark::State& state, const std::string& startCo
   }
   if (!latencies.empty()) {
     std::sort(latencies.begin(), latencies.end());
-    const std::size_t p99 = (latencies.size() * 99 + 99) / 100 - 1;
-    state.counters["median_ms"] = latencies[latencies.size() / 2] * 1e3;
-    state.counters["p99_ms"] = latencies[std::min(p99, latencies.size() - 1)] * 1e3;
-    state.counters["median_us"] = latencies[latencies.size() / 2] * 1e6;
-    state.counters["p99_us"] = latencies[std::min(p99, latencies.size() - 1)] * 1e6;
+    state.counters["median_ms"] = Percentile(latencies, 50) * 1e3;
+    state.counters["p99_ms"] = Percentile(latencies, 99) * 1e3;
+    state.counters["max_ms"] = latencies.back() * 1e3;
+    // The share of starts the first stream check after them saw; the rest waited for later ones.
+    state.counters["first_check_share"] =
+        static_cast<double>(seenByTheFirstCheck) / static_cast<double>(latencies.size());
+    if (plan.queryTime) state.counters["early_events"] = static_cast<double>(early);
   }
   helper.reset();
   controller->setObserveDevices(false);
@@ -259,11 +311,20 @@ void MeasureToChangedRunning(benchmark::State& state, const std::string& startCo
 }
 
 void BM_StreamToChangedRunning(benchmark::State& state) {
-  MeasureToChangedRunning(state, "stream", {});
+  MeasureToChangedRunning(state, {.command = "stream", .queryTime = {}}, {});
 }
 
 void BM_OpenToChangedRunning(benchmark::State& state) {
-  MeasureToChangedRunning(state, "open", ReadWriteOnlyProbe());
+  MeasureToChangedRunning(state, {.command = "open", .queryTime = {}}, ReadWriteOnlyProbe());
+}
+
+// Query times spread over 0 to 149 ms, the same in every run.
+void BM_QueryThenStreamToChangedRunning(benchmark::State& state) {
+  MeasureToChangedRunning(
+      state,
+      {.command = "open",
+       .queryTime = [](std::size_t i) { return std::chrono::milliseconds((i * 37) % 150); }},
+      {});
 }
 
 BENCHMARK(BM_StreamToChangedRunning)
@@ -271,6 +332,10 @@ BENCHMARK(BM_StreamToChangedRunning)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(200);
 BENCHMARK(BM_OpenToChangedRunning)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(200);
+BENCHMARK(BM_QueryThenStreamToChangedRunning)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(100);
 
 double ProcessCpuSeconds() {
   rusage usage{};
@@ -278,13 +343,10 @@ double ProcessCpuSeconds() {
   return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
 }
 
-// Blocks this thread for `window` without using the processor (nothing is ever appended).
-void Idle(std::chrono::milliseconds window) {
-  testing::Recorder<int> never;
-  never.waitForCount(1, window);
-}
-
-constexpr auto kCpuWindow = std::chrono::seconds(3);
+// Long enough for the schedule to settle at its longest delay (one camera streaming), and the
+// minute the idle goal is stated for.
+constexpr auto kStreamingWindow = std::chrono::seconds(10);
+constexpr auto kIdleWindow = std::chrono::seconds(60);
 
 void BM_StreamingCpuPerHour(benchmark::State& state) {
   const Machine& machine = SharedMachine();
@@ -301,9 +363,9 @@ void BM_StreamingCpuPerHour(benchmark::State& state) {
   for (auto _ : state) {
     const std::uint64_t checks = service->streamCheckCount();
     const double before = ProcessCpuSeconds();
-    Idle(kCpuWindow);
+    Idle(kStreamingWindow);
     const double used = ProcessCpuSeconds() - before;
-    const double hours = std::chrono::duration<double>(kCpuWindow).count() / 3600;
+    const double hours = std::chrono::duration<double>(kStreamingWindow).count() / 3600;
     state.SetIterationTime(used);
     state.counters["cpu_s_per_hour"] = used / hours;
     state.counters["checks_per_hour"] =
@@ -340,11 +402,11 @@ void BM_IdleSixteenCameras(benchmark::State& state) {
     const std::uint64_t scans = service->processScanCount();
     const std::uint64_t checks = service->streamCheckCount();
     const double before = ProcessCpuSeconds();
-    Idle(kCpuWindow);
+    Idle(kIdleWindow);
     const double used = ProcessCpuSeconds() - before;
     state.SetIterationTime(used);
     state.counters["cpu_s_per_hour"] =
-        used / (std::chrono::duration<double>(kCpuWindow).count() / 3600);
+        used / (std::chrono::duration<double>(kIdleWindow).count() / 3600);
     state.counters["proc_scans"] = static_cast<double>(service->processScanCount() - scans);
     state.counters["stream_checks"] = static_cast<double>(service->streamCheckCount() - checks);
     state.counters["cameras"] = static_cast<double>(controller->connectedDevices().size());

@@ -182,6 +182,11 @@ class V4L2ServiceTest : public ::testing::Test {
     DrainQueue(queue);
   }
 
+  // Each barrier runs the check that is due at once; this runs past every check an open is owed.
+  void settleThroughTheChecksAfterAnOpen() {
+    for (std::size_t check = 0; check < service->streamChecksAfterAnOpen() + 2; ++check) settle();
+  }
+
   FakeV4L2Tree tree;
   std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("com.harkwell.test.v4l2");
   std::shared_ptr<V4L2HardwareService> service;
@@ -454,7 +459,7 @@ TEST_F(V4L2ServiceTest, ProcessThatOnlyOpensTheNodeToQueryItIsNotRunning) {
   }
   auto idle = StartNodeUser(tree.devNodePath("video0"), false);
   ASSERT_TRUE(idle);
-  for (int check = 0; check < 12; ++check) settle();
+  settleThroughTheChecksAfterAnOpen();
 
   EXPECT_GT(service->streamCheckCount(), checksBefore);
   EXPECT_TRUE(service->streamCheckScheduled());
@@ -470,7 +475,7 @@ TEST_F(V4L2ServiceTest, StreamStartedLongAfterTheOpenIsSeenOnTheSchedule) {
   auto user = StartNodeUser(tree.devNodePath("video0"), false);
   ASSERT_TRUE(user);
   // Past the quick checks that follow an open: only the longest delay is left.
-  for (int check = 0; check < 12; ++check) settle();
+  settleThroughTheChecksAfterAnOpen();
   ASSERT_EQ(listener.values.size(), 0u);
 
   // Mapping makes no file event; the next scheduled check sees it.
@@ -491,7 +496,7 @@ TEST_F(V4L2ServiceTest, NothingIsScheduledOnceNoNodeIsOpen) {
   EXPECT_TRUE(service->streamCheckScheduled());
   user.reset();
   // Each barrier runs the check that is due; the quick checks after an open run out.
-  for (int check = 0; check < 12; ++check) settle();
+  settleThroughTheChecksAfterAnOpen();
 
   EXPECT_FALSE(service->streamCheckScheduled());
   const std::uint64_t checks = service->streamCheckCount();
@@ -672,6 +677,38 @@ TEST_F(V4L2ServiceTest, MediaServerGraphDecidesWhereItAnswers) {
   settle();
   service.reset();
   EXPECT_FALSE(graph->hasHandler());
+}
+
+TEST_F(V4L2ServiceTest, MediaServerWhoseGraphAnswersIsFollowedThroughItsGraphNotOnASchedule) {
+  addUsbCamera();
+  auto graph = std::make_shared<ScriptedMediaServerGraph>("usb:046d:0825:A1B2C3@1-2:1.0");
+  graph->answer(0);
+  service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                         .devRoot = tree.devRoot(),
+                                         .procRoot = "/proc",
+                                         .udevDataRoot = tree.udevDataRoot(),
+                                         .mediaServerGraph = graph});
+  auto server = StartNodeUser(tree.devNodePath("video0"), false, MediaServerStandIn(tree));
+  ASSERT_TRUE(server);
+  settleThroughTheChecksAfterAnOpen();
+  EXPECT_FALSE(service->streamCheckScheduled());
+  const std::uint64_t checks = service->streamCheckCount();
+  settle();
+  EXPECT_EQ(service->streamCheckCount(), checks);
+
+  // A graph change is looked at, and at what follows it, a while.
+  graph->answer(1);
+  settle();
+  EXPECT_EQ(uint32(kWebcam, kRunning), 1u);
+  EXPECT_TRUE(service->streamCheckScheduled());
+  settleThroughTheChecksAfterAnOpen();
+  EXPECT_FALSE(service->streamCheckScheduled());
+
+  // A client of its own beside the server is looked at on the schedule again.
+  auto client = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(client);
+  settleThroughTheChecksAfterAnOpen();
+  EXPECT_TRUE(service->streamCheckScheduled());
 }
 
 TEST_F(V4L2ServiceTest, MetadataNodeStreamedAlsoCountsAsRunning) {

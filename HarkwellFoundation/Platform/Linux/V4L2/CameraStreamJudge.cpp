@@ -63,6 +63,7 @@ bool CameraStreamJudge::judgeCamera(const CameraDescription& camera, bool& someo
   bool mappedByClient = false;
   bool mappedByServer = false;
   bool serverInvolved = false;
+  bool clientInvolved = false;
   bool fallback = false;
   if (!candidates.empty()) {
     std::vector<MappedFileIdentity> identities;
@@ -71,9 +72,9 @@ bool CameraStreamJudge::judgeCamera(const CameraDescription& camera, bool& someo
     for (pid_t pid : candidates) {
       const ProcessMappings mappings = ReadProcessMappings(procRoot_, pid, identities);
       if (mappings.error == ENOENT || mappings.error == ESRCH) continue;  // gone meanwhile
-      someoneHolds = true;
       const bool server = isMediaServer(pid);
       serverInvolved = serverInvolved || server;
+      clientInvolved = clientInvolved || !server;
       bool mapsSomething = false;
       for (std::size_t i = 0; i < identities.size(); ++i) {
         if (!mappings.mapped[i]) continue;
@@ -93,17 +94,19 @@ bool CameraStreamJudge::judgeCamera(const CameraDescription& camera, bool& someo
     }
   }
 
+  // A server whose graph answers for the camera is followed through the graph's changes; only
+  // the other holders are worth looking at again.
+  std::optional<bool> serverAnswer;
+  if (serverInvolved && mediaServerQuery_) serverAnswer = mediaServerQuery_(camera);
+  someoneHolds = someoneHolds || clientInvolved || (serverInvolved && !serverAnswer);
+
   if (camera.usbDevicePath) {
     const UsbStreamingState usb =
         ReadUsbStreamingState(camera.usbInterfacePath.value_or(""), *camera.usbDevicePath);
     if (usb.suspended) return false;
     if (usb.isochronousStreaming) return *usb.isochronousStreaming;
   }
-  bool serverStreams = mappedByServer;
-  if (serverInvolved && mediaServerQuery_) {
-    if (const auto answer = mediaServerQuery_(camera)) serverStreams = *answer;
-  }
-  return mappedByClient || serverStreams || fallback;
+  return mappedByClient || serverAnswer.value_or(mappedByServer) || fallback;
 }
 
 }  // namespace harkwell::v4l2

@@ -51,7 +51,8 @@ class CameraStreamJudge {
 
   struct Verdict {
     std::vector<bool> running;  // one per camera, in the given order
-    // Some process is known to hold or map a node: worth looking again soon.
+    // Some process is known to hold or map a node: worth looking again soon. A media server whose
+    // graph answers for the camera is left out: the graph's changes say when to look.
     bool someoneHoldsANode = false;
   };
 

@@ -68,7 +68,9 @@ V4L2HardwareService::V4L2HardwareService(Options options)
     : options_(std::move(options)),
       probeCache_(ProbeOrDefault(options_.probe)),
       scanner_(options_.procRoot, ::getpid()),
-      judge_(options_.procRoot, QueryOf(options_.mediaServerGraph)) {}
+      judge_(options_.procRoot, QueryOf(options_.mediaServerGraph)),
+      streamCheckSchedule_(options_.quickStreamCheckDelay, options_.quickStreamCheckSpan,
+                           options_.longestStreamCheckDelay) {}
 
 V4L2HardwareService::~V4L2HardwareService() {
   if (options_.mediaServerGraph) options_.mediaServerGraph->setChangeHandler({});
@@ -175,6 +177,7 @@ void V4L2HardwareService::run() {
       }
       handleEvents(watcher_.takeQueued());
       const bool graphChanged = graphChanged_.exchange(false);
+      if (graphChanged) streamCheckSchedule_.restart();
       if (recheckAt_) {
         recheckAt_.reset();
         readRunningState();
@@ -228,7 +231,7 @@ void V4L2HardwareService::handleEvents(const std::vector<v4l2::InotifyEvent>& ev
 
   if (!treeChanged && !openersChanged) return;
   // A stream starts after its open, with no file event of its own: look again soon after an open.
-  if (!opened.empty()) streamChecksSinceOpen_ = 0;
+  if (!opened.empty()) streamCheckSchedule_.restart();
   // A new reading of the tree reads /proc too, so it answers for the opens of the same burst.
   const std::set<std::string> openNodes = treeChanged ? readTree() : readRunningState();
   // The kernel reports an open just before the new descriptor appears in /proc; an opener not
@@ -352,21 +355,14 @@ void V4L2HardwareService::checkStreams() {
   const v4l2::CameraStreamJudge::Verdict verdict = judge_.judge(descriptions);
   publish(verdict.running);
 
-  // While a node is held, or for a few checks after any open (its opener may be a process whose
-  // descriptors this one cannot see), look again, sooner at first; otherwise do nothing at all.
-  if (!verdict.someoneHoldsANode && streamChecksSinceOpen_ >= kStreamChecksAfterAnOpen) {
+  // While a node is held, or for the checks that follow any open, look again; otherwise do nothing
+  // at all.
+  const auto delay = streamCheckSchedule_.next(verdict.someoneHoldsANode);
+  if (delay)
+    streamCheckAt_ = Clock::now() + *delay;
+  else
     streamCheckAt_.reset();
-    streamCheckScheduled_ = false;
-    return;
-  }
-  auto delay = options_.firstStreamCheckDelay;
-  for (int i = 0; i < streamChecksSinceOpen_ && delay < options_.longestStreamCheckDelay; ++i) {
-    delay *= 2;
-  }
-  delay = std::min(delay, options_.longestStreamCheckDelay);
-  if (streamChecksSinceOpen_ < kStreamChecksAfterAnOpen) ++streamChecksSinceOpen_;
-  streamCheckAt_ = Clock::now() + delay;
-  streamCheckScheduled_ = true;
+  streamCheckScheduled_ = delay.has_value();
 }
 
 void V4L2HardwareService::mediaServerGraphChanged() {

@@ -92,12 +92,13 @@
 //
 // When the service looks: /proc/<pid>/fd after every burst of opens and closes (and once more for
 // an opener not yet visible, see below); the maps of the known holders and the cameras' USB
-// folders after each of those, then again while a node stays open, after 5 ms, then each time
-// twice as long, up to every 500 ms. After an open the first ten of these checks run even when no
-// holder can be seen (its opener may be invisible to this process, its stream seen only in
-// sysfs). While no node is open, nothing runs: no timer, no polling. A stream that starts on an
-// already-open node is therefore seen within 500 ms, one that starts right after its open within
-// a few milliseconds.
+// folders after each of those, then (StreamCheckSchedule.h) every 5 ms for the first 250 ms after
+// an open, then each time twice as long, up to every 500 ms while a node stays held. The checks
+// after an open run even when no holder can be seen (its opener may be invisible to this process,
+// its stream seen only in sysfs). While no node is open, nothing runs: no timer, no polling; nor
+// while the only holders are media servers whose graph answers for their cameras (a change of the
+// graph makes the service look). A stream that starts within 250 ms of its open is therefore seen
+// within about 5 ms, one that starts later on a node held all along within 500 ms.
 //
 // False positives are avoided on purpose: this process's own opens (its capability queries
 // included) never count as running and cause no event; a process that opens a node and closes it
@@ -137,6 +138,7 @@
 #include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/MediaServerGraph.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/StreamCheckSchedule.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbe.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2NodeProbeCache.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2PropertyMirror.h"
@@ -160,9 +162,11 @@ class V4L2HardwareService final : public VideoHardwareService {
     std::chrono::nanoseconds eventBurstWindow = std::chrono::milliseconds(2);
     // When /proc is read once more after an open that no other process was seen holding.
     std::chrono::nanoseconds openRecheckDelay = std::chrono::milliseconds(20);
-    // While a node is open, streams are looked for after the first delay, then after twice as
-    // long each time, up to the longest delay, which then repeats until no node is open.
-    std::chrono::nanoseconds firstStreamCheckDelay = std::chrono::milliseconds(5);
+    // After an open, streams are looked for every quick delay for the quick span, then after
+    // twice as long each time, up to the longest delay, which then repeats while a node is held
+    // (StreamCheckSchedule.h).
+    std::chrono::nanoseconds quickStreamCheckDelay = std::chrono::milliseconds(5);
+    std::chrono::nanoseconds quickStreamCheckSpan = std::chrono::milliseconds(250);
     std::chrono::nanoseconds longestStreamCheckDelay = std::chrono::milliseconds(500);
     // Answers for cameras that a media server holds, from the server's own graph; null: the
     // server's mappings decide (see CameraStreamJudge.h). The service follows its changes from
@@ -204,6 +208,10 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::uint64_t streamCheckCount() const { return streamCheckCount_.load(); }
   // Whether another stream check is due: false means the service waits for file events only.
   bool streamCheckScheduled() const { return streamCheckScheduled_.load(); }
+  // How many stream checks follow an open even when no holder is seen.
+  std::size_t streamChecksAfterAnOpen() const {
+    return streamCheckSchedule_.checksAfterAnOpen();  // fixed at construction
+  }
   std::size_t listenerCount() const { return listeners_.count(); }
 
  private:
@@ -259,10 +267,8 @@ class V4L2HardwareService final : public VideoHardwareService {
   std::set<std::string> currentDiagnostics_;
   std::map<std::string, std::string> loggedProblems_;  // problem name -> the line logged
   std::optional<std::chrono::steady_clock::time_point> recheckAt_;
-  // How many stream checks follow an open even when no holder of a node can be seen.
-  static constexpr int kStreamChecksAfterAnOpen = 10;
+  v4l2::StreamCheckSchedule streamCheckSchedule_;
   std::optional<std::chrono::steady_clock::time_point> streamCheckAt_;
-  int streamChecksSinceOpen_ = kStreamChecksAfterAnOpen;  // checks since the latest open event
 
   // The hand-shake of waitForPendingChanges() and the stop request.
   Mutex barrierMutex_;
