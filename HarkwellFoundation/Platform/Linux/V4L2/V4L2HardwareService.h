@@ -65,6 +65,14 @@
 //   by path, see           but keeps its buffers mapped.         privilege); a program keeping
 //   ProcessMappingReader)                                        buffers mapped while paused
 //                                                                counts as running.
+//   a media server's       streams a server (PipeWire) gives     cameras opened by programs
+//   graph (PipeWire: the   its clients, whatever memory it       directly; servers whose graph
+//   camera's Video/Source  uses with the camera (DMABUF too),    is not read (only PipeWire's
+//   node running with an   while the server holds or maps the    is); a PipeWire daemon that
+//   active link out;       node; replaces the server's           starts after this service.
+//   asked only for a       mappings for that camera.
+//   camera a media server
+//   holds)
 //   runtime power state    a USB camera that is suspended        says nothing when "active":
 //   (power/runtime_status  cannot stream: vetoes the others.     drivers keep a camera awake while
 //   of the USB device)                                           a node is open, and devices with
