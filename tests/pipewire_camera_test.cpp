@@ -63,5 +63,61 @@ TEST(PipeWireCameraStreaming, NodeNamedByItsObjectPathCountsToo) {
   EXPECT_EQ(PipeWireStreamsCamera(graph, kCameraNodes), true);
 }
 
+// A graph with a camera's node, a sound card's microphone, a recorder of that microphone, and a
+// client of the camera, each linked.
+PipeWireGraph DesktopGraph() {
+  PipeWireGraph graph;
+  graph.nodes[40] = CameraNode(40, PipeWireNodeState::Running);
+  graph.nodes[40].properties["node.description"] = "Webcam";
+  graph.nodes[41] = PipeWireNode{41, PipeWireNodeState::Running, {{"media.class", "Audio/Source"}}};
+  graph.nodes[50] =
+      PipeWireNode{50, PipeWireNodeState::Running, {{"media.class", "Stream/Input/Video"}}};
+  graph.nodes[51] =
+      PipeWireNode{51, PipeWireNodeState::Running, {{"media.class", "Stream/Input/Audio"}}};
+  graph.links[60] = Link(60, 40, 50, PipeWireLinkState::Active);
+  graph.links[61] = Link(61, 41, 51, PipeWireLinkState::Active);
+  return graph;
+}
+
+TEST(PipeWireCameraStreaming, CameraPartKeepsCameraNodesTheirNamingPropertiesAndLinksOut) {
+  const PipeWireGraph part = PipeWireCameraPart(DesktopGraph());
+
+  ASSERT_EQ(part.nodes.size(), 1u);
+  EXPECT_EQ(part.nodes.at(40).properties, (PipeWireProperties{{"media.class", "Video/Source"},
+                                                              {"api.v4l2.path", "/dev/video0"}}));
+  EXPECT_EQ(part.nodes.at(40).state, PipeWireNodeState::Running);
+  ASSERT_EQ(part.links.size(), 1u);
+  EXPECT_EQ(part.links.at(60).inputNodeID, 50u);
+  EXPECT_EQ(PipeWireStreamsCamera(part, kCameraNodes),
+            PipeWireStreamsCamera(DesktopGraph(), kCameraNodes));
+}
+
+TEST(PipeWireCameraStreaming, SoundAndUnrelatedChangesLeaveTheCameraPartAsItWas) {
+  const PipeWireGraph before = DesktopGraph();
+  PipeWireGraph after = before;
+  after.nodes[41].state = PipeWireNodeState::Suspended;
+  after.nodes.erase(51);
+  after.links.erase(61);
+  after.nodes[52] = PipeWireNode{52, PipeWireNodeState::Idle, {{"media.class", "Audio/Sink"}}};
+  after.nodes[40].properties["node.description"] = "Renamed Webcam";
+  after.nodes[50].state = PipeWireNodeState::Idle;  // the client's own state is not asked
+
+  EXPECT_EQ(PipeWireCameraPart(after), PipeWireCameraPart(before));
+}
+
+TEST(PipeWireCameraStreaming, CameraStateAndLinkChangesChangeTheCameraPart) {
+  const PipeWireGraph before = DesktopGraph();
+  PipeWireGraph stateChanged = before;
+  stateChanged.nodes[40].state = PipeWireNodeState::Idle;
+  PipeWireGraph linkChanged = before;
+  linkChanged.links[60].state = PipeWireLinkState::Paused;
+  PipeWireGraph linkGone = before;
+  linkGone.links.erase(60);
+
+  EXPECT_NE(PipeWireCameraPart(stateChanged), PipeWireCameraPart(before));
+  EXPECT_NE(PipeWireCameraPart(linkChanged), PipeWireCameraPart(before));
+  EXPECT_NE(PipeWireCameraPart(linkGone), PipeWireCameraPart(before));
+}
+
 }  // namespace
 }  // namespace harkwell

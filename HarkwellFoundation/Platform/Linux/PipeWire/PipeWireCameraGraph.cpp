@@ -1,33 +1,8 @@
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireCameraGraph.h"
 
-#include <array>
-
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireCameraStreaming.h"
 
 namespace harkwell {
-namespace {
-
-// What the answers depend on; other properties change without concerning any camera.
-constexpr std::array<const char*, 3> kCameraNodeKeys = {"media.class", "api.v4l2.path",
-                                                        "object.path"};
-
-PipeWireGraph CamerasPartOf(const PipeWireGraph& graph) {
-  PipeWireGraph cameras;
-  for (const auto& [id, node] : graph.nodes) {
-    if (PipeWirePropertyOf(node.properties, "media.class") != "Video/Source") continue;
-    PipeWireNode kept{id, node.state, {}};
-    for (const char* key : kCameraNodeKeys) {
-      if (auto value = PipeWirePropertyOf(node.properties, key)) kept.properties[key] = *value;
-    }
-    cameras.nodes.emplace(id, std::move(kept));
-  }
-  for (const auto& [id, link] : graph.links) {
-    if (cameras.nodes.count(link.outputNodeID) != 0) cameras.links.emplace(id, link);
-  }
-  return cameras;
-}
-
-}  // namespace
 
 std::shared_ptr<PipeWireCameraGraph> PipeWireCameraGraph::start(Options options) {
   std::shared_ptr<PipeWireCameraGraph> graph(new PipeWireCameraGraph);
@@ -63,7 +38,7 @@ void PipeWireCameraGraph::setChangeHandler(std::function<void()> handler) {
 }
 
 void PipeWireCameraGraph::takeGraph(const PipeWireGraph& graph) {
-  PipeWireGraph cameras = CamerasPartOf(graph);
+  PipeWireGraph cameras = PipeWireCameraPart(graph);
   {
     MutexLock lock(graphMutex_);
     if (cameras == cameras_) return;

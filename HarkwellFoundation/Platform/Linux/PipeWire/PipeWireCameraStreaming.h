@@ -22,4 +22,9 @@ namespace harkwell {
 std::optional<bool> PipeWireStreamsCamera(const PipeWireGraph& graph,
                                           const std::vector<std::string>& nodePaths);
 
+// The part of `graph` the answers above depend on: the Video/Source nodes with their state and
+// the properties that name their V4L2 node, and the links out of them. When it is equal for two
+// graphs, every answer is.
+PipeWireGraph PipeWireCameraPart(const PipeWireGraph& graph);
+
 }  // namespace harkwell
