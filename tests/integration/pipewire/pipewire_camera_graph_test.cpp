@@ -16,17 +16,15 @@
 #include <string>
 #include <vector>
 
-#include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/MediaServerProcesses.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/ProcessNodeScanner.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2ServiceWithMediaServers.h"
-#include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "tests/support/CameraControllerWatch.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/PipeWireGraphSnapshot.h"
 #include "tests/support/PrivatePipeWireStack.h"
-#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/Waiting.h"
 
 namespace harkwell::testing {
@@ -36,11 +34,6 @@ constexpr const char* kCameraNode = "v4l2_input.harkwell_test_camera";
 constexpr const char* kHolderSource = "harkwell_camera_holder";
 constexpr const char* kConsumer = "harkwell_camera_consumer";
 const ObjectID kWebcam = StableDeviceIDHome(StableIDSpace::Video, "usb:046d:0825:A1B2C3@1-2:1.0");
-
-struct Event {
-  MediaDeviceEvent event;
-  MediaDevice device;
-};
 
 // The ports of the node named `nodeName` in `direction` ("in", "out").
 std::vector<std::string> PortNames(const PipeWireGraphSnapshot& graph, const std::string& nodeName,
@@ -60,13 +53,10 @@ std::vector<std::string> PortNames(const PipeWireGraphSnapshot& graph, const std
 class PipeWireCameraGraphTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    if (controller) {
-      controller->setObserveDevices(false);
-      DrainQueue(queue);
-    }
+    watch.stopObserving();
     if (service) service->waitForPendingChanges();
-    DrainQueue(queue);
-    services.restore();
+    DrainQueue(watch.queue);
+    watch.restoreServices();
   }
 
   // A USB camera whose capture node is a named pipe, and its metadata node.
@@ -151,51 +141,29 @@ class PipeWireCameraGraphTest : public ::testing::Test {
                                                .udevDataRoot = tree.udevDataRoot()},
                                               stack.remote());
     ASSERT_TRUE(service);
-    services.install(SimulatedAudioHardwareService::create(), service);
-    controller = MediaDeviceController::create(queue);
-    controller->setDeviceEventHandler(
-        [events = events](MediaDeviceEvent event, const MediaDevice& device) {
-          events->append({event, device});
-        });
-    controller->setUpdatingDevicesHandler(
-        [updates = updates](bool finished) { updates->append(finished); });
-    controller->setObserveDevices(true);
-    ASSERT_TRUE(updates->waitUntil([](const auto& all) { return !all.empty() && all.back(); }));
+    watch.observe(service);
   }
 
-  static std::vector<bool> RunningChangesIn(const std::vector<Event>& all) {
+  std::vector<bool> runningChanges() const {
     std::vector<bool> changes;
-    for (const Event& each : all) {
-      if (each.event == MediaDeviceEvent::ChangedRunning && each.device.deviceID == kWebcam) {
-        changes.push_back(each.device.isRunning);
-      }
+    for (const auto& each : watch.eventsOfKind(MediaDeviceEvent::ChangedRunning)) {
+      if (each.device.deviceID == kWebcam) changes.push_back(each.device.isRunning);
     }
     return changes;
-  }
-
-  std::vector<bool> runningChanges() { return RunningChangesIn(events->entries()); }
-
-  bool waitForRunningChanges(std::size_t count) {
-    return events->waitUntil(
-        [&](const std::vector<Event>& all) { return RunningChangesIn(all).size() >= count; });
   }
 
   // Lets the service handle what happened so far and the client hear of it.
   void settle() {
     service->waitForPendingChanges();
-    DrainQueue(queue);
+    DrainQueue(watch.queue);
   }
 
   PrivatePipeWireStack stack;
   FakeV4L2Tree tree;
   ChildProcess cameraFeed;
   ChildProcess consumer;
-  std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("com.harkwell.test.camera");
-  std::shared_ptr<Recorder<Event>> events = std::make_shared<Recorder<Event>>();
-  std::shared_ptr<Recorder<bool>> updates = std::make_shared<Recorder<bool>>();
+  CameraControllerWatch watch;
   std::shared_ptr<V4L2HardwareService> service;
-  std::shared_ptr<MediaDeviceController> controller;
-  ScopedHardwareServices services;
 };
 
 TEST_F(PipeWireCameraGraphTest,
@@ -205,19 +173,19 @@ TEST_F(PipeWireCameraGraphTest,
   ASSERT_NO_FATAL_FAILURE(holdNodeInMediaServer());
   ASSERT_NO_FATAL_FAILURE(startCameraNode());
   ASSERT_NO_FATAL_FAILURE(startObserving());
-  ASSERT_EQ(controller->connectedDevices().size(), 1u);
+  ASSERT_EQ(watch.controller->connectedDevices().size(), 1u);
 
   // Held by the media server, listed in its graph, streamed to nobody.
   settle();
   EXPECT_TRUE(runningChanges().empty());
 
   ASSERT_NO_FATAL_FAILURE(startConsumer());
-  ASSERT_TRUE(waitForRunningChanges(1)) << stack.output();
+  ASSERT_TRUE(watch.waitForEvent(MediaDeviceEvent::ChangedRunning, 1)) << stack.output();
   EXPECT_EQ(runningChanges(), std::vector<bool>{true});
 
   // The client goes; the server still holds the node.
   consumer.stop(SIGTERM, std::chrono::seconds(5));
-  ASSERT_TRUE(waitForRunningChanges(2)) << stack.output();
+  ASSERT_TRUE(watch.waitForEvent(MediaDeviceEvent::ChangedRunning, 2)) << stack.output();
   EXPECT_EQ(runningChanges(), (std::vector<bool>{true, false}));
 }
 

@@ -6,14 +6,12 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
-#include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "tests/support/CameraControllerWatch.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/ScopedHardwareServices.h"
 #include "tests/support/V4L2NodeUser.h"
 #include "tests/support/Waiting.h"
 
@@ -23,29 +21,13 @@ namespace {
 // The ID every process gives the camera that plugUsbCamera() makes on port 1-2.
 const ObjectID kWebcam = StableDeviceIDHome(StableIDSpace::Video, "usb:046d:0825:A1B2C3@1-2:1.0");
 
-struct Event {
-  MediaDeviceEvent event;
-  MediaDevice device;
-};
-
-std::vector<Event> EventsOfKind(const std::vector<Event>& events, MediaDeviceEvent kind) {
-  std::vector<Event> matching;
-  for (const Event& each : events) {
-    if (each.event == kind) matching.push_back(each);
-  }
-  return matching;
-}
-
 class V4L2ControllerTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    if (controller) {
-      controller->setObserveDevices(false);
-      DrainQueue(queue);
-    }
+    watch.stopObserving();
     if (service) service->waitForPendingChanges();
     DrainQueue(queue);
-    services_.restore();
+    watch.restoreServices();
   }
 
   // Starts the service on the tree and a controller on it; returns once the initial discovery
@@ -55,17 +37,7 @@ class V4L2ControllerTest : public ::testing::Test {
                                            .devRoot = tree.devRoot(),
                                            .procRoot = "/proc",
                                            .udevDataRoot = tree.udevDataRoot()});
-    // No microphones: the client hears of cameras only.
-    services_.install(SimulatedAudioHardwareService::create(), service);
-    controller = MediaDeviceController::create(queue);
-    controller->setDeviceEventHandler(
-        [events = events](MediaDeviceEvent event, const MediaDevice& device) {
-          events->append({event, device});
-        });
-    controller->setUpdatingDevicesHandler(
-        [updates = updates](bool finished) { updates->append(finished); });
-    controller->setObserveDevices(true);
-    ASSERT_TRUE(updates->waitUntil([](const auto& all) { return !all.empty() && all.back(); }));
+    watch.observe(service);
   }
 
   // Adds a USB camera with a capture node and a metadata node; their /dev nodes come last, the
@@ -86,12 +58,10 @@ class V4L2ControllerTest : public ::testing::Test {
   }
 
   bool waitForEvent(MediaDeviceEvent kind, std::size_t count = 1) {
-    return events->waitUntil(
-        [&](const auto& all) { return EventsOfKind(all, kind).size() >= count; });
+    return watch.waitForEvent(kind, count);
   }
-
-  std::vector<Event> eventsOfKind(MediaDeviceEvent kind) const {
-    return EventsOfKind(events->entries(), kind);
+  std::vector<ControllerEvent> eventsOfKind(MediaDeviceEvent kind) const {
+    return watch.eventsOfKind(kind);
   }
 
   // Lets the service and then the controller's queue finish what has happened so far.
@@ -101,14 +71,11 @@ class V4L2ControllerTest : public ::testing::Test {
   }
 
   FakeV4L2Tree tree;
-  std::shared_ptr<DispatchQueue> queue = DispatchQueue::createSerial("com.harkwell.test.v4l2");
-  std::shared_ptr<Recorder<Event>> events = std::make_shared<Recorder<Event>>();
-  std::shared_ptr<Recorder<bool>> updates = std::make_shared<Recorder<bool>>();
+  CameraControllerWatch watch;
+  std::shared_ptr<DispatchQueue>& queue = watch.queue;
+  std::shared_ptr<Recorder<ControllerEvent>>& events = watch.events;
+  std::shared_ptr<MediaDeviceController>& controller = watch.controller;
   std::shared_ptr<V4L2HardwareService> service;
-  std::shared_ptr<MediaDeviceController> controller;
-
- private:
-  ScopedHardwareServices services_;
 };
 
 TEST_F(V4L2ControllerTest, CreatingANodeYieldsConnectedWithTheMappedRecord) {
@@ -222,7 +189,7 @@ TEST_F(V4L2ControllerTest, CameraWithCaptureAndMetadataNodesIsOneDevice) {
 
   const auto discovered = eventsOfKind(MediaDeviceEvent::InitialDiscovery);
   ASSERT_EQ(discovered.size(), 2u);
-  for (const Event& each : discovered) {
+  for (const ControllerEvent& each : discovered) {
     EXPECT_EQ(each.device.inputChannelCount, 1u);
     EXPECT_EQ(each.device.outputChannelCount, 0u);
     EXPECT_TRUE(each.device.isSupported());
@@ -251,7 +218,7 @@ TEST_F(V4L2ControllerTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   const auto discovered = eventsOfKind(MediaDeviceEvent::InitialDiscovery);
   ASSERT_EQ(discovered.size(), 1004u);
   auto nameOf = [&](const std::string& uid) -> std::string {
-    for (const Event& each : discovered) {
+    for (const ControllerEvent& each : discovered) {
       if (each.device.deviceUID == uid) return each.device.name;
     }
     return "<none>";
