@@ -34,6 +34,12 @@
 //                           processor time used over one minute, per hour, and how many /proc
 //                           scans and stream checks ran in it (measured, not asserted: the goal is
 //                           none).
+//   BM_MediaServerHoldsSixteenCameras
+//                           the same 16 cameras with every node held open by a process named like
+//                           a media server, as PipeWire holds them on a desktop while nobody
+//                           watches: /0 without the server's graph (its mappings decide, so the
+//                           service keeps looking), /1 with a graph that answers for the cameras
+//                           (its changes say when to look); ten seconds each, given per hour.
 //
 // The node is in a fake V4L2 tree (the V4L2 suites' FakeV4L2Tree). The idle processes are `sleep`
 // children (the suites' ChildProcess) that die with the benchmark and are killed and reaped when
@@ -47,6 +53,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -395,8 +402,8 @@ void BM_StreamingCpuPerHour(benchmark::State& state) {
 }
 BENCHMARK(BM_StreamingCpuPerHour)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
-void BM_IdleSixteenCameras(benchmark::State& state) {
-  testing::FakeV4L2Tree tree;
+// Sixteen USB cameras with isochronous streaming interfaces, a capture and a metadata node each.
+void AddSixteenCameras(testing::FakeV4L2Tree& tree) {
   for (unsigned i = 0; i < 16; ++i) {
     const testing::FakeUsbCamera camera{.port = "1-" + std::to_string(i + 1)};
     const std::string usb = tree.addUsbInterface(camera);
@@ -408,10 +415,12 @@ void BM_IdleSixteenCameras(benchmark::State& state) {
                   .minor = 2 * i + 1,
                   .parent = usb});
   }
-  auto service = V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
-                                              .devRoot = tree.devRoot(),
-                                              .procRoot = "/proc",
-                                              .udevDataRoot = ""});
+}
+
+// An observing controller on `service` for `window`: the processor time this process used, per
+// hour, and the /proc scans and stream checks the service ran meanwhile.
+void MeasureObserving(benchmark::State& state, const std::shared_ptr<V4L2HardwareService>& service,
+                      std::chrono::milliseconds window) {
   testing::ScopedHardwareServices installed(SimulatedAudioHardwareService::create(), service);
   auto queue = DispatchQueue::createSerial("com.harkwell.bench.v4l2.idle");
   auto controller = MediaDeviceController::create(queue);
@@ -419,23 +428,86 @@ void BM_IdleSixteenCameras(benchmark::State& state) {
   controller->setObserveDevices(true);
   testing::DrainQueue(queue);
   service->waitForPendingChanges();
+  // Past the quick checks that follow any open before the window.
+  const std::uint64_t start = service->streamCheckCount();
+  while (service->streamCheckScheduled() &&
+         service->streamCheckCount() - start < service->streamChecksAfterAnOpen()) {
+    Idle(std::chrono::milliseconds(50));
+  }
   for (auto _ : state) {
     const std::uint64_t scans = service->processScanCount();
     const std::uint64_t checks = service->streamCheckCount();
     const double before = ProcessCpuSeconds();
-    Idle(kIdleWindow);
+    Idle(window);
     const double used = ProcessCpuSeconds() - before;
     state.SetIterationTime(used);
-    state.counters["cpu_s_per_hour"] =
-        used / (std::chrono::duration<double>(kIdleWindow).count() / 3600);
-    state.counters["proc_scans"] = static_cast<double>(service->processScanCount() - scans);
-    state.counters["stream_checks"] = static_cast<double>(service->streamCheckCount() - checks);
+    const double hours = std::chrono::duration<double>(window).count() / 3600;
+    state.counters["cpu_s_per_hour"] = used / hours;
+    state.counters["proc_scans_per_hour"] =
+        static_cast<double>(service->processScanCount() - scans) / hours;
+    state.counters["stream_checks_per_hour"] =
+        static_cast<double>(service->streamCheckCount() - checks) / hours;
     state.counters["cameras"] = static_cast<double>(controller->connectedDevices().size());
   }
   controller->setObserveDevices(false);
   testing::DrainQueue(queue);
 }
+
+void BM_IdleSixteenCameras(benchmark::State& state) {
+  testing::FakeV4L2Tree tree;
+  AddSixteenCameras(tree);
+  MeasureObserving(state,
+                   V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                                .devRoot = tree.devRoot(),
+                                                .procRoot = "/proc",
+                                                .udevDataRoot = ""}),
+                   kIdleWindow);
+}
 BENCHMARK(BM_IdleSixteenCameras)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+
+// A media server's graph that knows every camera and streams none of them, and never changes.
+class QuietMediaServerGraph final : public v4l2::MediaServerGraph {
+ public:
+  std::optional<bool> streamsCamera(const v4l2::CameraDescription&) override { return false; }
+  void setChangeHandler(std::function<void()>) override {}
+};
+
+// Sixteen cameras whose every node a process named like a media server holds open, as PipeWire
+// does on a desktop while nobody watches: /0 without the server's graph (its mappings decide, so
+// the service keeps looking), /1 with a graph that answers for the cameras.
+void BM_MediaServerHoldsSixteenCameras(benchmark::State& state) {
+  testing::FakeV4L2Tree tree;
+  AddSixteenCameras(tree);
+  const std::string server = tree.root() + "/pipewire";
+  std::filesystem::copy_file(HARKWELL_V4L2_TEST_HELPER, server);
+  std::filesystem::permissions(server, std::filesystem::perms::owner_all);
+  auto holder = testing::ChildProcess::launch({server, "hold"}, {.pipeInput = true});
+  for (unsigned node = 0; node < 32 && holder; ++node) {
+    if (!testing::TellNodeUser(*holder, "open " + tree.devNodePath("video" + std::to_string(node)),
+                               "opened")) {
+      holder.reset();
+    }
+  }
+  if (!holder) {
+    state.SkipWithError("the media server's stand-in did not open the nodes");
+    return;
+  }
+  std::shared_ptr<v4l2::MediaServerGraph> graph;
+  if (state.range(0) == 1) graph = std::make_shared<QuietMediaServerGraph>();
+  MeasureObserving(state,
+                   V4L2HardwareService::create({.sysfsRoot = tree.sysfsRoot(),
+                                                .devRoot = tree.devRoot(),
+                                                .procRoot = "/proc",
+                                                .udevDataRoot = "",
+                                                .mediaServerGraph = graph}),
+                   kStreamingWindow);
+}
+BENCHMARK(BM_MediaServerHoldsSixteenCameras)
+    ->Arg(0)
+    ->Arg(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
 
 }  // namespace
 }  // namespace harkwell

@@ -117,11 +117,13 @@
 //
 // Threads: every seam call may come from any thread; reads answer from the service's mirror under
 // a short lock. One background thread owns inotify, reads the trees and /proc, updates the mirror
-// and only then queues each listener block on its queue, once per changed value. A listener fires
+// and only then queues each listener block on its queue, once per changed value. A media server's
+// graph calls in from a thread of its own only to wake that thread. A listener fires
 // only when its value really changed. Removal of a listener matches the closure its block wraps.
 //
 // Lifetime: create() reads the trees once before it returns, so the first read already shows the
-// cameras present; destroying the service stops and joins its thread. Listener blocks still
+// cameras present; destroying the service removes its handler from the media server's graph, then
+// stops and joins its thread. Listener blocks still
 // queued then never run (the listener registry marks every registration dead as it goes); one
 // already running finishes on its queue, and holds nothing of the service.
 //
