@@ -23,6 +23,7 @@
 #include "tests/support/CameraControllerWatch.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FakeV4L2Tree.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/PipeWireGraphSnapshot.h"
 #include "tests/support/PrivatePipeWireStack.h"
 #include "tests/support/Waiting.h"
@@ -134,12 +135,13 @@ class PipeWireCameraGraphTest : public ::testing::Test {
     }
   }
 
-  void startObserving() {
+  // The service as the library makes it, following the daemon at `remote` if one answers there.
+  void startObserving(const std::string& remote) {
     service = MakeV4L2ServiceWithMediaServers({.sysfsRoot = tree.sysfsRoot(),
                                                .devRoot = tree.devRoot(),
                                                .procRoot = "/proc",
                                                .udevDataRoot = tree.udevDataRoot()},
-                                              stack.remote());
+                                              remote);
     ASSERT_TRUE(service);
     watch.observe(service);
   }
@@ -158,6 +160,7 @@ class PipeWireCameraGraphTest : public ::testing::Test {
     DrainQueue(watch.queue);
   }
 
+  LogCapture log;
   PrivatePipeWireStack stack;
   FakeV4L2Tree tree;
   ChildProcess cameraFeed;
@@ -172,7 +175,7 @@ TEST_F(PipeWireCameraGraphTest,
   ASSERT_NO_FATAL_FAILURE(plugCamera());
   ASSERT_NO_FATAL_FAILURE(holdNodeInMediaServer());
   ASSERT_NO_FATAL_FAILURE(startCameraNode());
-  ASSERT_NO_FATAL_FAILURE(startObserving());
+  ASSERT_NO_FATAL_FAILURE(startObserving(stack.remote()));
   ASSERT_EQ(watch.controller->connectedDevices().size(), 1u);
 
   // Held by the media server, listed in its graph, streamed to nobody.
@@ -187,6 +190,18 @@ TEST_F(PipeWireCameraGraphTest,
   consumer.stop(SIGTERM, std::chrono::seconds(5));
   ASSERT_TRUE(watch.waitForEvent(MediaDeviceEvent::ChangedRunning, 2)) << stack.output();
   EXPECT_EQ(runningChanges(), (std::vector<bool>{true, false}));
+  // The audio service's connection reports the daemon; the cameras' one says nothing.
+  EXPECT_EQ(log.lines(), std::vector<std::string>{});
+}
+
+TEST_F(PipeWireCameraGraphTest, WithoutADaemonTheServiceStartsWithoutAGraphAndSaysNothing) {
+  ASSERT_NO_FATAL_FAILURE(plugCamera());
+  // Nothing listens there: the stack was never started.
+  ASSERT_NO_FATAL_FAILURE(startObserving(stack.remote()));
+
+  ASSERT_EQ(watch.controller->connectedDevices().size(), 1u);
+  EXPECT_FALSE(watch.controller->connectedDevices()[0].isRunning);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }
 
 }  // namespace
