@@ -205,13 +205,14 @@ TEST(PulseServerStateTest, StreamsKeepTheirOwnerModuleAndLinkGroup) {
   recording.client = PA_INVALID_INDEX;
   recording.proplist = grouped.list;
   EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(recording),
-            (PulseRecordingStream{3, 1, false, false, 9, "loopback-1-2"}));
+            (PulseRecordingStream{3, 1, false, false, 9, "loopback-1-2", std::nullopt,
+                                  PulseProperties{{"node.link-group", "loopback-1-2"}}}));
   // A client's stream names the protocol module it came through: that ties nothing together.
   recording.client = 5;
   recording.owner_module = 2;
   recording.proplist = nullptr;
   EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(recording),
-            (PulseRecordingStream{3, 1, false, false, std::nullopt, std::nullopt}));
+            (PulseRecordingStream{3, 1, false, false, std::nullopt, std::nullopt, 5u, {}}));
 
   pa_sink_input_info playback{};
   playback.index = 4;
@@ -224,7 +225,27 @@ TEST(PulseServerStateTest, StreamsKeepTheirOwnerModuleAndLinkGroup) {
   playback.proplist = grouped.list;
   playback.owner_module = 9;
   EXPECT_EQ(PulsePlaybackStreamFromSinkInputInfo(playback),
-            (PulsePlaybackStream{4, 2, true, 9, "loopback-1-2"}));
+            (PulsePlaybackStream{4, 2, true, 9, "loopback-1-2", std::nullopt,
+                                 PulseProperties{{"node.link-group", "loopback-1-2"}}}));
+}
+
+TEST(PulseServerStateTest, ClientsAndStreamsKeepWhoTheyAre) {
+  Proplist claims{{"application.name", "Recorder"}, {"application.process.id", "4242"}};
+  pa_client_info client{};
+  client.index = 8;
+  client.proplist = claims.list;
+  EXPECT_EQ(PulseClientFromClientInfo(client),
+            (PulseClient{8, {{"application.name", "Recorder"}, {"application.process.id", "4242"}}}));
+
+  pa_source_output_info recording{};
+  recording.index = 3;
+  recording.source = 1;
+  recording.owner_module = 2;
+  recording.client = 8;
+  recording.proplist = claims.list;
+  const PulseRecordingStream stream = PulseRecordingStreamFromSourceOutputInfo(recording);
+  EXPECT_EQ(stream.client, 8u);
+  EXPECT_EQ(stream.properties.at("application.name"), "Recorder");
 }
 
 TEST(PulseServerStateTest, DevicesKeepTheirOwnerModuleAndMonitoredSink) {

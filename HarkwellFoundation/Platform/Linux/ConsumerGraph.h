@@ -26,11 +26,15 @@
 //   A flow that leads back to a node already visited adds nothing, so cycles end. Flows that name
 //   a key the graph does not hold are ignored.
 //
+// The same walk tells who a filter serves (ProgramStreamsServedBy): the program streams at the far
+// ends of the chains that start at one of the filter's streams.
+//
 // Values only: a graph is built, asked and dropped on one thread; the function is pure.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <vector>
 
 namespace harkwell {
@@ -62,9 +66,24 @@ class ConsumerGraph {
 
   // Whether `key` is a device of the graph.
   bool hasDevice(NodeKey key) const;
+  // The device's direction, for a device of the graph.
+  std::optional<DeviceDirection> deviceDirection(NodeKey key) const;
+  // Whether `key` is a stream of the graph.
+  bool hasStream(NodeKey key) const;
+  // The nodes `key`'s flows enter, and the nodes whose flows enter `key`, in the order the flows
+  // were added; they may name keys the graph does not describe.
+  const std::vector<NodeKey>& flowsOutOf(NodeKey key) const;
+  const std::vector<NodeKey>& flowsInto(NodeKey key) const;
 
  private:
   friend bool DeviceIsRunning(const ConsumerGraph& graph, NodeKey device);
+  friend std::vector<NodeKey> ProgramStreamsServedBy(const ConsumerGraph& graph, NodeKey stream,
+                                                     bool downstream);
+  // Follows the flows from `start` (with the data when `downstream`, against it otherwise) as the
+  // running rule does, and calls `reached` with each program stream found, and with each device
+  // whose hardware ends a chain; stops early when `reached` returns true.
+  template <class Reached>
+  void walkFrom(NodeKey start, bool downstream, DeviceDirection realEnd, Reached reached) const;
 
   enum class Role { Device, Stream };
   struct Node {
@@ -82,5 +101,13 @@ class ConsumerGraph {
 
 // The rule above, for the device under `key`. False for a key that is not a device of the graph.
 bool DeviceIsRunning(const ConsumerGraph& graph, ConsumerGraph::NodeKey device);
+
+// The program streams the data of `stream` reaches (`downstream`: a filter's recording half and
+// the chain after it) or comes from (a filter's playback half and the chain before it), past
+// filters and devices without hardware, as the running rule walks. Each key once, in ascending
+// order; empty for a key that is not a stream.
+std::vector<ConsumerGraph::NodeKey> ProgramStreamsServedBy(const ConsumerGraph& graph,
+                                                           ConsumerGraph::NodeKey stream,
+                                                           bool downstream);
 
 }  // namespace harkwell

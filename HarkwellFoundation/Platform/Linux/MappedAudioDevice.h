@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
+
 namespace harkwell {
 
 // An input source a device can select: a jack, a built-in microphone, a line input.
@@ -33,6 +35,8 @@ struct MappedAudioDevice {
   // The ALSA card whose reservation is the device's exclusive access; absent for devices no sound
   // card stands behind (null sinks, network devices, Bluetooth).
   std::optional<std::uint32_t> soundCard;
+  // Who uses the device, with the /proc details filled in.
+  std::vector<MediaDeviceConsumer> consumers;
 
   friend bool operator==(const MappedAudioDevice&, const MappedAudioDevice&) = default;
 };

@@ -1,6 +1,7 @@
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/PropertyValue.h"
 
@@ -62,6 +63,8 @@ MappedAudioDeviceMirror::Answer MappedAudioDeviceMirror::answer(
       return Answer{kNoErr, PropertyValue::UInt32(device.transportType)};
     case kAudioDevicePropertyDeviceIsRunningSomewhere:
       return Answer{kNoErr, PropertyValue::UInt32(device.isRunning ? 1u : 0u)};
+    case kAudioDevicePropertyConsumers:
+      return Answer{kNoErr, PropertyValue::Bytes(EncodeDeviceConsumers(device.consumers))};
     case kAudioDevicePropertyStreams: {
       std::uint32_t count = device.inputStreamCount + device.outputStreamCount;
       if (address.mScope == kAudioObjectPropertyScopeInput) count = device.inputStreamCount;
@@ -196,6 +199,7 @@ std::vector<MappedAudioDeviceMirror::Change> MappedAudioDeviceMirror::update(
     if (was.isRunning != now.isRunning) {
       note(GlobalAddress(kAudioDevicePropertyDeviceIsRunningSomewhere));
     }
+    if (was.consumers != now.consumers) note(GlobalAddress(kAudioDevicePropertyConsumers));
     if (old.selectedInputSource != entry.selectedInputSource) {
       note(InputAddress(kAudioDevicePropertyDataSource));
     }

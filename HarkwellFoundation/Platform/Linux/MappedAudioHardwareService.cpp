@@ -8,7 +8,10 @@
 
 namespace harkwell {
 
-void MappedAudioHardwareService::applyDevices(const std::vector<MappedAudioDevice>& devices) {
+void MappedAudioHardwareService::applyDevices(std::vector<MappedAudioDevice> devices) {
+  // /proc is read here, on the server thread, never under the lock that reads wait on.
+  for (MappedAudioDevice& device : devices) processDetails_.fill(device.consumers);
+  processDetails_.endRound();
   std::vector<MappedAudioDeviceMirror::Change> changes;
   {
     MutexLock lock(mutex_);

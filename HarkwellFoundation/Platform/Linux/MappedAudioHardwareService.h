@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/ConsumerProcessDetails.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
@@ -55,9 +56,10 @@ class MappedAudioHardwareService : public AudioHardwareService, public SoundCard
 
  protected:
   MappedAudioHardwareService() = default;
-  // Replaces the mirrored devices, then queues the listeners of every property whose value
-  // changed. Calls from one thread at a time (the service's server thread).
-  void applyDevices(const std::vector<MappedAudioDevice>& devices);
+  // Fills the consumers' details from /proc (ConsumerProcessDetails.h), replaces the mirrored
+  // devices, then queues the listeners of every property whose value changed. Calls from one
+  // thread at a time (the service's server thread).
+  void applyDevices(std::vector<MappedAudioDevice> devices);
   // The reservation exclusive access is answered from; set once, before devices are applied.
   // Null (the default) leaves every device without exclusive access.
   void setDeviceReservation(std::shared_ptr<DeviceReservation> reservation) {
@@ -69,6 +71,7 @@ class MappedAudioHardwareService : public AudioHardwareService, public SoundCard
   MappedAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);
   PropertyListenerRegistry listeners_;
   std::shared_ptr<DeviceReservation> reservation_;
+  ConsumerProcessDetails processDetails_;  // applyDevices()'s thread only
 
   // Whether `address` is exclusive access and a reservation answers it.
   bool answersHogMode(const PropertyAddress& address) const;

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/AudioDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 
 namespace harkwell {
@@ -53,27 +54,45 @@ bool HasHardware(const PipeWireNode& node) {
          api == "bluez5";
 }
 
-ConsumerGraph::StreamKind StreamKindOf(const PipeWireNode& node, const PipeWireGraph& graph) {
-  using Kind = ConsumerGraph::StreamKind;
+// What a stream node is, running or not.
+MediaDeviceConsumerKind ConsumerKindOf(const PipeWireNode& node, const PipeWireGraph& graph) {
   const PipeWireProperties& properties = node.properties;
-  if (PipeWirePropertyOf(properties, "node.link-group")) return Kind::Filter;
+  if (PipeWirePropertyOf(properties, "node.link-group")) return MediaDeviceConsumerKind::Filter;
   // Volume controls open streams that only want peaks: marked as monitors, resampled to peaks.
   if (IsTrue(PipeWirePropertyOf(properties, "stream.monitor")) ||
       IsTrue(PipeWirePropertyOf(properties, "resample.peaks"))) {
-    return Kind::LevelMeter;
+    return MediaDeviceConsumerKind::LevelMeter;
   }
-  if (IsTrue(PipeWirePropertyOf(properties, "stream.capture.sink"))) return Kind::MonitorCapture;
+  if (IsTrue(PipeWirePropertyOf(properties, "stream.capture.sink"))) {
+    return MediaDeviceConsumerKind::Monitor;
+  }
   for (const auto& [id, link] : graph.links) {
     if (link.inputNodeID != node.id) continue;
     auto from = graph.nodes.find(link.outputNodeID);
     if (from != graph.nodes.end() &&
         PipeWireNodeRoleOf(from->second) == PipeWireNodeRole::SinkDevice) {
-      return Kind::MonitorCapture;
+      return MediaDeviceConsumerKind::Monitor;
     }
   }
-  // A stream moves data only while its node runs: a paused (corked) or idle one takes nothing.
-  if (node.state != PipeWireNodeState::Running) return Kind::Paused;
-  return Kind::Program;
+  return MediaDeviceConsumerKind::Application;
+}
+
+ConsumerGraph::StreamKind StreamKindOf(const PipeWireNode& node, const PipeWireGraph& graph) {
+  const MediaDeviceConsumerKind kind = ConsumerKindOf(node, graph);
+  // A program's stream moves data only while its node runs: a paused (corked) or idle one takes
+  // nothing.
+  if (kind == MediaDeviceConsumerKind::Application && node.state != PipeWireNodeState::Running) {
+    return ConsumerGraph::StreamKind::Paused;
+  }
+  return StreamKindForConsumer(kind);
+}
+
+// The client a node names by "client.id", or null.
+const PipeWireClient* ClientOf(const PipeWireNode& node, const PipeWireGraph& graph) {
+  const auto id = NumberOf(PipeWirePropertyOf(node.properties, "client.id"));
+  if (!id || *id < 0 || *id > static_cast<std::int64_t>(UINT32_MAX)) return nullptr;
+  auto found = graph.clients.find(static_cast<std::uint32_t>(*id));
+  return found == graph.clients.end() ? nullptr : &found->second;
 }
 
 }  // namespace
@@ -231,6 +250,29 @@ ConsumerGraph PipeWireConsumerGraphOf(const PipeWireGraph& graph) {
   return consumers;
 }
 
+std::vector<MediaDeviceConsumer> PipeWireConsumersOf(std::uint32_t node, const PipeWireGraph& graph,
+                                                    const ConsumerGraph& consumers) {
+  std::vector<AudioClientIdentity> clients;
+  clients.reserve(graph.clients.size());
+  for (const auto& [id, client] : graph.clients) {
+    clients.push_back(AudioClientIdentity::of(client.properties));
+  }
+  const std::set<std::int32_t> serverConnections = ServerConnectionProcessIDs(clients);
+  return AudioDeviceConsumersIn(
+      consumers, node, [&](ConsumerGraph::NodeKey key) -> std::optional<MediaDeviceConsumer> {
+        auto found = graph.nodes.find(static_cast<std::uint32_t>(key));
+        if (key > UINT32_MAX || found == graph.nodes.end()) return std::nullopt;
+        const PipeWireNode& stream = found->second;
+        MediaDeviceConsumer consumer;
+        consumer.kind = ConsumerKindOf(stream, graph);
+        const PipeWireClient* client = ClientOf(stream, graph);
+        ApplyAudioClientIdentity(
+            consumer, client ? AudioClientIdentity::of(client->properties) : AudioClientIdentity(),
+            serverConnections, AudioClientIdentity::of(stream.properties));
+        return consumer;
+      });
+}
+
 std::vector<MappedAudioDevice> MapPipeWireGraph(const PipeWireGraph& graph) {
   const ConsumerGraph consumers = PipeWireConsumerGraphOf(graph);
   std::vector<MappedAudioDevice> devices;
@@ -253,6 +295,7 @@ std::vector<MappedAudioDevice> MapPipeWireGraph(const PipeWireGraph& graph) {
     device.inputStreamCount = gives ? 1 : 0;
     device.outputStreamCount = takes ? 1 : 0;
     device.isRunning = DeviceIsRunning(consumers, id);
+    device.consumers = PipeWireConsumersOf(id, graph, consumers);
     if (gives)
       PipeWireInputSourcesFor(node, owner, device.inputSources, device.selectedInputSource);
     devices.push_back(std::move(device));

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/Linux/ConsumerGraph.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireGraph.h"
@@ -27,7 +28,19 @@ enum class PipeWireNodeRole {
 
 PipeWireNodeRole PipeWireNodeRoleOf(const PipeWireNode& node);
 
-// Every device of the graph, in the order of the daemon's node IDs.
+// Who uses the device node `node` (AudioDeviceConsumers.h), following the links and link groups
+// of `consumers` (PipeWireConsumerGraphOf): for each stream node, the process of its client
+// ("client.id"): the client's "pipewire.sec.pid", verified, unless the client is one that
+// pipewire-pulse serves ("client.api" pipewire-pulse) and that PID is pipewire-pulse's own
+// connection's; else the claimed "application.process.id", unverified. Application name and ID
+// from the client, else the node. Kind: a node.link-group member is a filter (with the programs at
+// the ends of its chains as `feeds`); stream.monitor or resample.peaks a level meter;
+// stream.capture.sink or a link from a sink a monitor; any other an application, running or not.
+// The /proc details are not filled in here.
+std::vector<MediaDeviceConsumer> PipeWireConsumersOf(std::uint32_t node, const PipeWireGraph& graph,
+                                                    const ConsumerGraph& consumers);
+
+// Every device of the graph, in the order of the daemon's node IDs, with its consumers.
 std::vector<MappedAudioDevice> MapPipeWireGraph(const PipeWireGraph& graph);
 
 // The device object that owns `node` (its "device.id"), or null.

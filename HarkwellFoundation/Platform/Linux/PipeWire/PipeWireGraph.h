@@ -1,5 +1,5 @@
-// What the library keeps of a PipeWire daemon's graph: plain copies of the nodes, devices and
-// links that libpipewire reports, keyed by the daemon's object IDs. The connection fills one on
+// What the library keeps of a PipeWire daemon's graph: plain copies of the nodes, devices, clients
+// and links that libpipewire reports, keyed by the daemon's object IDs. The connection fills one on
 // PipeWire's loop thread; everything else receives copies. Values only: no libpipewire object is
 // referenced once a copy is made, so the mapping can be tested and fuzzed without a daemon.
 #pragma once
@@ -69,8 +69,19 @@ struct PipeWireLink {
   friend bool operator==(const PipeWireLink&, const PipeWireLink&) = default;
 };
 
+// A program connected to the daemon. Its properties say who it is: "pipewire.sec.pid" (the PID
+// the daemon took from the client's socket), "application.name", "application.process.id" (what
+// the client claims). A node names its client by "client.id".
+struct PipeWireClient {
+  std::uint32_t id = 0;
+  PipeWireProperties properties;
+
+  friend bool operator==(const PipeWireClient&, const PipeWireClient&) = default;
+};
+
 struct PipeWireGraph {
   std::map<std::uint32_t, PipeWireNode> nodes;
+  std::map<std::uint32_t, PipeWireClient> clients;
   std::map<std::uint32_t, PipeWireDevice> devices;
   std::map<std::uint32_t, PipeWireLink> links;
 

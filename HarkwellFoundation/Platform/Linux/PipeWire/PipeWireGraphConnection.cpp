@@ -24,7 +24,7 @@ constexpr const char* kLogQueueLabel = "com.harkwell.HarkwellFoundation.PipeWire
 // The device params the connection follows, by slot.
 constexpr std::array<std::uint32_t, 2> kRouteParams{SPA_PARAM_EnumRoute, SPA_PARAM_Route};
 
-enum class ObjectKind { Node, Device, Link };
+enum class ObjectKind { Node, Device, Link, Client };
 
 PipeWireProperties PropertiesOf(const spa_dict* dict) {
   PipeWireProperties properties;
@@ -360,6 +360,10 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
     kind = ObjectKind::Device;
     version = PW_VERSION_DEVICE;
     graph_.devices[id] = PipeWireDevice{id, PropertiesOf(props), {}, {}};
+  } else if (std::strcmp(type, PW_TYPE_INTERFACE_Client) == 0) {
+    kind = ObjectKind::Client;
+    version = PW_VERSION_CLIENT;
+    graph_.clients[id] = PipeWireClient{id, PropertiesOf(props)};
   } else if (std::strcmp(type, PW_TYPE_INTERFACE_Link) == 0) {
     kind = ObjectKind::Link;
     version = PW_VERSION_LINK;
@@ -420,6 +424,20 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
                                &object);
         break;
       }
+      case ObjectKind::Client: {
+        static const pw_client_events events = [] {
+          pw_client_events e{};
+          e.version = PW_VERSION_CLIENT_EVENTS;
+          e.info = [](void* data, const pw_client_info* info) {
+            auto* bound = static_cast<BoundObject*>(data);
+            bound->owner->onClientInfo(*bound, info);
+          };
+          return e;
+        }();
+        pw_client_add_listener(reinterpret_cast<pw_client*>(proxy), &object.listener, &events,
+                               &object);
+        break;
+      }
       case ObjectKind::Link: {
         static const pw_link_events events = [] {
           pw_link_events e{};
@@ -443,8 +461,9 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
 
 void PipeWireGraphConnection::onGlobalRemoved(std::uint32_t id) {
   nodesAwaitingInfo_.erase(id);
-  const bool removed =
-      graph_.nodes.erase(id) + graph_.devices.erase(id) + graph_.links.erase(id) != 0;
+  const bool removed = graph_.nodes.erase(id) + graph_.devices.erase(id) + graph_.links.erase(id) +
+                           graph_.clients.erase(id) !=
+                       0;
   for (auto it = bound_.begin(); it != bound_.end(); ++it) {
     if (it->id != id) continue;
     spa_hook_remove(&it->listener);
@@ -486,6 +505,18 @@ void PipeWireGraphConnection::onLinkInfo(BoundObject& object, const pw_link_info
   link.state = LinkStateOf(info->state);
   if (link == found->second) return;
   found->second = link;
+  publish();
+}
+
+void PipeWireGraphConnection::onClientInfo(BoundObject& object, const pw_client_info* info) {
+  auto found = graph_.clients.find(object.id);
+  if (found == graph_.clients.end() || !info) return;
+  if (!(info->change_mask & PW_CLIENT_CHANGE_MASK_PROPS) || !info->props) return;
+  // The info carries every property, the socket's credentials among them; the registry only some.
+  PipeWireProperties properties = found->second.properties;
+  for (auto& [key, value] : PropertiesOf(info->props)) properties[key] = value;
+  if (properties == found->second.properties) return;
+  found->second.properties = std::move(properties);
   publish();
 }
 

@@ -1,7 +1,7 @@
 // A live copy of a PipeWire daemon's graph. The connection runs libpipewire's thread loop on a
 // thread of its own: it connects (to PIPEWIRE_REMOTE, else the user's "pipewire-0" socket; it
-// never starts a daemon), follows the registry, binds every node, device and link to receive
-// their info (and each device's route params), and hands the whole graph to its handler. When the
+// never starts a daemon), follows the registry, binds every node, device, client and link to
+// receive their info (and each device's route params), and hands the whole graph to its handler. When the
 // daemon goes away it hands over an empty graph and reconnects with growing delays.
 //
 // The first graph is handed over once the daemon has answered a round trip after every object it
@@ -37,6 +37,7 @@ struct spa_pod;
 struct pw_node_info;
 struct pw_link_info;
 struct pw_device_info;
+struct pw_client_info;
 
 namespace harkwell {
 
@@ -101,6 +102,7 @@ class PipeWireGraphConnection {
   void onNodeInfo(BoundObject& object, const pw_node_info* info);
   void onLinkInfo(BoundObject& object, const pw_link_info* info);
   void onDeviceInfo(BoundObject& object, const pw_device_info* info);
+  void onClientInfo(BoundObject& object, const pw_client_info* info);
   void onDeviceParam(BoundObject& object, int seq, std::uint32_t id, const spa_pod* param);
 
   Options options_;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/AudioDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
 
 namespace harkwell {
@@ -87,6 +88,44 @@ FilterGroup MembersOf(const std::map<std::string, FilterGroup>& groups,
   return members;
 }
 
+// What a recording stream is, paused or not. A module's stream, or one of a link group, is a
+// filter's half even before the rest of its filter shows up: a filter module puts its recording
+// stream in place before its source.
+MediaDeviceConsumerKind RecordingConsumerKind(const PulseRecordingStream& stream,
+                                              const PulseServerState& state) {
+  if (stream.levelMeter) return MediaDeviceConsumerKind::LevelMeter;
+  if (stream.ownerModule || stream.linkGroup) return MediaDeviceConsumerKind::Filter;
+  auto source = state.sources.find(stream.sourceIndex);
+  if (source != state.sources.end() && source->second.isMonitor) {
+    return MediaDeviceConsumerKind::Monitor;
+  }
+  return MediaDeviceConsumerKind::Application;
+}
+
+MediaDeviceConsumerKind PlaybackConsumerKind(const PulsePlaybackStream& stream) {
+  if (stream.ownerModule || stream.linkGroup) return MediaDeviceConsumerKind::Filter;
+  return MediaDeviceConsumerKind::Application;
+}
+
+// The consumer a stream stands for: its client's process and application (the stream's own
+// properties where the client says nothing; a module's stream has no client) and its kind.
+template <class Stream>
+MediaDeviceConsumer ConsumerFor(const Stream& stream, MediaDeviceConsumerKind kind,
+                                const PulseServerState& state,
+                                const std::set<std::int32_t>& serverConnections) {
+  MediaDeviceConsumer consumer;
+  consumer.kind = kind;
+  AudioClientIdentity client;
+  if (stream.client) {
+    if (auto found = state.clients.find(*stream.client); found != state.clients.end()) {
+      client = AudioClientIdentity::of(found->second.properties);
+    }
+  }
+  ApplyAudioClientIdentity(consumer, client, serverConnections,
+                           AudioClientIdentity::of(stream.properties));
+  return consumer;
+}
+
 bool IsRunningIn(const PulseEndpoint& endpoint, const ConsumerGraph& graph) {
   // A suspended device moves no data, whoever holds a stream on it. An idle one may: the server
   // reports a new stream before the state it puts the device in, and the stream is the answer.
@@ -96,6 +135,38 @@ bool IsRunningIn(const PulseEndpoint& endpoint, const ConsumerGraph& graph) {
 }
 
 }  // namespace
+
+std::vector<MediaDeviceConsumer> PulseConsumersOf(const PulseEndpoint& endpoint,
+                                                  const PulseServerState& state,
+                                                  const ConsumerGraph& graph) {
+  std::vector<AudioClientIdentity> clients;
+  clients.reserve(state.clients.size());
+  for (const auto& [index, client] : state.clients) {
+    clients.push_back(AudioClientIdentity::of(client.properties));
+  }
+  const std::set<std::int32_t> serverConnections = ServerConnectionProcessIDs(clients);
+  return AudioDeviceConsumersIn(
+      graph, PulseGraphKeyFor(endpoint),
+      [&](ConsumerGraph::NodeKey key) -> std::optional<MediaDeviceConsumer> {
+        const auto index = static_cast<std::uint32_t>(key & 0xFFFFFFFFu);
+        switch (static_cast<RecordKind>(key >> 32)) {
+          case RecordKind::Recording: {
+            auto found = state.recordingStreams.find(index);
+            if (found == state.recordingStreams.end()) return std::nullopt;
+            return ConsumerFor(found->second, RecordingConsumerKind(found->second, state), state,
+                               serverConnections);
+          }
+          case RecordKind::Playback: {
+            auto found = state.playbackStreams.find(index);
+            if (found == state.playbackStreams.end()) return std::nullopt;
+            return ConsumerFor(found->second, PlaybackConsumerKind(found->second), state,
+                               serverConnections);
+          }
+          default:
+            return std::nullopt;
+        }
+      });
+}
 
 ConsumerGraph::NodeKey PulseGraphKeyFor(const PulseEndpoint& endpoint) {
   return KeyOf(endpoint.kind == PulseEndpointKind::Source ? RecordKind::Source : RecordKind::Sink,
@@ -140,22 +211,10 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
     const PulseEndpoint* source = recorded == state.sources.end() ? nullptr : &recorded->second;
     const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
     const FilterGroup filter = MembersOf(groups, names);
-    // A module's stream, or one of a link group, is a filter's half even before the rest of its
-    // filter shows up: a filter module puts its recording stream in place before its source.
     const bool isFilter = !names.empty();
     const bool isMonitorCapture = source && source->isMonitor;
-
-    Kind kind = Kind::Program;
-    if (stream.corked) {
-      kind = Kind::Paused;
-    } else if (stream.levelMeter) {
-      kind = Kind::LevelMeter;
-    } else if (isFilter) {
-      kind = Kind::Filter;
-    } else if (isMonitorCapture) {
-      kind = Kind::MonitorCapture;
-    }
-    graph.addStream(key, kind);
+    graph.addStream(key, stream.corked ? Kind::Paused
+                                       : StreamKindForConsumer(RecordingConsumerKind(stream, state)));
 
     if (isMonitorCapture) {
       if (source->monitoredSink)
@@ -184,13 +243,8 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
     const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
     const FilterGroup filter = MembersOf(groups, names);
     const bool isFilter = !names.empty();
-    Kind kind = Kind::Program;
-    if (stream.corked) {
-      kind = Kind::Paused;
-    } else if (isFilter) {
-      kind = Kind::Filter;
-    }
-    graph.addStream(key, kind);
+    graph.addStream(key,
+                    stream.corked ? Kind::Paused : StreamKindForConsumer(PlaybackConsumerKind(stream)));
     graph.addFlow(key, KeyOf(RecordKind::Sink, stream.sinkIndex));
     if (!isFilter) continue;
     for (std::uint32_t input : filter.sinks) graph.addFlow(KeyOf(RecordKind::Sink, input), key);
@@ -280,12 +334,13 @@ std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state
   std::vector<PulseMappedDevice> devices;
   devices.reserve(state.sources.size() + state.sinks.size());
   for (const auto& [index, source] : state.sources) {
-    if (!source.isMonitor) {
-      devices.push_back(MapPulseEndpoint(source, CardOf(source, state), graph));
-    }
+    if (source.isMonitor) continue;
+    devices.push_back(MapPulseEndpoint(source, CardOf(source, state), graph));
+    devices.back().consumers = PulseConsumersOf(source, state, graph);
   }
   for (const auto& [index, sink] : state.sinks) {
     devices.push_back(MapPulseEndpoint(sink, CardOf(sink, state), graph));
+    devices.back().consumers = PulseConsumersOf(sink, state, graph);
   }
   return devices;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/Linux/ConsumerGraph.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
 
@@ -31,6 +32,8 @@ struct PulseMappedDevice {
   // The ALSA card whose reservation is the device's exclusive access; absent for devices no sound
   // card stands behind (null sinks, network tunnels, Bluetooth).
   std::optional<std::uint32_t> soundCard;
+  // Who uses the device (PulseConsumersOf); the /proc details are not filled in here.
+  std::vector<MediaDeviceConsumer> consumers;
 
   friend bool operator==(const PulseMappedDevice&, const PulseMappedDevice&) = default;
 };
@@ -39,8 +42,8 @@ struct PulseMappedDevice {
 // server's index order.
 std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state);
 
-// One source or sink; `card` is the card that owns it, or null; `graph` is the server's
-// (PulseConsumerGraphFor).
+// One source or sink, without its consumers; `card` is the card that owns it, or null; `graph` is
+// the server's (PulseConsumerGraphFor).
 PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCard* card,
                                    const ConsumerGraph& graph);
 
@@ -78,6 +81,18 @@ std::optional<std::uint32_t> PulseSoundCardFor(const PulseEndpoint& endpoint,
 // Keys: the record's index, with the kind of record in the upper 32 bits.
 ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state);
 ConsumerGraph::NodeKey PulseGraphKeyFor(const PulseEndpoint& endpoint);
+
+// Who uses the device (AudioDeviceConsumers.h): a source's recording streams, a sink's playback
+// streams and the captures of its monitor, each as its client tells: the client's
+// "pipewire.sec.pid" (pipewire-pulse), verified, unless it is pipewire-pulse's own connection;
+// else its "application.process.id", unverified. A stream's kind: a level meter as for the running
+// rule below; a filter's half (owner module or link group), with the programs at the ends of its
+// chains as `feeds`; a capture of a sink's monitor is a monitor; any other an application. A
+// paused (corked) stream is listed by what it is. A module's stream has no client and no PID.
+// `graph` is the server's (PulseConsumerGraphFor).
+std::vector<MediaDeviceConsumer> PulseConsumersOf(const PulseEndpoint& endpoint,
+                                                  const PulseServerState& state,
+                                                  const ConsumerGraph& graph);
 
 // Whether the device is in use by any process: the server does not hold it suspended and the
 // shared rule finds a real consumer (a source) or a real producer (a sink) in the server's graph.

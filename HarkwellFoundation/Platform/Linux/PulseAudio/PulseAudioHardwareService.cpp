@@ -35,7 +35,10 @@ PulseAudioHardwareService::~PulseAudioHardwareService() {
 }
 
 void PulseAudioHardwareService::serverStateChanged(const PulseServerState& state) {
-  const std::vector<PulseMappedDevice> devices = MapPulseServerState(state);
+  std::vector<PulseMappedDevice> devices = MapPulseServerState(state);
+  // /proc is read here, on the loop thread, never under the lock that reads wait on.
+  for (PulseMappedDevice& device : devices) processDetails_.fill(device.consumers);
+  processDetails_.endRound();
   std::vector<PulseAudioDeviceMirror::Change> changes;
   {
     MutexLock lock(mutex_);

@@ -96,6 +96,7 @@
 #include <string>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/ConsumerProcessDetails.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
 #include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
@@ -168,6 +169,7 @@ class PulseAudioHardwareService final : public AudioHardwareService,
   PulseAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);
   PropertyListenerRegistry listeners_;
   std::shared_ptr<DeviceReservation> reservation_;  // set once by create(); null without sd-bus
+  ConsumerProcessDetails processDetails_;           // libpulse's loop thread only
   // Last, so it is destroyed first: no state arrives while the members above are torn down.
   std::unique_ptr<PulseAudioServerConnection> connection_;
 };

@@ -29,11 +29,13 @@ bool Store(std::map<std::uint32_t, Value>& map, std::uint32_t index, Value value
 constexpr auto kSources = &PulseServerState::sources;
 constexpr auto kSinks = &PulseServerState::sinks;
 constexpr auto kCards = &PulseServerState::cards;
+constexpr auto kClients = &PulseServerState::clients;
 constexpr auto kRecordings = &PulseServerState::recordingStreams;
 constexpr auto kPlaybacks = &PulseServerState::playbackStreams;
 constexpr auto kSource = &PulseEndpointFromSourceInfo;
 constexpr auto kSink = &PulseEndpointFromSinkInfo;
 constexpr auto kCard = &PulseCardFromCardInfo;
+constexpr auto kClient = &PulseClientFromClientInfo;
 constexpr auto kRecording = &PulseRecordingStreamFromSourceOutputInfo;
 constexpr auto kPlayback = &PulsePlaybackStreamFromSinkInputInfo;
 
@@ -220,13 +222,17 @@ void PulseAudioServerConnection::onReady() {
   // Subscribing before listing: a change made while the lists are read is fetched again after.
   const auto mask = static_cast<pa_subscription_mask_t>(
       PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_CARD |
-      PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT | PA_SUBSCRIPTION_MASK_SINK_INPUT);
+      PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT | PA_SUBSCRIPTION_MASK_SINK_INPUT |
+      PA_SUBSCRIPTION_MASK_CLIENT);
   Release(pa_context_subscribe(context, mask, nullptr, nullptr));
 
   state_ = PulseServerState();
-  listsPending_ = 5;
+  listsPending_ = 6;
   Release(
       pa_context_get_card_info_list(context, &received<pa_card_info, kCards, kCard, true>, this));
+  // Clients before streams: a stream's client is known when the stream is.
+  Release(pa_context_get_client_info_list(
+      context, &received<pa_client_info, kClients, kClient, true>, this));
   Release(
       pa_context_get_sink_info_list(context, &received<pa_sink_info, kSinks, kSink, true>, this));
   Release(pa_context_get_source_info_list(
@@ -311,6 +317,9 @@ void PulseAudioServerConnection::onServerEvent(unsigned facility, unsigned type,
     case PA_SUBSCRIPTION_EVENT_CARD:
       changed = state_.cards.erase(index) != 0;
       break;
+    case PA_SUBSCRIPTION_EVENT_CLIENT:
+      changed = state_.clients.erase(index) != 0;
+      break;
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
       changed = state_.recordingStreams.erase(index) != 0;
       break;
@@ -337,6 +346,10 @@ void PulseAudioServerConnection::fetch(unsigned facility, std::uint32_t index) {
     case PA_SUBSCRIPTION_EVENT_CARD:
       Release(pa_context_get_card_info_by_index(
           context_, index, &received<pa_card_info, kCards, kCard, false>, this));
+      break;
+    case PA_SUBSCRIPTION_EVENT_CLIENT:
+      Release(pa_context_get_client_info(
+          context_, index, &received<pa_client_info, kClients, kClient, false>, this));
       break;
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
       Release(pa_context_get_source_output_info(

@@ -1,7 +1,7 @@
 // A live copy of a PulseAudio server's state. The connection runs libpulse's threaded main loop on
 // a thread of its own: it connects (libpulse finds the server as every client does: PULSE_SERVER,
 // client.conf, the user's socket; it never starts a server), subscribes to changes, fetches each
-// source, sink, card, recording stream or playback stream that changed, and hands the whole state
+// source, sink, card, client, recording stream or playback stream that changed, and hands the whole state
 // to its handler. When the server goes away it hands over an empty state and reconnects with
 // growing delays.
 //

@@ -97,6 +97,10 @@ PulseCard PulseCardFromCardInfo(const pa_card_info& info) {
   return PulseCard{info.index, TextOf(info.name), PropertiesOf(info.proplist)};
 }
 
+PulseClient PulseClientFromClientInfo(const pa_client_info& info) {
+  return PulseClient{info.index, PropertiesOf(info.proplist)};
+}
+
 PulseRecordingStream PulseRecordingStreamFromSourceOutputInfo(const pa_source_output_info& info) {
   const bool peaks = (info.resample_method && std::strcmp(info.resample_method, "peaks") == 0) ||
                      IsTrue(info.proplist, "stream.monitor") ||
@@ -106,13 +110,19 @@ PulseRecordingStream PulseRecordingStreamFromSourceOutputInfo(const pa_source_ou
                               info.corked != 0,
                               peaks,
                               ModuleOwning(info.owner_module, info.client),
-                              LinkGroupOf(info.proplist)};
+                              LinkGroupOf(info.proplist),
+                              IndexOf(info.client),
+                              PropertiesOf(info.proplist)};
 }
 
 PulsePlaybackStream PulsePlaybackStreamFromSinkInputInfo(const pa_sink_input_info& info) {
-  return PulsePlaybackStream{info.index, info.sink, info.corked != 0,
+  return PulsePlaybackStream{info.index,
+                             info.sink,
+                             info.corked != 0,
                              ModuleOwning(info.owner_module, info.client),
-                             LinkGroupOf(info.proplist)};
+                             LinkGroupOf(info.proplist),
+                             IndexOf(info.client),
+                             PropertiesOf(info.proplist)};
 }
 
 }  // namespace harkwell

@@ -1,5 +1,5 @@
 // What the library keeps of a PulseAudio server's state: plain copies of the sources, sinks, cards,
-// recording streams and playback streams that libpulse reports, keyed by the server's own indexes.
+// clients, recording streams and playback streams that libpulse reports, keyed by the server's own indexes.
 // The connection fills one on libpulse's loop thread; everything else receives copies. Values only:
 // no libpulse object is referenced after a conversion returns.
 #pragma once
@@ -15,6 +15,7 @@
 struct pa_source_info;
 struct pa_sink_info;
 struct pa_card_info;
+struct pa_client_info;
 struct pa_source_output_info;
 struct pa_sink_input_info;
 
@@ -63,6 +64,16 @@ struct PulseCard {
   friend bool operator==(const PulseCard&, const PulseCard&) = default;
 };
 
+// A program connected to the server (or, on pipewire-pulse, any PipeWire client): its properties
+// say who it is ("application.name", "application.process.id", on pipewire-pulse
+// "pipewire.sec.pid").
+struct PulseClient {
+  std::uint32_t index = 0;
+  PulseProperties properties;
+
+  friend bool operator==(const PulseClient&, const PulseClient&) = default;
+};
+
 // A source output: a stream that records from a source.
 struct PulseRecordingStream {
   std::uint32_t index = 0;
@@ -77,6 +88,9 @@ struct PulseRecordingStream {
   // are left without one), and PipeWire's "node.link-group".
   std::optional<std::uint32_t> ownerModule;
   std::optional<std::string> linkGroup;
+  // The client that opened it (absent for a module's own stream), and the stream's properties.
+  std::optional<std::uint32_t> client;
+  PulseProperties properties;
 
   friend bool operator==(const PulseRecordingStream&, const PulseRecordingStream&) = default;
 };
@@ -89,6 +103,8 @@ struct PulsePlaybackStream {
   // As for recording streams.
   std::optional<std::uint32_t> ownerModule;
   std::optional<std::string> linkGroup;
+  std::optional<std::uint32_t> client;
+  PulseProperties properties;
 
   friend bool operator==(const PulsePlaybackStream&, const PulsePlaybackStream&) = default;
 };
@@ -97,6 +113,7 @@ struct PulseServerState {
   std::map<std::uint32_t, PulseEndpoint> sources;
   std::map<std::uint32_t, PulseEndpoint> sinks;
   std::map<std::uint32_t, PulseCard> cards;
+  std::map<std::uint32_t, PulseClient> clients;
   std::map<std::uint32_t, PulseRecordingStream> recordingStreams;
   std::map<std::uint32_t, PulsePlaybackStream> playbackStreams;
 
@@ -107,6 +124,7 @@ struct PulseServerState {
 PulseEndpoint PulseEndpointFromSourceInfo(const pa_source_info& info);
 PulseEndpoint PulseEndpointFromSinkInfo(const pa_sink_info& info);
 PulseCard PulseCardFromCardInfo(const pa_card_info& info);
+PulseClient PulseClientFromClientInfo(const pa_client_info& info);
 PulseRecordingStream PulseRecordingStreamFromSourceOutputInfo(const pa_source_output_info& info);
 PulsePlaybackStream PulsePlaybackStreamFromSinkInputInfo(const pa_sink_input_info& info);
 
