@@ -196,6 +196,35 @@ TEST_F(PulseAudioControllerTest, ParecordBringsChangedRunningTrueThenFalse) {
       waitFor(MediaDeviceEvent::ChangedRunning, PrivatePulseServer::kNullSourceName, false));
 }
 
+TEST_F(PulseAudioControllerTest, ParecordReachesTheConsumersHandlerAndLeavesIt) {
+  using Report = std::pair<std::string, std::vector<MediaDeviceConsumer>>;
+  Recorder<Report> reports;
+  controller_->setDeviceConsumersHandler(
+      [&](const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers) {
+        reports.append({device.deviceUID, consumers});
+      });
+  observe();
+  ChildProcess parecord;
+  ASSERT_EQ(server_.startRecorder(parecord, PrivatePulseServer::kNullSourceName), "");
+  auto lastFor = [](const std::vector<Report>& all) -> const Report* {
+    for (auto it = all.rbegin(); it != all.rend(); ++it) {
+      if (it->first == PrivatePulseServer::kNullSourceName) return &*it;
+    }
+    return nullptr;
+  };
+  EXPECT_TRUE(reports.waitUntil([&](const std::vector<Report>& all) {
+    const Report* last = lastFor(all);
+    return last && last->second.size() == 1 && last->second.front().processID == parecord.pid() &&
+           last->second.front().processName == "parecord";
+  }));
+  parecord.stop(SIGTERM, 5s);
+  EXPECT_TRUE(reports.waitUntil([&](const std::vector<Report>& all) {
+    const Report* last = lastFor(all);
+    return last && last->second.empty();
+  }));
+  controller_->setDeviceConsumersHandler(nullptr);
+}
+
 TEST_F(PulseAudioControllerTest, UnloadingTheModuleBringsDisconnected) {
   const auto module = client_->loadModule("module-null-source", "source_name=extra_source");
   ASSERT_TRUE(module);
