@@ -4,12 +4,16 @@
 // records and events exactly as before.
 //
 // What each service knows:
-//   - PipeWire: every client node linked to the device's node, through filters and loopbacks. The
-//     process ID is the one the daemon took from the client's socket (verified). Application name
-//     and ID are what the client announced.
-//   - PulseAudio: every recording stream of a source, every playback stream of a sink. The process
-//     ID is the client's own claim (`application.process.id`) unless the server also gives the
-//     socket's credentials (pipewire-pulse does), which are then used and marked verified.
+//   - PipeWire: every client stream node linked to the device's node (and, for a sink, those
+//     capturing it), with filters and loopbacks followed to the programs at their ends. The
+//     process ID is the one the daemon took from the client's socket (verified), except for a
+//     PulseAudio client that pipewire-pulse bridges: its socket is pipewire-pulse's, so only its
+//     own claim is known (unverified). Application name and ID are what the client announced.
+//   - PulseAudio: every recording stream of a source, every playback stream of a sink and every
+//     capture of its monitor. The process ID is the client's own claim (`application.process.id`,
+//     unverified): the PulseAudio daemon shows no socket credentials, and pipewire-pulse shows
+//     only its own for the clients it bridges (a native PipeWire client seen through it keeps its
+//     verified one). A filter module's own streams have no process (-1).
 //   - V4L2: the processes whose descriptors hold the camera's nodes, from /proc; always verified.
 //     A media server holding a node is listed as a media server, and the clients it serves are
 //     listed as applications when the media server's own graph answers.

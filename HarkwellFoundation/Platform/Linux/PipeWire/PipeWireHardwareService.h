@@ -51,6 +51,19 @@
 //                                 filter or loopback: what the consuming half takes, the producing
 //                                 half gives, so a filter counts only while something real takes
 //                                 its output. Links in error or unlinked are not flows.
+//   "hcn#" (consumers)            EncodeDeviceConsumers of who uses the device
+//                                 (PipeWireConsumersOf in PipeWireDeviceMapping.h): the stream
+//                                 nodes linked from a source node, linked into a sink node, and
+//                                 capturing a sink, paused or not; meters (stream.monitor,
+//                                 resample.peaks) and monitors by kind; a node.link-group member
+//                                 (a filter or loopback) with the programs at the ends of its
+//                                 chains, through any number of filters, as its feeds. The PID is
+//                                 the node's client's "pipewire.sec.pid", taken by the daemon from
+//                                 the socket (verified), except for a PulseAudio client bridged by
+//                                 pipewire-pulse, whose connection is pipewire-pulse's own: then
+//                                 its "application.process.id", a claim. Executable, process name
+//                                 and sandbox from /proc, read on libpipewire's thread once per
+//                                 process. The listeners run only when the list really changes
 //   "ssrc" (input scope)          sources whose device has input routes for the node's
 //                                 card.profile.device: the chosen route's input source ID (IDs
 //                                 count from 1 per device in the order routes are first seen); a

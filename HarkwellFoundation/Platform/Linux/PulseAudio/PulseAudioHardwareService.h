@@ -48,6 +48,21 @@
 //                                 loopback counts (the microphone is heard). So a volume meter or a
 //                                 filter nobody records from does not make a microphone "in use".
 //                                 A change between IDLE and SUSPENDED changes nothing here.
+//   "hcn#" (consumers)            EncodeDeviceConsumers of who uses the device (PulseConsumersOf in
+//                                 PulseAudioDeviceMapping.h): a source's recording streams, a
+//                                 sink's playback streams and the captures of its monitor, paused
+//                                 ones too; level meters and monitors by kind; a filter (module or
+//                                 link group) with the programs at the ends of its chains as its
+//                                 feeds. The PID is the client's "application.process.id", a claim
+//                                 (isProcessIDVerified false): a plain PulseAudio server takes no
+//                                 credentials a client can see. pipewire-pulse adds
+//                                 "pipewire.sec.pid", but gives its own PID there to every client
+//                                 it bridges, so it is used (verified) only when it is not that of
+//                                 the bridge's own connection, as for a native PipeWire client
+//                                 seen through it. A module's stream has no client and no PID.
+//                                 Executable, process name and sandbox from /proc, read on
+//                                 libpulse's thread once per process. The listeners run only when
+//                                 the list really changes
 //   "ssrc" (input scope)          sources with ports only: the active port's input source ID (IDs
 //                                 count from 1 per device in the order ports are first seen)
 //   "lscn" (input scope)          sources with ports only: a port's description, by input source ID
