@@ -16,7 +16,8 @@ if [ "${1:-}" = "--quick" ]; then
   min_time=(--benchmark_min_time=0.05)
   shift
 fi
-programs=(observer_bench backend_bench controller_bench pulse_bench pipewire_bench v4l2_bench)
+programs=(observer_bench backend_bench controller_bench pulse_bench consumers_bench pipewire_bench
+  v4l2_bench)
 if [ $# -gt 0 ]; then programs=("$@"); fi
 
 scripts/install-deps.sh

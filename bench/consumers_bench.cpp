@@ -1,0 +1,132 @@
+// Who uses a device, against a private pulseaudio daemon: from a recording stream starting to the
+// PulseAudio service's consumers listener reading a list that names the recorder's process and
+// application, over 60 starts, beside the server's own event for the new stream, as a bare
+// libpulse client that listens the way `pactl subscribe` does receives it on the same starts.
+// The ratio of each start's two latencies is the figure to watch (goal: under 1.1 at the median).
+#include <benchmark/benchmark.h>
+#include <pulse/pulseaudio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/ListenerBlock.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
+#include "tests/support/PrivatePulseServer.h"
+#include "tests/support/PulseTestClient.h"
+#include "tests/support/Waiting.h"
+
+namespace harkwell {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using testing::PrivatePulseServer;
+using testing::PulseTestClient;
+using testing::Recorder;
+
+constexpr int kStarts = 60;
+
+double Median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  const std::size_t middle = values.size() / 2;
+  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+double MicrosecondsBetween(Clock::time_point from, Clock::time_point to) {
+  return std::chrono::duration<double, std::micro>(to - from).count();
+}
+
+void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
+  if (!PrivatePulseServer::isInstalled()) {
+    state.SkipWithError("pulseaudio is not installed (Debian package pulseaudio)");
+    return;
+  }
+  // Declared before what calls them, so they outlive the callbacks.
+  Recorder<Clock::time_point> known;         // the listener read a list naming this process
+  Recorder<bool> emptied;                    // the listener read an empty list
+  Recorder<Clock::time_point> serverEvents;  // the server's event for a new recording stream
+  PrivatePulseServer server;
+  if (const std::string error = server.start(); !error.empty()) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  PulseAudioHardwareService::Options options;
+  options.server = server.address();
+  auto service = PulseAudioHardwareService::create(options);
+  const std::string sourceName = PrivatePulseServer::kNullSourceName;
+  const ObjectID sourceID = StableDeviceIDHome(StableIDSpace::Audio, sourceName);
+  const PropertyAddress address{kAudioDevicePropertyConsumers, kAudioObjectPropertyScopeGlobal,
+                                kAudioObjectPropertyElementMaster};
+  auto queue = DispatchQueue::createSerial("bench.consumers.listener");
+  auto listener = std::make_shared<const PropertyListener>([&](std::uint32_t,
+                                                               const PropertyAddress*) {
+    const auto consumers = ReadDeviceConsumers(*service, sourceID)
+                               .value_or(std::vector<MediaDeviceConsumer>{});
+    const bool named = std::any_of(consumers.begin(), consumers.end(), [](const auto& consumer) {
+      return consumer.processID == getpid() && consumer.applicationName.has_value();
+    });
+    if (named) known.append(Clock::now());
+    if (consumers.empty()) emptied.append(true);
+  });
+  if (!service || service->addPropertyListenerBlock(sourceID, address, queue,
+                                                    PlatformListenerBlock::copy(listener)) != kNoErr) {
+    state.SkipWithError("cannot listen to the source's consumers");
+    return;
+  }
+  PulseTestClient subscriber(server.address());
+  PulseTestClient recorder(server.address());
+  subscriber.subscribe([&](unsigned facility, unsigned type, std::uint32_t) {
+    if (facility == PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT && type == PA_SUBSCRIPTION_EVENT_NEW) {
+      serverEvents.append(Clock::now());
+    }
+  });
+
+  std::vector<double> consumerLatencies;
+  std::vector<double> serverLatencies;
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    for (int start = 0; start < kStarts; ++start) {
+      known.clear();
+      emptied.clear();
+      serverEvents.clear();
+      const Clock::time_point started = Clock::now();
+      auto recording = recorder.record(sourceName);
+      if (!recording || !known.waitForCount(1) || !serverEvents.waitForCount(1)) {
+        state.SkipWithError("a start was missed");
+        break;
+      }
+      const double consumer = MicrosecondsBetween(started, known.entries()[0]);
+      const double event = MicrosecondsBetween(started, serverEvents.entries()[0]);
+      consumerLatencies.push_back(consumer);
+      serverLatencies.push_back(event);
+      if (event > 0) ratios.push_back(consumer / event);
+      recording.reset();
+      if (!emptied.waitForCount(1)) {
+        state.SkipWithError("a stop was missed");
+        break;
+      }
+    }
+  }
+  service->removePropertyListenerBlock(sourceID, address, queue,
+                                       PlatformListenerBlock::copy(listener));
+  testing::DrainQueue(queue);
+  state.counters["starts"] = static_cast<double>(consumerLatencies.size());
+  state.counters["consumer_known_median_us"] = Median(consumerLatencies);
+  state.counters["server_event_median_us"] = Median(serverLatencies);
+  state.counters["consumer_over_server_event_paired_median"] = Median(ratios);
+}
+BENCHMARK(BM_RecordingStartToConsumerKnown)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
+}  // namespace harkwell
+
+BENCHMARK_MAIN();
