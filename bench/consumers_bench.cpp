@@ -14,9 +14,9 @@
 
 #include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/ListenerBlock.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
+#include "HarkwellFoundation/Platform/ListenerBlock.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
 #include "tests/support/Waiting.h"
@@ -64,18 +64,19 @@ void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
   const PropertyAddress address{kAudioDevicePropertyConsumers, kAudioObjectPropertyScopeGlobal,
                                 kAudioObjectPropertyElementMaster};
   auto queue = DispatchQueue::createSerial("bench.consumers.listener");
-  auto listener = std::make_shared<const PropertyListener>([&](std::uint32_t,
-                                                               const PropertyAddress*) {
-    const auto consumers = ReadDeviceConsumers(*service, sourceID)
-                               .value_or(std::vector<MediaDeviceConsumer>{});
-    const bool named = std::any_of(consumers.begin(), consumers.end(), [](const auto& consumer) {
-      return consumer.processID == getpid() && consumer.applicationName.has_value();
-    });
-    if (named) known.append(Clock::now());
-    if (consumers.empty()) emptied.append(true);
-  });
-  if (!service || service->addPropertyListenerBlock(sourceID, address, queue,
-                                                    PlatformListenerBlock::copy(listener)) != kNoErr) {
+  auto listener =
+      std::make_shared<const PropertyListener>([&](std::uint32_t, const PropertyAddress*) {
+        const auto consumers =
+            ReadDeviceConsumers(*service, sourceID).value_or(std::vector<MediaDeviceConsumer>{});
+        const bool named =
+            std::any_of(consumers.begin(), consumers.end(), [](const auto& consumer) {
+              return consumer.processID == getpid() && consumer.applicationName.has_value();
+            });
+        if (named) known.append(Clock::now());
+        if (consumers.empty()) emptied.append(true);
+      });
+  if (!service || service->addPropertyListenerBlock(
+                      sourceID, address, queue, PlatformListenerBlock::copy(listener)) != kNoErr) {
     state.SkipWithError("cannot listen to the source's consumers");
     return;
   }

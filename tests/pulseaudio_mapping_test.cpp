@@ -234,8 +234,9 @@ TEST(PulseServerStateTest, ClientsAndStreamsKeepWhoTheyAre) {
   pa_client_info client{};
   client.index = 8;
   client.proplist = claims.list;
-  EXPECT_EQ(PulseClientFromClientInfo(client),
-            (PulseClient{8, {{"application.name", "Recorder"}, {"application.process.id", "4242"}}}));
+  EXPECT_EQ(
+      PulseClientFromClientInfo(client),
+      (PulseClient{8, {{"application.name", "Recorder"}, {"application.process.id", "4242"}}}));
 
   pa_source_output_info recording{};
   recording.index = 3;

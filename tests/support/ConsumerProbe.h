@@ -23,16 +23,16 @@ class ConsumerProbe {
   ConsumerProbe(AudioHardwareService& service, ObjectID device,
                 std::shared_ptr<DispatchQueue> queue)
       : service_(service), device_(device), queue_(std::move(queue)) {
-    closure_ = std::make_shared<const PropertyListener>(
-        [this](std::uint32_t, const PropertyAddress*) {
+    closure_ =
+        std::make_shared<const PropertyListener>([this](std::uint32_t, const PropertyAddress*) {
           calls_.append(ReadDeviceConsumers(service_, device_).value_or(ConsumerList{}));
         });
   }
   ~ConsumerProbe() { remove(); }
 
   OSStatus add() {
-    const OSStatus status =
-        service_.addPropertyListenerBlock(device_, kAddress, queue_, PlatformListenerBlock::copy(closure_));
+    const OSStatus status = service_.addPropertyListenerBlock(
+        device_, kAddress, queue_, PlatformListenerBlock::copy(closure_));
     added_ = status == kNoErr;
     return status;
   }
@@ -74,17 +74,20 @@ class ConsumerProbe {
 };
 
 // The consumer with this process ID in `list`, or null.
-inline const MediaDeviceConsumer* ConsumerWithProcessID(const ConsumerList& list, std::int32_t pid) {
-  auto found = std::find_if(list.begin(), list.end(),
-                            [&](const MediaDeviceConsumer& consumer) { return consumer.processID == pid; });
+inline const MediaDeviceConsumer* ConsumerWithProcessID(const ConsumerList& list,
+                                                        std::int32_t pid) {
+  auto found = std::find_if(list.begin(), list.end(), [&](const MediaDeviceConsumer& consumer) {
+    return consumer.processID == pid;
+  });
   return found == list.end() ? nullptr : &*found;
 }
 
 // The first consumer of this kind in `list`, or null.
 inline const MediaDeviceConsumer* ConsumerOfKind(const ConsumerList& list,
                                                  MediaDeviceConsumerKind kind) {
-  auto found = std::find_if(list.begin(), list.end(),
-                            [&](const MediaDeviceConsumer& consumer) { return consumer.kind == kind; });
+  auto found = std::find_if(list.begin(), list.end(), [&](const MediaDeviceConsumer& consumer) {
+    return consumer.kind == kind;
+  });
   return found == list.end() ? nullptr : &*found;
 }
 

@@ -102,14 +102,14 @@ std::set<std::int32_t> ServerConnectionProcessIDs(const std::vector<AudioClientI
 void ApplyAudioClientIdentity(MediaDeviceConsumer& consumer, const AudioClientIdentity& client,
                               const std::set<std::int32_t>& serverConnectionProcessIDs,
                               const AudioClientIdentity& fallback) {
-  const bool ownSocket = client.socketProcessID &&
-                         !(client.servedByPulseBridge &&
-                           serverConnectionProcessIDs.count(*client.socketProcessID) != 0);
+  const bool ownSocket =
+      client.socketProcessID && !(client.servedByPulseBridge &&
+                                  serverConnectionProcessIDs.count(*client.socketProcessID) != 0);
   if (ownSocket) {
     consumer.processID = *client.socketProcessID;
     consumer.isProcessIDVerified = true;
-  } else if (const auto claimed = client.claimedProcessID ? client.claimedProcessID
-                                                          : fallback.claimedProcessID) {
+  } else if (const auto claimed =
+                 client.claimedProcessID ? client.claimedProcessID : fallback.claimedProcessID) {
     consumer.processID = *claimed;
     consumer.isProcessIDVerified = false;
   } else {

@@ -18,7 +18,8 @@ namespace harkwell {
 
 class ConsumerProcessDetails {
  public:
-  explicit ConsumerProcessDetails(std::string procRoot = "/proc") : procRoot_(std::move(procRoot)) {}
+  explicit ConsumerProcessDetails(std::string procRoot = "/proc")
+      : procRoot_(std::move(procRoot)) {}
 
   // Fills the details of each consumer with a process ID, and of those it feeds.
   void fill(std::vector<MediaDeviceConsumer>& consumers);

@@ -63,7 +63,8 @@ TEST_F(PipeWireConsumersTest, PwRecordArrivesWithItsVerifiedProcessAndLeavesWhen
   EXPECT_EQ(consumer.kind, MediaDeviceConsumerKind::Application);
   EXPECT_EQ(consumer.applicationName, "pw-cat") << "what the program announces";
   EXPECT_EQ(consumer.processName, "pw-record");
-  EXPECT_EQ(BaseName(consumer.executablePath), "pw-cat") << "pw-record is pw-cat under another name";
+  EXPECT_EQ(BaseName(consumer.executablePath), "pw-cat")
+      << "pw-record is pw-cat under another name";
 
   recorder.stop(SIGTERM, 5s);
   EXPECT_TRUE(consumers.waitFor([](const ConsumerList& now) { return now.empty(); }));
@@ -182,16 +183,15 @@ TEST_F(PipeWirePulseConsumersTest, ABridgedClientThatLiesIsShownAsAClaimOnBothSe
   ASSERT_EQ(nativeConsumers.add(), kNoErr);
   ChildProcess parecord;
   std::string error;
-  ASSERT_TRUE(parecord.start({"parecord", "--raw", "--device=" + std::string(kMicrophone),
-                              "--property=application.process.id=1", "/dev/null"},
-                             {.environment = stack_.clientEnvironment(),
-                              .outputPath = stack_.folder() + "/parecord.log"},
-                             &error))
+  ASSERT_TRUE(parecord.start(
+      {"parecord", "--raw", "--device=" + std::string(kMicrophone),
+       "--property=application.process.id=1", "/dev/null"},
+      {.environment = stack_.clientEnvironment(), .outputPath = stack_.folder() + "/parecord.log"},
+      &error))
       << error;
   for (ConsumerProbe* probe : {&pulseConsumers, &nativeConsumers}) {
-    const auto list = probe->waitFor([](const ConsumerList& now) {
-      return ConsumerWithProcessID(now, 1) != nullptr;
-    });
+    const auto list = probe->waitFor(
+        [](const ConsumerList& now) { return ConsumerWithProcessID(now, 1) != nullptr; });
     ASSERT_TRUE(list) << stack_.output();
     const MediaDeviceConsumer& consumer = *ConsumerWithProcessID(*list, 1);
     EXPECT_FALSE(consumer.isProcessIDVerified);

@@ -45,7 +45,8 @@ class PulseAudioConsumersTest : public ::testing::Test {
     argv.insert(argv.end(), extra.begin(), extra.end());
     argv.push_back("/dev/null");
     std::string error;
-    if (!parecord.start(argv, {{"PULSE_SERVER", server_.address()}, {"HOME", server_.folder() + "/home"}},
+    if (!parecord.start(argv,
+                        {{"PULSE_SERVER", server_.address()}, {"HOME", server_.folder() + "/home"}},
                         server_.folder() + "/parecord.log", &error)) {
       return error;
     }
@@ -124,9 +125,9 @@ TEST_F(PulseAudioConsumersTest, AFilterIsListedWithTheRecorderAtTheEndOfItsChain
   ConsumerProbe consumers(*service_, microphone_, queue_);
   ASSERT_EQ(consumers.add(), kNoErr);
   PulseTestClient client(server_.address());
-  ASSERT_TRUE(client.loadModule("module-virtual-source",
-                                std::string("master=") + PrivatePulseServer::kNullSourceName +
-                                    " source_name=virtual_mic"));
+  ASSERT_TRUE(client.loadModule(
+      "module-virtual-source",
+      std::string("master=") + PrivatePulseServer::kNullSourceName + " source_name=virtual_mic"));
   const auto alone = consumers.waitFor([](const ConsumerList& now) { return !now.empty(); });
   ASSERT_TRUE(alone);
   ASSERT_EQ(alone->size(), 1u);
@@ -146,9 +147,8 @@ TEST_F(PulseAudioConsumersTest, AFilterIsListedWithTheRecorderAtTheEndOfItsChain
   EXPECT_TRUE(MediaDeviceConsumerReachesApplication(fed->front()));
 
   parecord.stop(SIGTERM, 5s);
-  EXPECT_TRUE(consumers.waitFor([](const ConsumerList& now) {
-    return now.size() == 1 && now.front().feeds.empty();
-  }));
+  EXPECT_TRUE(consumers.waitFor(
+      [](const ConsumerList& now) { return now.size() == 1 && now.front().feeds.empty(); }));
 }
 
 TEST_F(PulseAudioConsumersTest, ACaptureOfTheSpeakersMonitorIsAMonitorOfTheSpeakers) {

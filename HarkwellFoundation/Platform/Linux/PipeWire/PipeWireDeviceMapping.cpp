@@ -251,7 +251,7 @@ ConsumerGraph PipeWireConsumerGraphOf(const PipeWireGraph& graph) {
 }
 
 std::vector<MediaDeviceConsumer> PipeWireConsumersOf(std::uint32_t node, const PipeWireGraph& graph,
-                                                    const ConsumerGraph& consumers) {
+                                                     const ConsumerGraph& consumers) {
   std::vector<AudioClientIdentity> clients;
   clients.reserve(graph.clients.size());
   for (const auto& [id, client] : graph.clients) {

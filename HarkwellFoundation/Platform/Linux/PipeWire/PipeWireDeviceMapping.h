@@ -38,7 +38,7 @@ PipeWireNodeRole PipeWireNodeRoleOf(const PipeWireNode& node);
 // stream.capture.sink or a link from a sink a monitor; any other an application, running or not.
 // The /proc details are not filled in here.
 std::vector<MediaDeviceConsumer> PipeWireConsumersOf(std::uint32_t node, const PipeWireGraph& graph,
-                                                    const ConsumerGraph& consumers);
+                                                     const ConsumerGraph& consumers);
 
 // Every device of the graph, in the order of the daemon's node IDs, with its consumers.
 std::vector<MappedAudioDevice> MapPipeWireGraph(const PipeWireGraph& graph);

@@ -1,8 +1,8 @@
 // A live copy of a PipeWire daemon's graph. The connection runs libpipewire's thread loop on a
 // thread of its own: it connects (to PIPEWIRE_REMOTE, else the user's "pipewire-0" socket; it
 // never starts a daemon), follows the registry, binds every node, device, client and link to
-// receive their info (and each device's route params), and hands the whole graph to its handler. When the
-// daemon goes away it hands over an empty graph and reconnects with growing delays.
+// receive their info (and each device's route params), and hands the whole graph to its handler.
+// When the daemon goes away it hands over an empty graph and reconnects with growing delays.
 //
 // The first graph is handed over once the daemon has answered a round trip after every object it
 // announced at connection and every bound object's first info; from then on every change is

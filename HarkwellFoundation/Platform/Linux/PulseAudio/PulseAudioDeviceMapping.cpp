@@ -213,8 +213,9 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
     const FilterGroup filter = MembersOf(groups, names);
     const bool isFilter = !names.empty();
     const bool isMonitorCapture = source && source->isMonitor;
-    graph.addStream(key, stream.corked ? Kind::Paused
-                                       : StreamKindForConsumer(RecordingConsumerKind(stream, state)));
+    graph.addStream(key, stream.corked
+                             ? Kind::Paused
+                             : StreamKindForConsumer(RecordingConsumerKind(stream, state)));
 
     if (isMonitorCapture) {
       if (source->monitoredSink)
@@ -243,8 +244,8 @@ ConsumerGraph PulseConsumerGraphFor(const PulseServerState& state) {
     const std::vector<std::string> names = GroupsOf(stream.ownerModule, stream.linkGroup);
     const FilterGroup filter = MembersOf(groups, names);
     const bool isFilter = !names.empty();
-    graph.addStream(key,
-                    stream.corked ? Kind::Paused : StreamKindForConsumer(PlaybackConsumerKind(stream)));
+    graph.addStream(
+        key, stream.corked ? Kind::Paused : StreamKindForConsumer(PlaybackConsumerKind(stream)));
     graph.addFlow(key, KeyOf(RecordKind::Sink, stream.sinkIndex));
     if (!isFilter) continue;
     for (std::uint32_t input : filter.sinks) graph.addFlow(KeyOf(RecordKind::Sink, input), key);

@@ -1,8 +1,8 @@
 // A live copy of a PulseAudio server's state. The connection runs libpulse's threaded main loop on
 // a thread of its own: it connects (libpulse finds the server as every client does: PULSE_SERVER,
 // client.conf, the user's socket; it never starts a server), subscribes to changes, fetches each
-// source, sink, card, client, recording stream or playback stream that changed, and hands the whole state
-// to its handler. When the server goes away it hands over an empty state and reconnects with
+// source, sink, card, client, recording stream or playback stream that changed, and hands the whole
+// state to its handler. When the server goes away it hands over an empty state and reconnects with
 // growing delays.
 //
 // It writes one log line when no server answers at start-up (or not in the time the owner waits),

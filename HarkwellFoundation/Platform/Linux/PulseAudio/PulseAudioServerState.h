@@ -1,7 +1,7 @@
 // What the library keeps of a PulseAudio server's state: plain copies of the sources, sinks, cards,
-// clients, recording streams and playback streams that libpulse reports, keyed by the server's own indexes.
-// The connection fills one on libpulse's loop thread; everything else receives copies. Values only:
-// no libpulse object is referenced after a conversion returns.
+// clients, recording streams and playback streams that libpulse reports, keyed by the server's own
+// indexes. The connection fills one on libpulse's loop thread; everything else receives copies.
+// Values only: no libpulse object is referenced after a conversion returns.
 #pragma once
 
 #include <cstdint>
