@@ -167,6 +167,7 @@ TEST(PulseServerStateTest, SourceOutputFedPeaksIsALevelMeter) {
   info.index = 12;
   info.source = 7;
   info.owner_module = PA_INVALID_INDEX;
+  info.client = PA_INVALID_INDEX;
   info.resample_method = "peaks";
   EXPECT_EQ(PulseRecordingStreamFromSourceOutputInfo(info),
             (PulseRecordingStream{12, 7, false, true}));
