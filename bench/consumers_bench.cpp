@@ -17,6 +17,7 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
+#include "bench/LatencyStatistics.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
 #include "tests/support/Waiting.h"
@@ -24,23 +25,14 @@
 namespace harkwell {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::Median;
+using bench::MicrosecondsBetween;
 using testing::PrivatePulseServer;
 using testing::PulseTestClient;
 using testing::Recorder;
 
 constexpr int kStarts = 60;
-
-double Median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-double MicrosecondsBetween(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double, std::micro>(to - from).count();
-}
 
 void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
   if (!PrivatePulseServer::isInstalled()) {

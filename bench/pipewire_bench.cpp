@@ -29,6 +29,7 @@
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "bench/LatencyStatistics.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/PrivatePipeWireStack.h"
 #include "tests/support/ScopedHardwareServices.h"
@@ -40,7 +41,10 @@
 namespace harkwell {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::Median;
+using bench::MicrosecondsBetween;
+using bench::Percentile;
 using testing::ChildProcess;
 using testing::PrivatePipeWireStack;
 using testing::Recorder;
@@ -265,24 +269,6 @@ class ObservedStack {
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("bench.pipewire");
   std::shared_ptr<MediaDeviceController> controller_;
 };
-
-double Percentile(std::vector<double> values, double fraction) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const auto rank = static_cast<std::size_t>(std::ceil(fraction * values.size()));
-  return values[std::clamp<std::size_t>(rank, 1, values.size()) - 1];
-}
-
-double Median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-double MicrosecondsBetween(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double, std::micro>(to - from).count();
-}
 
 // Waits until `moments` has an entry saying `running`, and gives its time.
 std::optional<Clock::time_point> WhenBecame(Recorder<BareGraphFollower::Moment>& moments,

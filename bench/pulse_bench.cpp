@@ -25,6 +25,7 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "bench/LatencyStatistics.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
 #include "tests/support/ScopedHardwareServices.h"
@@ -33,7 +34,10 @@
 namespace harkwell {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::Median;
+using bench::MicrosecondsBetween;
+using bench::Percentile;
 using testing::PrivatePulseServer;
 using testing::PulseTestClient;
 using testing::Recorder;
@@ -191,24 +195,6 @@ class BareStateReader {
   bool ready_ = false;
   bool running_ = false;  // on the loop thread only
 };
-
-double Percentile(std::vector<double> values, double fraction) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const auto rank = static_cast<std::size_t>(std::ceil(fraction * values.size()));
-  return values[std::clamp<std::size_t>(rank, 1, values.size()) - 1];
-}
-
-double Median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-double MicrosecondsBetween(Clock::time_point from, Clock::time_point to) {
-  return std::chrono::duration<double, std::micro>(to - from).count();
-}
 
 // (a)
 void BM_RecordingStartToChangedRunning(benchmark::State& state) {
