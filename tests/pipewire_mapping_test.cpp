@@ -10,6 +10,8 @@
 
 #include <array>
 
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
+
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireDeviceMapping.h"
@@ -44,6 +46,10 @@ class GraphBuilder {
     link.inputNodeID = to;
     link.state = state;
     graph_.links[id] = link;
+    return *this;
+  }
+  GraphBuilder& client(std::uint32_t id, PipeWireProperties properties) {
+    graph_.clients[id] = PipeWireClient{id, std::move(properties)};
     return *this;
   }
   const PipeWireGraph& graph() const { return graph_; }
@@ -411,6 +417,98 @@ TEST(MappedAudioDeviceMirror, HogModeOfADeviceWithACardNamesTheCard) {
             kAudioHardwareBadObjectError);
   EXPECT_FALSE(mirror.hasProperty(a, Global(kAudioDevicePropertyHogMode)))
       << "the mirror leaves exclusive access to the service";
+}
+
+std::vector<MediaDeviceConsumer> ConsumersOf(const PipeWireGraph& graph, const std::string& uid) {
+  const auto devices = MapPipeWireGraph(graph);
+  const MappedAudioDevice* device = Find(devices, uid);
+  EXPECT_NE(device, nullptr) << uid;
+  return device ? device->consumers : std::vector<MediaDeviceConsumer>{};
+}
+
+TEST(PipeWireConsumers, ARecorderIsItsClientsVerifiedProcessPausedOrNot) {
+  GraphBuilder builder;
+  builder.node(1, Source("mic"))
+      .client(40, {{"pipewire.sec.pid", "4242"},
+                   {"application.process.id", "1"},
+                   {"application.name", "Recorder"},
+                   {"application.id", "org.example.Recorder"}})
+      .node(10, Recorder({{"client.id", "40"}}), PipeWireNodeState::Idle)
+      .link(20, 1, 10);
+  const auto consumers = ConsumersOf(builder.graph(), "mic");
+  ASSERT_EQ(consumers.size(), 1u);
+  EXPECT_EQ(consumers[0].processID, 4242);
+  EXPECT_TRUE(consumers[0].isProcessIDVerified);
+  EXPECT_EQ(consumers[0].applicationName, "Recorder");
+  EXPECT_EQ(consumers[0].applicationID, "org.example.Recorder");
+  EXPECT_EQ(consumers[0].kind, MediaDeviceConsumerKind::Application);
+  EXPECT_FALSE(Running(builder.graph(), "mic")) << "listed, but an idle stream takes nothing";
+}
+
+TEST(PipeWireConsumers, MetersMonitorsAndBridgedClientsAreToldApart) {
+  GraphBuilder builder;
+  builder.node(1, Source("mic"))
+      .node(2, Sink("speaker"))
+      .client(40, {{"pipewire.sec.pid", "900"}, {"application.name", "pipewire"}})
+      .client(41, {{"pipewire.sec.pid", "900"},
+                   {"client.api", "pipewire-pulse"},
+                   {"application.process.id", "77"}})
+      .node(10, Recorder({{"client.id", "41"}, {"stream.monitor", "true"}}), kRun)
+      .node(11, Recorder({{"client.id", "41"}}), kRun)
+      .link(20, 1, 10)
+      .link(21, 2, 11);
+  const auto microphone = ConsumersOf(builder.graph(), "mic");
+  ASSERT_EQ(microphone.size(), 1u);
+  EXPECT_EQ(microphone[0].kind, MediaDeviceConsumerKind::LevelMeter);
+  EXPECT_EQ(microphone[0].processID, 77) << "pipewire-pulse's own PID is not the client's";
+  EXPECT_FALSE(microphone[0].isProcessIDVerified);
+  const auto speaker = ConsumersOf(builder.graph(), "speaker");
+  ASSERT_EQ(speaker.size(), 1u);
+  EXPECT_EQ(speaker[0].kind, MediaDeviceConsumerKind::Monitor);
+}
+
+TEST(PipeWireConsumers, ALoopbackFeedsTheRecorderBehindIt) {
+  GraphBuilder builder;
+  builder.node(1, Source("mic"))
+      .client(40, {{"pipewire.sec.pid", "500"}, {"application.name", "pw-loopback"}})
+      .client(41, {{"pipewire.sec.pid", "600"}})
+      .node(10, Recorder({{"client.id", "40"}, {"node.link-group", "loop-1"}}), kRun)
+      .node(11, {{"media.class", "Audio/Source"},
+                 {"node.name", "loop-source"},
+                 {"node.link-group", "loop-1"},
+                 {"client.id", "40"}})
+      .node(12, Recorder({{"client.id", "41"}}), kRun)
+      .link(20, 1, 10)
+      .link(21, 11, 12);
+  const auto consumers = ConsumersOf(builder.graph(), "mic");
+  ASSERT_EQ(consumers.size(), 1u);
+  EXPECT_EQ(consumers[0].kind, MediaDeviceConsumerKind::Filter);
+  EXPECT_EQ(consumers[0].processID, 500);
+  ASSERT_EQ(consumers[0].feeds.size(), 1u);
+  EXPECT_EQ(consumers[0].feeds[0].processID, 600);
+  EXPECT_TRUE(consumers[0].feeds[0].isProcessIDVerified);
+}
+
+TEST(MappedAudioDeviceMirror, ConsumersAreAnsweredEncodedAndNotedOnlyWhenTheyChange) {
+  MappedAudioDeviceMirror mirror;
+  MappedAudioDevice device = Microphone("a");
+  mirror.update({device});
+  const ObjectID id = StableDeviceIDHome(StableIDSpace::Audio, "a");
+  const PropertyAddress address = Global(kAudioDevicePropertyConsumers);
+  std::uint32_t size = 0;
+  ASSERT_EQ(mirror.getPropertyDataSize(id, address, &size), kNoErr);
+  EXPECT_EQ(size, EncodeDeviceConsumers({}).size()) << "nobody: the empty list";
+
+  MediaDeviceConsumer recorder;
+  recorder.processID = 4242;
+  device.consumers = {recorder};
+  using Change = MappedAudioDeviceMirror::Change;
+  EXPECT_EQ(mirror.update({device}), (std::vector<Change>{{id, address}}));
+  EXPECT_TRUE(mirror.update({device}).empty());
+  ASSERT_EQ(mirror.getPropertyDataSize(id, address, &size), kNoErr);
+  std::vector<std::uint8_t> bytes(size);
+  ASSERT_EQ(mirror.getPropertyData(id, address, &size, bytes.data()), kNoErr);
+  EXPECT_EQ(DecodeDeviceConsumers(bytes.data(), size), std::vector<MediaDeviceConsumer>{recorder});
 }
 
 }  // namespace

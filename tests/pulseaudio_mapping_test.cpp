@@ -756,5 +756,80 @@ TEST(PulseRunningMappingTest, ACorkedFilterStreamPassesNothingOn) {
   EXPECT_FALSE(MappedRunning(state, "mic"));
 }
 
+std::vector<MediaDeviceConsumer> MappedConsumers(const PulseServerState& state,
+                                                 const std::string& uid) {
+  for (const PulseMappedDevice& device : MapPulseServerState(state)) {
+    if (device.uid == uid) return device.consumers;
+  }
+  ADD_FAILURE() << "no device " << uid;
+  return {};
+}
+
+PulseRecordingStream RecordingBy(std::uint32_t index, std::uint32_t source, std::uint32_t client) {
+  PulseRecordingStream stream{index, source};
+  stream.client = client;
+  return stream;
+}
+
+TEST(PulseConsumerMappingTest, ARecordingNamesItsClientsClaimedProcessPausedOrNot) {
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.clients.emplace(
+      8, PulseClient{8, {{"application.name", "Recorder"}, {"application.process.id", "4242"}}});
+  state.recordingStreams.emplace(20, RecordingBy(20, kMic, 8));
+  state.recordingStreams.at(20).corked = true;
+  const auto consumers = MappedConsumers(state, "mic");
+  ASSERT_EQ(consumers.size(), 1u);
+  EXPECT_EQ(consumers[0].processID, 4242);
+  EXPECT_FALSE(consumers[0].isProcessIDVerified);
+  EXPECT_EQ(consumers[0].applicationName, "Recorder");
+  EXPECT_EQ(consumers[0].kind, MediaDeviceConsumerKind::Application);
+  EXPECT_FALSE(MappedRunning(state, "mic"));
+}
+
+TEST(PulseConsumerMappingTest, OnPipeWirePulseTheBridgesOwnPIDIsNotTheClients) {
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.clients.emplace(1, PulseClient{1, {{"pipewire.sec.pid", "900"}}});
+  state.clients.emplace(8, PulseClient{8,
+                                       {{"pipewire.sec.pid", "900"},
+                                        {"client.api", "pipewire-pulse"},
+                                        {"application.process.id", "1"}}});
+  state.clients.emplace(9, PulseClient{9, {{"pipewire.sec.pid", "4321"}}});
+  state.recordingStreams.emplace(20, RecordingBy(20, kMic, 8));
+  state.recordingStreams.emplace(21, RecordingBy(21, kMic, 9));
+  const auto consumers = MappedConsumers(state, "mic");
+  ASSERT_EQ(consumers.size(), 2u);
+  EXPECT_EQ(consumers[0].processID, 1);
+  EXPECT_FALSE(consumers[0].isProcessIDVerified);
+  EXPECT_EQ(consumers[1].processID, 4321) << "a native PipeWire client keeps its socket's PID";
+  EXPECT_TRUE(consumers[1].isProcessIDVerified);
+}
+
+TEST(PulseConsumerMappingTest, AVirtualSourceIsAFilterFeedingItsRecorder) {
+  PulseServerState state = VirtualSourceOnTheMicrophone();
+  state.clients.emplace(8, PulseClient{8, {{"application.process.id", "4242"}}});
+  state.recordingStreams.emplace(11, RecordingBy(11, kFilterSource, 8));
+  const auto consumers = MappedConsumers(state, "mic");
+  ASSERT_EQ(consumers.size(), 1u);
+  EXPECT_EQ(consumers[0].kind, MediaDeviceConsumerKind::Filter);
+  EXPECT_EQ(consumers[0].processID, -1) << "the module's stream has no client";
+  ASSERT_EQ(consumers[0].feeds.size(), 1u);
+  EXPECT_EQ(consumers[0].feeds[0].processID, 4242);
+  EXPECT_EQ(MappedConsumers(state, "vmic").size(), 1u);
+}
+
+TEST(PulseConsumerMappingTest, MetersAndMonitorCapturesHaveTheirKinds) {
+  PulseServerState state = MicrophoneAndSpeakers();
+  state.recordingStreams.emplace(20, PulseRecordingStream{20, kMic, false, true});
+  state.recordingStreams.emplace(21, PulseRecordingStream{21, kMonitor});
+  state.playbackStreams.emplace(30, PulsePlaybackStream{30, kSpeakers});
+  const auto microphone = MappedConsumers(state, "mic");
+  ASSERT_EQ(microphone.size(), 1u);
+  EXPECT_EQ(microphone[0].kind, MediaDeviceConsumerKind::LevelMeter);
+  const auto speakers = MappedConsumers(state, "speakers");
+  ASSERT_EQ(speakers.size(), 2u);
+  EXPECT_EQ(speakers[0].kind, MediaDeviceConsumerKind::Application) << "the player first";
+  EXPECT_EQ(speakers[1].kind, MediaDeviceConsumerKind::Monitor);
+}
+
 }  // namespace
 }  // namespace harkwell
