@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
-#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 
@@ -200,7 +200,7 @@ constexpr std::array<PropertyAddress, 11> kAddresses{
 };
 
 // Reads one property into a buffer of `size` bytes and releases any string it returns.
-void Read(const PulseAudioDeviceMirror& mirror, ObjectID object, const PropertyAddress& address,
+void Read(const MappedAudioDeviceMirror& mirror, ObjectID object, const PropertyAddress& address,
           std::uint32_t size, std::uint32_t sourceID) {
   std::vector<std::uint8_t> buffer(size + 1, 0);
   std::uint32_t ioSize = size;
@@ -231,7 +231,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace harkwell;
   FuzzedDataProvider input(data, size);
   const std::size_t liveStrings = PlatformStringLiveCount();
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   const int states = input.ConsumeIntegralInRange(1, 3);
   for (int round = 0; round < states; ++round) {
     const PulseServerState state = MakeState(input);
@@ -259,7 +259,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       }
       keys.emplace(device.kind, device.uid);
     }
-    mirror.update(devices);
+    mirror.update(DistinctPulseDevices(devices));
     // Two records with one server name are one device to the mirror.
     const auto listed = mirror.deviceIDs();
     Require(listed.size() == keys.size(), "the mirror does not list each device once");

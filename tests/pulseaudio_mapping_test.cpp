@@ -319,8 +319,8 @@ TEST(PulseDeviceMappingTest, ActivePortIsTheSelectedInputSource) {
 
   ASSERT_EQ(devices.size(), 1u);
   EXPECT_EQ(devices[0].inputSources,
-            (std::vector<PulsePort>{{"analog-input-internal-mic", "Internal Microphone"},
-                                    {"analog-input-headset-mic", "Headset Microphone"}}));
+            (std::vector<MappedInputSource>{{"analog-input-internal-mic", "Internal Microphone"},
+                                            {"analog-input-headset-mic", "Headset Microphone"}}));
   EXPECT_EQ(devices[0].selectedInputSource,
             std::optional<std::string>("analog-input-internal-mic"));
 }

@@ -1,5 +1,5 @@
-// The PulseAudio service's devices as seam objects: IDs, property answers with their statuses and
-// sizes, and which properties a new server state changes.
+// The PulseAudio service's devices as seam objects, in the shared Linux audio mirror: IDs, property
+// answers with their statuses and sizes, and which properties a new server state changes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,14 +7,15 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
-#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
 
 namespace harkwell {
 namespace {
 
-using Change = PulseAudioDeviceMirror::Change;
+using Change = MappedAudioDeviceMirror::Change;
 
 // A device's ID: the home of its UID, as no two UIDs of these tests share a slot.
 ObjectID IDOf(const std::string& uid) {
@@ -63,7 +64,7 @@ PulseMappedDevice WithPorts(PulseMappedDevice device, const std::string& selecte
   return device;
 }
 
-std::vector<ObjectID> ListedDevices(const PulseAudioDeviceMirror& mirror) {
+std::vector<ObjectID> ListedDevices(const MappedAudioDeviceMirror& mirror) {
   std::uint32_t size = 0;
   EXPECT_EQ(mirror.getPropertyDataSize(kAudioObjectSystemObject,
                                        Global(kAudioHardwarePropertyDevices), &size),
@@ -77,7 +78,7 @@ std::vector<ObjectID> ListedDevices(const PulseAudioDeviceMirror& mirror) {
 }
 
 // A string property's text; "<null>" for a null reference, "<status N>" for a failure.
-std::string ReadString(const PulseAudioDeviceMirror& mirror, ObjectID object,
+std::string ReadString(const MappedAudioDeviceMirror& mirror, ObjectID object,
                        std::uint32_t selector) {
   OwnedPlatformString string;
   std::uint32_t size = sizeof(PlatformStringRef);
@@ -87,7 +88,7 @@ std::string ReadString(const PulseAudioDeviceMirror& mirror, ObjectID object,
   return string.get() ? PlatformStringText(string.get()) : "<null>";
 }
 
-std::optional<std::uint32_t> ReadUInt32(const PulseAudioDeviceMirror& mirror, ObjectID object,
+std::optional<std::uint32_t> ReadUInt32(const MappedAudioDeviceMirror& mirror, ObjectID object,
                                         const PropertyAddress& address) {
   std::uint32_t value = 0xdeadbeef;
   std::uint32_t size = sizeof value;
@@ -97,7 +98,7 @@ std::optional<std::uint32_t> ReadUInt32(const PulseAudioDeviceMirror& mirror, Ob
 }
 
 // The name of input source `sourceID`, read through an AudioValueTranslation.
-std::string TranslateSource(const PulseAudioDeviceMirror& mirror, ObjectID object,
+std::string TranslateSource(const MappedAudioDeviceMirror& mirror, ObjectID object,
                             std::uint32_t sourceID) {
   PlatformStringRef name = nullptr;
   AudioValueTranslation translation{&sourceID, sizeof sourceID, &name, sizeof name};
@@ -112,7 +113,7 @@ std::string TranslateSource(const PulseAudioDeviceMirror& mirror, ObjectID objec
 // --- IDs -----------------------------------------------------------------------------------------
 
 TEST(PulseAudioDeviceMirrorTest, EachDeviceHasTheIDOfItsUIDAndTheListIsAscending) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Speakers("out"), Microphone("in")});
   EXPECT_EQ(ListedDevices(mirror), Ascending({IDOf("out"), IDOf("in")}));
   EXPECT_EQ(ReadString(mirror, IDOf("out"), kAudioDevicePropertyDeviceUID), "out");
@@ -121,9 +122,9 @@ TEST(PulseAudioDeviceMirrorTest, EachDeviceHasTheIDOfItsUIDAndTheListIsAscending
 
 TEST(PulseAudioDeviceMirrorTest, AnotherMirrorGivesTheSameIDsWhateverItSawBefore) {
   // Another process, or this one after the server restarted, with a different history.
-  PulseAudioDeviceMirror first;
+  MappedAudioDeviceMirror first;
   first.update({Microphone("a"), Microphone("b"), Speakers("c")});
-  PulseAudioDeviceMirror second;
+  MappedAudioDeviceMirror second;
   second.update({Microphone("x")});
   second.update({Speakers("c"), Microphone("b")});
   second.update({Microphone("a"), Microphone("b"), Speakers("c")});
@@ -131,7 +132,7 @@ TEST(PulseAudioDeviceMirrorTest, AnotherMirrorGivesTheSameIDsWhateverItSawBefore
 }
 
 TEST(PulseAudioDeviceMirrorTest, DeviceThatComesBackKeepsItsID) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("a"), Microphone("b")});
   mirror.update({Microphone("b")});
   mirror.update({});
@@ -141,7 +142,7 @@ TEST(PulseAudioDeviceMirrorTest, DeviceThatComesBackKeepsItsID) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, ADeviceThatLeavesTakesItsIDAlong) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("a")});
   mirror.update({Microphone("c")});
   EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{IDOf("c")}));
@@ -150,11 +151,31 @@ TEST(PulseAudioDeviceMirrorTest, ADeviceThatLeavesTakesItsIDAlong) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, SourceAndSinkOfTheSameNameAreTwoDevicesTheSourceFirst) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("same"), Speakers("same")});
   EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{IDOf("same"), IDOf("same") + 2}));
   EXPECT_EQ(ReadString(mirror, IDOf("same"), kAudioObjectPropertyName), "Microphone same");
   EXPECT_EQ(ReadString(mirror, IDOf("same") + 2, kAudioObjectPropertyName), "Speakers same");
+}
+
+TEST(PulseAudioDeviceMirrorTest, ASinkTakingTheIDOfASourceOfTheSameNameChangesTheList) {
+  MappedAudioDeviceMirror mirror;
+  mirror.update({Microphone("same")});
+  const Change list{kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices)};
+  const auto changes = mirror.update({Speakers("same")});
+  ASSERT_FALSE(changes.empty());
+  EXPECT_EQ(changes.front(), list) << "another device has the ID now";
+  EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{IDOf("same")}));
+}
+
+TEST(PulseAudioDeviceMirrorTest, TwoRecordsOfOneKindAndNameAreOneDeviceTheLast) {
+  PulseMappedDevice first = Microphone("twice");
+  PulseMappedDevice second = Microphone("twice");
+  second.name = "Second";
+  const auto distinct = DistinctPulseDevices({first, Speakers("twice"), second});
+  ASSERT_EQ(distinct.size(), 2u);
+  EXPECT_EQ(distinct[0].name, "Speakers twice");
+  EXPECT_EQ(distinct[1].name, "Second");
 }
 
 TEST(PulseAudioDeviceMirrorTest, CollidingUIDsAreSettledInUIDOrderAndAMoveChangesTheList) {
@@ -163,7 +184,7 @@ TEST(PulseAudioDeviceMirrorTest, CollidingUIDsAreSettledInUIDOrderAndAMoveChange
   const std::string second = "alsa_input.collide.294";
   ASSERT_EQ(IDOf(first), IDOf(second));
   const ObjectID home = IDOf(first);
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone(second)});
   EXPECT_EQ(ListedDevices(mirror), (std::vector<ObjectID>{home}));
 
@@ -186,7 +207,7 @@ TEST(PulseAudioDeviceMirrorTest, CollidingUIDsAreSettledInUIDOrderAndAMoveChange
 // ------------------------------------------------------------------------------
 
 TEST(PulseAudioDeviceMirrorTest, StringPropertiesAreReferencesTheCallerOwns) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   PulseMappedDevice device = Microphone("alsa_input.usb");
   device.modelUID = "046d:0825";
   mirror.update({device});
@@ -205,14 +226,14 @@ TEST(PulseAudioDeviceMirrorTest, StringPropertiesAreReferencesTheCallerOwns) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, UnknownModelIsANullReference) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   EXPECT_TRUE(mirror.hasProperty(IDOf("mic"), Global(kAudioDevicePropertyModelUID)));
   EXPECT_EQ(ReadString(mirror, IDOf("mic"), kAudioDevicePropertyModelUID), "<null>");
 }
 
 TEST(PulseAudioDeviceMirrorTest, GlobalPropertiesAnswerInEveryScope) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   std::uint32_t size = 0;
   EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Input(kAudioObjectPropertyName), &size),
@@ -228,14 +249,14 @@ TEST(PulseAudioDeviceMirrorTest, GlobalPropertiesAnswerInEveryScope) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, TransportIsAFourByteCode) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Speakers("out")});
   EXPECT_EQ(ReadUInt32(mirror, IDOf("out"), Global(kAudioDevicePropertyTransportType)),
             kAudioDeviceTransportTypeBuiltIn);
 }
 
 TEST(PulseAudioDeviceMirrorTest, StreamListsHaveFourBytesPerStream) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("in"), Speakers("out")});
   auto sizeOf = [&](ObjectID device, const PropertyAddress& address) {
     std::uint32_t size = 99;
@@ -251,7 +272,7 @@ TEST(PulseAudioDeviceMirrorTest, StreamListsHaveFourBytesPerStream) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, RunningSomewhereIsZeroOrOne) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   PulseMappedDevice device = Microphone("mic");
   mirror.update({device});
   EXPECT_EQ(ReadUInt32(mirror, IDOf("mic"), Global(kAudioDevicePropertyDeviceIsRunningSomewhere)),
@@ -263,7 +284,7 @@ TEST(PulseAudioDeviceMirrorTest, RunningSomewhereIsZeroOrOne) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, SelectedInputSourceIsTheActivePortsID) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "headset-mic")});
   EXPECT_TRUE(mirror.hasProperty(IDOf("mic"), Input(kAudioDevicePropertyDataSource)));
   EXPECT_TRUE(
@@ -280,7 +301,7 @@ TEST(PulseAudioDeviceMirrorTest, SelectedInputSourceIsTheActivePortsID) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, InputSourceIDsStayWithTheirPorts) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   PulseMappedDevice reordered = Microphone("mic");
   reordered.inputSources = {{"line-in", "Line In"}, {"headset-mic", "Headset Microphone"}};
@@ -292,7 +313,7 @@ TEST(PulseAudioDeviceMirrorTest, InputSourceIDsStayWithTheirPorts) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, DeviceWithoutPortsHasNoDataSourceProperties) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic"), Speakers("out")});
   for (ObjectID device : {IDOf("mic"), IDOf("out")}) {
     EXPECT_FALSE(mirror.hasProperty(device, Input(kAudioDevicePropertyDataSource)));
@@ -303,14 +324,14 @@ TEST(PulseAudioDeviceMirrorTest, DeviceWithoutPortsHasNoDataSourceProperties) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, DataSourceLivesInTheInputScopeOnly) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   EXPECT_FALSE(mirror.hasProperty(IDOf("mic"), Global(kAudioDevicePropertyDataSource)));
   EXPECT_FALSE(mirror.hasProperty(IDOf("mic"), Output(kAudioDevicePropertyDataSource)));
 }
 
 TEST(PulseAudioDeviceMirrorTest, HogModeIsAnUnknownProperty) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   std::int32_t owner = -1;
   std::uint32_t size = sizeof owner;
@@ -324,7 +345,7 @@ TEST(PulseAudioDeviceMirrorTest, HogModeIsAnUnknownProperty) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, HogModeOfADeviceWithACardNamesTheCard) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   PulseMappedDevice withCard = Microphone("mic");
   withCard.soundCard = 4;
   mirror.update({withCard, Speakers("null")});
@@ -348,7 +369,7 @@ TEST(PulseAudioDeviceMirrorTest, HogModeOfADeviceWithACardNamesTheCard) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, AbsentObjectIsABadObject) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   mirror.update({});
   std::uint32_t size = 0;
@@ -363,7 +384,7 @@ TEST(PulseAudioDeviceMirrorTest, AbsentObjectIsABadObject) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, SystemObjectHasOnlyTheDeviceList) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   std::uint32_t size = 99;
   EXPECT_EQ(mirror.getPropertyDataSize(kAudioObjectSystemObject,
                                        Global(kAudioHardwarePropertyDevices), &size),
@@ -373,7 +394,7 @@ TEST(PulseAudioDeviceMirrorTest, SystemObjectHasOnlyTheDeviceList) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, BuffersTooSmallAreABadPropertySize) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   std::uint8_t buffer[32] = {};
   std::uint32_t size = 3;
@@ -390,7 +411,7 @@ TEST(PulseAudioDeviceMirrorTest, BuffersTooSmallAreABadPropertySize) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, MalformedTranslationIsABadPropertySize) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   std::uint32_t sourceID = 1;
   PlatformStringRef name = nullptr;
@@ -408,7 +429,7 @@ TEST(PulseAudioDeviceMirrorTest, MalformedTranslationIsABadPropertySize) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, DeviceListWritesTheWholeIDsThatFit) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("a"), Microphone("b"), Microphone("c")});
   ObjectID ids[3] = {};
   std::uint32_t size = 6;
@@ -421,7 +442,7 @@ TEST(PulseAudioDeviceMirrorTest, DeviceListWritesTheWholeIDsThatFit) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, MissingBuffersAreRefused) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   std::uint32_t size = 4;
   EXPECT_EQ(mirror.getPropertyDataSize(IDOf("mic"), Global(kAudioObjectPropertyName), nullptr),
@@ -433,7 +454,7 @@ TEST(PulseAudioDeviceMirrorTest, MissingBuffersAreRefused) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, NothingIsWritable) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({Microphone("mic")});
   EXPECT_EQ(mirror.setPropertyDataStatus(IDOf("mic"), Global(kAudioObjectPropertyName)),
             kAudioHardwareIllegalOperationError);
@@ -444,7 +465,7 @@ TEST(PulseAudioDeviceMirrorTest, NothingIsWritable) {
 // --- Changes -------------------------------------------------------------------------------------
 
 TEST(PulseAudioDeviceMirrorTest, ArrivalAndDepartureChangeTheDeviceList) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   const Change list{kAudioObjectSystemObject, Global(kAudioHardwarePropertyDevices)};
   EXPECT_EQ(mirror.update({Microphone("a")}), std::vector<Change>{list});
   EXPECT_EQ(mirror.update({Microphone("a"), Speakers("b")}), std::vector<Change>{list});
@@ -454,13 +475,13 @@ TEST(PulseAudioDeviceMirrorTest, ArrivalAndDepartureChangeTheDeviceList) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, SameDevicesChangeNothing) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("a"), "internal-mic"), Speakers("b")});
   EXPECT_TRUE(mirror.update({WithPorts(Microphone("a"), "internal-mic"), Speakers("b")}).empty());
 }
 
 TEST(PulseAudioDeviceMirrorTest, RunningChangeNotifiesRunningSomewhereOnly) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   PulseMappedDevice device = Microphone("mic");
   mirror.update({device});
   device.isRunning = true;
@@ -474,14 +495,14 @@ TEST(PulseAudioDeviceMirrorTest, RunningChangeNotifiesRunningSomewhereOnly) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, PortChangeNotifiesTheDataSource) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   EXPECT_EQ(mirror.update({WithPorts(Microphone("mic"), "headset-mic")}),
             (std::vector<Change>{{IDOf("mic"), Input(kAudioDevicePropertyDataSource)}}));
 }
 
 TEST(PulseAudioDeviceMirrorTest, PortDescriptionChangeNotifiesTheSourceNames) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   mirror.update({WithPorts(Microphone("mic"), "internal-mic")});
   PulseMappedDevice renamed = WithPorts(Microphone("mic"), "internal-mic");
   renamed.inputSources[1].description = "Headset";
@@ -491,7 +512,7 @@ TEST(PulseAudioDeviceMirrorTest, PortDescriptionChangeNotifiesTheSourceNames) {
 }
 
 TEST(PulseAudioDeviceMirrorTest, NameModelAndTransportChangesAreNotified) {
-  PulseAudioDeviceMirror mirror;
+  MappedAudioDeviceMirror mirror;
   PulseMappedDevice device = Microphone("mic");
   mirror.update({device});
   device.name = "Renamed";
@@ -510,10 +531,10 @@ TEST(PulseAudioDeviceMirrorTest, IdleToSuspendedSourceChangesNothing) {
   source.name = "mic";
   source.state = PulseEndpointState::Idle;
   state.sources.emplace(1, source);
-  PulseAudioDeviceMirror mirror;
-  mirror.update(MapPulseServerState(state));
+  MappedAudioDeviceMirror mirror;
+  mirror.update(DistinctPulseDevices(MapPulseServerState(state)));
   state.sources.at(1).state = PulseEndpointState::Suspended;
-  EXPECT_TRUE(mirror.update(MapPulseServerState(state)).empty());
+  EXPECT_TRUE(mirror.update(DistinctPulseDevices(MapPulseServerState(state))).empty());
 }
 
 }  // namespace

@@ -178,7 +178,12 @@ std::vector<MappedAudioDeviceMirror::Change> MappedAudioDeviceMirror::update(
   const bool listChanged =
       next.size() != entries_.size() ||
       !std::equal(next.begin(), next.end(), entries_.begin(), [](const auto& a, const auto& b) {
-        return a.first == b.first && a.second.device.uid == b.second.device.uid;
+        const MappedAudioDevice& now = a.second.device;
+        const MappedAudioDevice& was = b.second.device;
+        // A source and a sink of one name are two devices: the direction is part of who it is.
+        return a.first == b.first && now.uid == was.uid &&
+               now.inputStreamCount == was.inputStreamCount &&
+               now.outputStreamCount == was.outputStreamCount;
       });
   if (listChanged) {
     changes.push_back({kAudioObjectSystemObject, GlobalAddress(kAudioHardwarePropertyDevices)});
@@ -190,8 +195,8 @@ std::vector<MappedAudioDeviceMirror::Change> MappedAudioDeviceMirror::update(
     const MappedAudioDevice& was = old.device;
     const MappedAudioDevice& now = entry.device;
     auto note = [&, id = id](const PropertyAddress& address) { changes.push_back({id, address}); };
-    if (was.name != now.name) note(GlobalAddress(kAudioObjectPropertyName));
     if (was.uid != now.uid) note(GlobalAddress(kAudioDevicePropertyDeviceUID));
+    if (was.name != now.name) note(GlobalAddress(kAudioObjectPropertyName));
     if (was.modelUID != now.modelUID) note(GlobalAddress(kAudioDevicePropertyModelUID));
     if (was.transportType != now.transportType) {
       note(GlobalAddress(kAudioDevicePropertyTransportType));

@@ -324,10 +324,25 @@ PulseMappedDevice MapPulseEndpoint(const PulseEndpoint& endpoint, const PulseCar
   device.isRunning = IsRunningIn(endpoint, graph);
   device.soundCard = PulseSoundCardFor(endpoint, card);
   if (isSource && !endpoint.ports.empty()) {
-    device.inputSources = endpoint.ports;
+    for (const PulsePort& port : endpoint.ports) {
+      device.inputSources.push_back({port.name, port.description});
+    }
     device.selectedInputSource = endpoint.activePortName;
   }
   return device;
+}
+
+std::vector<MappedAudioDevice> DistinctPulseDevices(const std::vector<PulseMappedDevice>& devices) {
+  std::map<std::pair<PulseEndpointKind, std::string>, std::size_t> lastOfKey;
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    lastOfKey[{devices[i].kind, devices[i].uid}] = i;
+  }
+  std::vector<MappedAudioDevice> distinct;
+  distinct.reserve(lastOfKey.size());
+  for (std::size_t i = 0; i < devices.size(); ++i) {
+    if (lastOfKey[{devices[i].kind, devices[i].uid}] == i) distinct.push_back(devices[i]);
+  }
+  return distinct;
 }
 
 std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state) {

@@ -11,29 +11,16 @@
 
 #include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/Linux/ConsumerGraph.h"
+#include "HarkwellFoundation/Platform/Linux/MappedAudioDevice.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerState.h"
 
 namespace harkwell {
 
-// One device as the service presents it, before it is given an object ID.
-struct PulseMappedDevice {
+// One device as the service presents it, before it is given an object ID: what the shared mirror
+// answers from (MappedAudioDevice.h; a source's input sources are its ports, by port name), and
+// whether it is a source or a sink.
+struct PulseMappedDevice : MappedAudioDevice {
   PulseEndpointKind kind = PulseEndpointKind::Source;
-  std::string uid;   // the source's or sink's name, unique on the server
-  std::string name;  // its description
-  std::optional<std::string> modelUID;
-  std::uint32_t transportType = 0;  // an audio transport code
-  std::uint32_t inputStreamCount = 0;
-  std::uint32_t outputStreamCount = 0;
-  bool isRunning = false;
-  // The input sources a source can select (its ports), and the selected one by port name. Both
-  // empty for sinks and for sources without ports.
-  std::vector<PulsePort> inputSources;
-  std::optional<std::string> selectedInputSource;
-  // The ALSA card whose reservation is the device's exclusive access; absent for devices no sound
-  // card stands behind (null sinks, network tunnels, Bluetooth).
-  std::optional<std::uint32_t> soundCard;
-  // Who uses the device (PulseConsumersOf); the /proc details are not filled in here.
-  std::vector<MediaDeviceConsumer> consumers;
 
   friend bool operator==(const PulseMappedDevice&, const PulseMappedDevice&) = default;
 };
@@ -41,6 +28,11 @@ struct PulseMappedDevice {
 // Every device of the server: its sources other than monitors, then its sinks, each in the
 // server's index order.
 std::vector<PulseMappedDevice> MapPulseServerState(const PulseServerState& state);
+
+// The devices to show: two records of one kind under one name (never from a sane server) are one
+// device, the last; sources still come before sinks, so a source and a sink of one name always
+// take their IDs in the same order.
+std::vector<MappedAudioDevice> DistinctPulseDevices(const std::vector<PulseMappedDevice>& devices);
 
 // One source or sink, without its consumers; `card` is the card that owns it, or null; `graph` is
 // the server's (PulseConsumerGraphFor).

@@ -97,7 +97,8 @@
 // Thread-safety: every member may be called from any thread at the same time. Listener blocks run
 // on their queues, never on the caller's or libpulse's thread. Reads and writes of "oink" are the
 // only calls that wait: on the session bus, bounded by the reservation's call timeout, with no lock
-// of the service held.
+// of the service held. The seam's answers, the listeners and exclusive access are the shared Linux
+// audio service's (MappedAudioHardwareService.h); this class keeps the server connection.
 //
 // Logging: the log sink is never called on libpulse's thread nor with any lock held. The lines
 // about start-up are written by create()'s caller before create() returns; later ones (the server
@@ -105,25 +106,16 @@
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "HarkwellFoundation/Platform/HardwareService.h"
-#include "HarkwellFoundation/Platform/Linux/ConsumerProcessDetails.h"
-#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMirror.h"
+#include "HarkwellFoundation/Platform/Linux/MappedAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioServerConnection.h"
-#include "HarkwellFoundation/Platform/Linux/Reservation/SoundCardReservationSource.h"
-#include "HarkwellFoundation/Platform/Mutex.h"
-#include "HarkwellFoundation/Platform/internal/PropertyListenerRegistry.h"
 
 namespace harkwell {
 
-class ReservationHogMode;
-
-class PulseAudioHardwareService final : public AudioHardwareService,
-                                        public SoundCardReservationSource {
+class PulseAudioHardwareService final : public MappedAudioHardwareService {
  public:
   struct Options {
     // A libpulse server string ("unix:/path/native", "tcp:host"); absent: libpulse's usual search
@@ -149,43 +141,10 @@ class PulseAudioHardwareService final : public AudioHardwareService,
   // never is: nothing there holds one).
   ~PulseAudioHardwareService() override;
 
-  OSStatus getPropertyDataSize(ObjectID object, const PropertyAddress& address,
-                               std::uint32_t qualifierDataSize, const void* qualifierData,
-                               std::uint32_t* outDataSize) override;
-  OSStatus getPropertyData(ObjectID object, const PropertyAddress& address,
-                           std::uint32_t qualifierDataSize, const void* qualifierData,
-                           std::uint32_t* ioDataSize, void* outData) override;
-  OSStatus setPropertyData(ObjectID object, const PropertyAddress& address,
-                           std::uint32_t qualifierDataSize, const void* qualifierData,
-                           std::uint32_t dataSize, void* data) override;
-  bool hasProperty(ObjectID object, const PropertyAddress& address) override;
-  // Any property of a present object may be listened to.
-  OSStatus addPropertyListenerBlock(ObjectID object, const PropertyAddress& address,
-                                    std::shared_ptr<DispatchQueue> queue,
-                                    PlatformListenerBlockRef block) override;
-  OSStatus removePropertyListenerBlock(ObjectID object, const PropertyAddress& address,
-                                       std::shared_ptr<DispatchQueue> queue,
-                                       PlatformListenerBlockRef block) override;
-
-  // How many listeners are registered (for tests and tools).
-  std::size_t listenerCount() const { return listeners_.count(); }
-
-  std::shared_ptr<DeviceReservation> deviceReservation() const override { return reservation_; }
-  std::optional<std::uint32_t> soundCardOfDevice(ObjectID device) const override;
-
  private:
   PulseAudioHardwareService() = default;
-  // On libpulse's loop thread: maps the state, updates the mirror, then notifies.
-  void serverStateChanged(const PulseServerState& state);
-  // A device's "oink" (see the table), answered from its card's reservation; only with sd-bus.
-  ReservationHogMode hogMode(ObjectID object, const PropertyAddress& address) const;
 
-  mutable Mutex mutex_;
-  PulseAudioDeviceMirror mirror_ HARKWELL_GUARDED_BY(mutex_);
-  PropertyListenerRegistry listeners_;
-  std::shared_ptr<DeviceReservation> reservation_;  // set once by create(); null without sd-bus
-  ConsumerProcessDetails processDetails_;           // libpulse's loop thread only
-  // Last, so it is destroyed first: no state arrives while the members above are torn down.
+  // Last, so it is destroyed first: no state arrives while the mirror is torn down.
   std::unique_ptr<PulseAudioServerConnection> connection_;
 };
 
