@@ -1,8 +1,10 @@
 // Who uses a device, against a private pulseaudio daemon: from a recording stream starting to the
 // PulseAudio service's consumers listener reading a list that names the recorder's process and
-// application, over 60 starts, beside the server's own event for the new stream, as a bare
-// libpulse client that listens the way `pactl subscribe` does receives it on the same starts.
-// The ratio of each start's two latencies is the figure to watch (goal: under 1.1 at the median).
+// application, over 60 starts, beside two floors measured by a bare libpulse client on the same
+// starts: the server's own event for the new stream (what `pactl subscribe` prints), and that
+// event followed by reading the new stream's record, which is the least any client must do to
+// learn the recorder's process ID and name (the event carries only the stream's index). The
+// ratios of each start's latencies are the figures to watch (goal: under 1.1 at the median).
 #include <benchmark/benchmark.h>
 #include <pulse/pulseaudio.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/ListenerBlock.h"
+#include "bench/BarePulseSubscriber.h"
 #include "bench/LatencyStatistics.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
@@ -43,6 +46,7 @@ void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
   Recorder<Clock::time_point> known;         // the listener read a list naming this process
   Recorder<bool> emptied;                    // the listener read an empty list
   Recorder<Clock::time_point> serverEvents;  // the server's event for a new recording stream
+  Recorder<Clock::time_point> streamRead;    // the bare client read the new stream's claims
   PrivatePulseServer server;
   if (const std::string error = server.start(); !error.empty()) {
     state.SkipWithError(error.c_str());
@@ -72,25 +76,45 @@ void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
     state.SkipWithError("cannot listen to the source's consumers");
     return;
   }
-  PulseTestClient subscriber(server.address());
   PulseTestClient recorder(server.address());
-  subscriber.subscribe([&](unsigned facility, unsigned type, std::uint32_t) {
-    if (facility == PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT && type == PA_SUBSCRIPTION_EVENT_NEW) {
-      serverEvents.append(Clock::now());
-    }
-  });
+  bench::BarePulseSubscriber floor(
+      server.address(), PA_SUBSCRIPTION_MASK_SOURCE_OUTPUT,
+      [&](pa_context* context, unsigned facility, unsigned type, std::uint32_t index) {
+        if (facility != PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT || type != PA_SUBSCRIPTION_EVENT_NEW) {
+          return;
+        }
+        serverEvents.append(Clock::now());
+        pa_operation* reading = pa_context_get_source_output_info(
+            context, index,
+            [](pa_context*, const pa_source_output_info* info, int, void* heard) {
+              if (info && pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_PROCESS_ID) &&
+                  pa_proplist_gets(info->proplist, PA_PROP_APPLICATION_NAME)) {
+                static_cast<Recorder<Clock::time_point>*>(heard)->append(Clock::now());
+              }
+            },
+            &streamRead);
+        if (reading) pa_operation_unref(reading);
+      });
+  if (!recorder.isConnected() || !floor.isReady()) {
+    state.SkipWithError("the test clients could not connect");
+    return;
+  }
 
   std::vector<double> consumerLatencies;
   std::vector<double> serverLatencies;
+  std::vector<double> streamReadLatencies;
   std::vector<double> ratios;
+  std::vector<double> readRatios;
   for (auto _ : state) {
     for (int start = 0; start < kStarts; ++start) {
       known.clear();
       emptied.clear();
       serverEvents.clear();
+      streamRead.clear();
       const Clock::time_point started = Clock::now();
       auto recording = recorder.record(sourceName);
-      if (!recording || !known.waitForCount(1) || !serverEvents.waitForCount(1)) {
+      if (!recording || !known.waitForCount(1) || !serverEvents.waitForCount(1) ||
+          !streamRead.waitForCount(1)) {
         state.SkipWithError("a start was missed");
         break;
       }
@@ -98,7 +122,10 @@ void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
       const double event = MicrosecondsBetween(started, serverEvents.entries()[0]);
       consumerLatencies.push_back(consumer);
       serverLatencies.push_back(event);
+      const double read = MicrosecondsBetween(started, streamRead.entries()[0]);
+      streamReadLatencies.push_back(read);
       if (event > 0) ratios.push_back(consumer / event);
+      if (read > 0) readRatios.push_back(consumer / read);
       recording.reset();
       if (!emptied.waitForCount(1)) {
         state.SkipWithError("a stop was missed");
@@ -112,7 +139,9 @@ void BM_RecordingStartToConsumerKnown(benchmark::State& state) {
   state.counters["starts"] = static_cast<double>(consumerLatencies.size());
   state.counters["consumer_known_median_us"] = Median(consumerLatencies);
   state.counters["server_event_median_us"] = Median(serverLatencies);
+  state.counters["stream_read_median_us"] = Median(streamReadLatencies);
   state.counters["consumer_over_server_event_paired_median"] = Median(ratios);
+  state.counters["consumer_over_stream_read_paired_median"] = Median(readRatios);
 }
 BENCHMARK(BM_RecordingStartToConsumerKnown)
     ->Iterations(1)

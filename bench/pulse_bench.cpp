@@ -25,6 +25,7 @@
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "bench/BarePulseSubscriber.h"
 #include "bench/LatencyStatistics.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PulseTestClient.h"
@@ -114,68 +115,22 @@ class BareStateReader {
   using Heard = Recorder<std::pair<bool, Clock::time_point>>;
 
   BareStateReader(const std::string& server, std::uint32_t sourceIndex, Heard& heard)
-      : sourceIndex_(sourceIndex), heard_(heard), loop_(pa_threaded_mainloop_new()) {
-    if (!loop_ || pa_threaded_mainloop_start(loop_) < 0) return;
-    pa_threaded_mainloop_lock(loop_);
-    context_ = pa_context_new(pa_threaded_mainloop_get_api(loop_), "harkwell-bench-state-reader");
-    pa_context_set_state_callback(
-        context_,
-        [](pa_context*, void* loop) {
-          pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
-        },
-        loop_);
-    if (pa_context_connect(context_, server.c_str(), PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0) {
-      for (;;) {
-        const pa_context_state_t contextState = pa_context_get_state(context_);
-        if (contextState == PA_CONTEXT_READY) break;
-        if (!PA_CONTEXT_IS_GOOD(contextState)) break;
-        pa_threaded_mainloop_wait(loop_);
-      }
-    }
-    if (pa_context_get_state(context_) == PA_CONTEXT_READY) {
-      pa_context_set_subscribe_callback(context_, &BareStateReader::onEvent, this);
-      // Subscribed once the server has answered: a start made before that would go unheard.
-      pa_operation* subscribing = pa_context_subscribe(
-          context_, PA_SUBSCRIPTION_MASK_SOURCE,
-          [](pa_context*, int, void* loop) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
-          },
-          loop_);
-      if (subscribing) {
-        while (pa_operation_get_state(subscribing) == PA_OPERATION_RUNNING) {
-          pa_threaded_mainloop_wait(loop_);
-        }
-        ready_ = pa_operation_get_state(subscribing) == PA_OPERATION_DONE;
-        pa_operation_unref(subscribing);
-      }
-    }
-    pa_threaded_mainloop_unlock(loop_);
-  }
-  ~BareStateReader() {
-    if (!loop_) return;
-    pa_threaded_mainloop_stop(loop_);
-    if (context_) {
-      pa_context_disconnect(context_);
-      pa_context_unref(context_);
-    }
-    pa_threaded_mainloop_free(loop_);
-  }
-  BareStateReader(const BareStateReader&) = delete;
-  BareStateReader& operator=(const BareStateReader&) = delete;
+      : sourceIndex_(sourceIndex),
+        heard_(heard),
+        subscriber_(server, PA_SUBSCRIPTION_MASK_SOURCE,
+                    [this](pa_context* context, unsigned facility, unsigned type,
+                           std::uint32_t index) { onEvent(context, facility, type, index); }) {}
 
-  bool isReady() const { return ready_; }
+  bool isReady() const { return subscriber_.isReady(); }
 
  private:
-  static void onEvent(pa_context* context, pa_subscription_event_type_t event, std::uint32_t index,
-                      void* userdata) {
-    auto* self = static_cast<BareStateReader*>(userdata);
-    if ((event & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) != PA_SUBSCRIPTION_EVENT_SOURCE ||
-        (event & PA_SUBSCRIPTION_EVENT_TYPE_MASK) != PA_SUBSCRIPTION_EVENT_CHANGE ||
-        index != self->sourceIndex_) {
+  void onEvent(pa_context* context, unsigned facility, unsigned type, std::uint32_t index) {
+    if (facility != PA_SUBSCRIPTION_EVENT_SOURCE || type != PA_SUBSCRIPTION_EVENT_CHANGE ||
+        index != sourceIndex_) {
       return;
     }
     pa_operation* reading =
-        pa_context_get_source_info_by_index(context, index, &BareStateReader::onInfo, self);
+        pa_context_get_source_info_by_index(context, index, &BareStateReader::onInfo, this);
     if (reading) pa_operation_unref(reading);
   }
 
@@ -190,10 +145,9 @@ class BareStateReader {
 
   const std::uint32_t sourceIndex_;
   Heard& heard_;
-  pa_threaded_mainloop* loop_ = nullptr;
-  pa_context* context_ = nullptr;
-  bool ready_ = false;
-  bool running_ = false;  // on the loop thread only
+  bool running_ = false;  // on the subscriber's loop thread only
+  // Last: its loop thread stops before the members above go.
+  bench::BarePulseSubscriber subscriber_;
 };
 
 // (a)
