@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -130,25 +131,22 @@ class LogLines {
   LogSink previous_;
 };
 
-// A listener on one property: each call records the property's value as the block reads it, so a
-// test sees both that it fired and what the service answered by then.
-class PropertyProbe {
+// A listener on one property of one object: each call records what `read` finds then, so a test
+// sees both that it fired and what the service answered by then.
+template <class Value>
+class ReadingProbe {
  public:
-  PropertyProbe(AudioHardwareService& service, ObjectID object, PropertyAddress address,
-                std::shared_ptr<DispatchQueue> queue)
+  ReadingProbe(AudioHardwareService& service, ObjectID object, PropertyAddress address,
+               std::shared_ptr<DispatchQueue> queue, std::function<Value()> read)
       : service_(service), object_(object), address_(address), queue_(std::move(queue)) {
-    closure_ = std::make_shared<const PropertyListener>([this](std::uint32_t,
-                                                               const PropertyAddress*) {
-      std::uint32_t size = 0;
-      service_.getPropertyDataSize(object_, address_, 0, nullptr, &size);
-      std::vector<std::uint32_t> value(size / 4);
-      if (service_.getPropertyData(object_, address_, 0, nullptr, &size, value.data()) != kNoErr) {
-        value.clear();
-      }
-      calls_.append(value);
-    });
+    closure_ = std::make_shared<const PropertyListener>(
+        [this, read = std::move(read)](std::uint32_t, const PropertyAddress*) {
+          calls_.append(read());
+        });
   }
-  ~PropertyProbe() { remove(); }
+  ~ReadingProbe() { remove(); }
+  ReadingProbe(const ReadingProbe&) = delete;
+  ReadingProbe& operator=(const ReadingProbe&) = delete;
 
   OSStatus add() {
     const OSStatus status = service_.addPropertyListenerBlock(
@@ -164,12 +162,8 @@ class PropertyProbe {
     DrainQueue(queue_);
     return status;
   }
-  // The values read in the calls so far (an ID list, or one running flag).
-  Recorder<std::vector<std::uint32_t>>& calls() { return calls_; }
-  bool waitForValue(const std::vector<std::uint32_t>& value) {
-    return calls_.waitUntil(
-        [&](const auto& values) { return !values.empty() && values.back() == value; });
-  }
+  // The values read in the calls so far.
+  Recorder<Value>& calls() { return calls_; }
 
  private:
   AudioHardwareService& service_;
@@ -177,8 +171,34 @@ class PropertyProbe {
   PropertyAddress address_;
   std::shared_ptr<DispatchQueue> queue_;
   SharedPropertyListener closure_;
-  Recorder<std::vector<std::uint32_t>> calls_;
+  Recorder<Value> calls_;
   bool added_ = false;
+};
+
+// A listener on a property whose value is 4-byte words: an ID list, or one running flag.
+class PropertyProbe : public ReadingProbe<std::vector<std::uint32_t>> {
+ public:
+  PropertyProbe(AudioHardwareService& service, ObjectID object, PropertyAddress address,
+                std::shared_ptr<DispatchQueue> queue)
+      : ReadingProbe(service, object, address, std::move(queue),
+                     [&service, object, address] { return Words(service, object, address); }) {}
+
+  bool waitForValue(const std::vector<std::uint32_t>& value) {
+    return calls().waitUntil(
+        [&](const auto& values) { return !values.empty() && values.back() == value; });
+  }
+
+ private:
+  static std::vector<std::uint32_t> Words(AudioHardwareService& service, ObjectID object,
+                                          const PropertyAddress& address) {
+    std::uint32_t size = 0;
+    service.getPropertyDataSize(object, address, 0, nullptr, &size);
+    std::vector<std::uint32_t> value(size / 4);
+    if (service.getPropertyData(object, address, 0, nullptr, &size, value.data()) != kNoErr) {
+      value.clear();
+    }
+    return value;
+  }
 };
 
 }  // namespace harkwell::testing

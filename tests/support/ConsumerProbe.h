@@ -11,45 +11,29 @@
 #include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
-#include "HarkwellFoundation/Platform/ListenerBlock.h"
-#include "tests/support/Waiting.h"
+#include "tests/support/AudioServiceReads.h"
 
 namespace harkwell::testing {
 
 using ConsumerList = std::vector<MediaDeviceConsumer>;
 
-class ConsumerProbe {
+class ConsumerProbe : public ReadingProbe<ConsumerList> {
  public:
   ConsumerProbe(AudioHardwareService& service, ObjectID device,
                 std::shared_ptr<DispatchQueue> queue)
-      : service_(service), device_(device), queue_(std::move(queue)) {
-    closure_ =
-        std::make_shared<const PropertyListener>([this](std::uint32_t, const PropertyAddress*) {
-          calls_.append(ReadDeviceConsumers(service_, device_).value_or(ConsumerList{}));
-        });
-  }
-  ~ConsumerProbe() { remove(); }
-
-  OSStatus add() {
-    const OSStatus status = service_.addPropertyListenerBlock(
-        device_, kAddress, queue_, PlatformListenerBlock::copy(closure_));
-    added_ = status == kNoErr;
-    return status;
-  }
-  void remove() {
-    if (!added_) return;
-    added_ = false;
-    service_.removePropertyListenerBlock(device_, kAddress, queue_,
-                                         PlatformListenerBlock::copy(closure_));
-    DrainQueue(queue_);
-  }
+      : ReadingProbe(service, device,
+                     {kAudioDevicePropertyConsumers, kAudioObjectPropertyScopeGlobal,
+                      kAudioObjectPropertyElementMaster},
+                     std::move(queue), [&service, device] {
+                       return ReadDeviceConsumers(service, device).value_or(ConsumerList{});
+                     }) {}
 
   // Waits until a notification finds a list for which `matches` holds; that list, or nothing when
   // the deadline passes first.
   template <class Predicate>
   std::optional<ConsumerList> waitFor(Predicate matches) {
     std::optional<ConsumerList> found;
-    calls_.waitUntil([&](const std::vector<ConsumerList>& lists) {
+    calls().waitUntil([&](const std::vector<ConsumerList>& lists) {
       if (lists.empty() || !matches(lists.back())) return false;
       found = lists.back();
       return true;
@@ -57,20 +41,9 @@ class ConsumerProbe {
     return found;
   }
   // Forgets the lists read so far.
-  void clear() { calls_.clear(); }
+  void clear() { calls().clear(); }
   // The lists read so far, one per notification.
-  std::vector<ConsumerList> lists() const { return calls_.entries(); }
-
- private:
-  static constexpr PropertyAddress kAddress{kAudioDevicePropertyConsumers,
-                                            kAudioObjectPropertyScopeGlobal,
-                                            kAudioObjectPropertyElementMaster};
-  AudioHardwareService& service_;
-  ObjectID device_;
-  std::shared_ptr<DispatchQueue> queue_;
-  SharedPropertyListener closure_;
-  Recorder<ConsumerList> calls_;
-  bool added_ = false;
+  std::vector<ConsumerList> lists() { return calls().entries(); }
 };
 
 // The consumer with this process ID in `list`, or null.
