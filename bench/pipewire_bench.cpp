@@ -6,7 +6,9 @@
 //        - the floor: the moment that bare client's copy of the graph first shows what "running"
 //          needs (a link from the microphone into a node that runs), the least any client must
 //          receive and read to tell a real consumer from a meter;
-//      median and 99th percentile (bench_table puts them side by side);
+//      median and 99th percentile (bench_table puts them side by side); and on the same starts,
+//      the moment the service's consumers listener first reads a list naming the recorder's
+//      process (its verified PID) and application;
 //  (b) the CPU and the wake-ups (voluntary context switches) of an observing controller over 10 s
 //      while nothing changes, beside the same process over 10 s without it.
 #include <benchmark/benchmark.h>
@@ -16,6 +18,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -26,8 +29,11 @@
 #include <thread>
 #include <vector>
 
+#include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireHardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "bench/LatencyStatistics.h"
 #include "tests/support/ChildProcess.h"
@@ -232,6 +238,7 @@ class ObservedStack {
       return;
     }
     services_.install(service, SimulatedVideoHardwareService::create());
+    service_ = service;
   }
   ~ObservedStack() {
     stopObserving();
@@ -242,6 +249,7 @@ class ObservedStack {
 
   const std::string& error() const { return error_; }
   PrivatePipeWireStack& stack() { return stack_; }
+  PipeWireHardwareService& service() { return *service_; }
 
   void observe(MediaDeviceController::DeviceEventHandler handler) {
     controller_ = MediaDeviceController::create(queue_);
@@ -268,6 +276,7 @@ class ObservedStack {
   testing::ScopedHardwareServices services_;
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::createSerial("bench.pipewire");
   std::shared_ptr<MediaDeviceController> controller_;
+  std::shared_ptr<PipeWireHardwareService> service_;
 };
 
 // Waits until `moments` has an entry saying `running`, and gives its time.
@@ -309,19 +318,49 @@ void BM_RecorderStartToChangedRunning(benchmark::State& state) {
     state.SkipWithError("the bare client could not connect");
     return;
   }
+  // The service's own consumers listener on the microphone, on a queue of its own: when it first
+  // reads a list that names the running recorder's process and application.
+  std::atomic<pid_t> recorderID{-1};
+  Recorder<Clock::time_point> consumerKnown;
+  const ObjectID microphoneID = StableDeviceIDHome(StableIDSpace::Audio, kMicrophone);
+  const PropertyAddress consumersAddress{kAudioDevicePropertyConsumers,
+                                         kAudioObjectPropertyScopeGlobal,
+                                         kAudioObjectPropertyElementMaster};
+  auto listenerQueue = DispatchQueue::createSerial("bench.pipewire.consumers");
+  auto consumersListener =
+      std::make_shared<const PropertyListener>([&](std::uint32_t, const PropertyAddress*) {
+        const auto consumers = ReadDeviceConsumers(observed.service(), microphoneID)
+                                   .value_or(std::vector<MediaDeviceConsumer>{});
+        const pid_t expected = recorderID.load();
+        const bool named =
+            std::any_of(consumers.begin(), consumers.end(), [&](const MediaDeviceConsumer& c) {
+              return c.processID == expected && c.isProcessIDVerified && c.applicationName;
+            });
+        if (named) consumerKnown.append(Clock::now());
+      });
+  if (observed.service().addPropertyListenerBlock(microphoneID, consumersAddress, listenerQueue,
+                                                  PlatformListenerBlock::copy(consumersListener)) !=
+      kNoErr) {
+    state.SkipWithError("cannot listen to the microphone's consumers");
+    return;
+  }
 
   std::vector<double> clientLatencies;
   std::vector<double> eventLatencies;
   std::vector<double> floorLatencies;
+  std::vector<double> consumerLatencies;
+  std::vector<double> consumerRatios;
   for (auto _ : state) {
     for (int start = 0; start < kStarts; ++start) {
       clientHeard.clear();
       bare.daemonEvents().clear();
       bare.floorMoments().clear();
+      consumerKnown.clear();
       ChildProcess recorder;
       const Clock::time_point started = Clock::now();
-      if (!observed.stack().startRecorder(recorder, kMicrophone).empty() ||
-          !clientHeard.waitForCount(1)) {
+      const std::string error = observed.stack().startRecorder(recorder, kMicrophone);
+      recorderID = recorder.pid();
+      if (!error.empty() || !clientHeard.waitForCount(1) || !consumerKnown.waitForCount(1)) {
         state.SkipWithError("a start was not reported");
         return;
       }
@@ -334,6 +373,9 @@ void BM_RecorderStartToChangedRunning(benchmark::State& state) {
       clientLatencies.push_back(MicrosecondsBetween(started, clientHeard.entries()[0].second));
       eventLatencies.push_back(MicrosecondsBetween(started, *event));
       floorLatencies.push_back(MicrosecondsBetween(started, *floor));
+      const double known = MicrosecondsBetween(started, consumerKnown.entries()[0]);
+      consumerLatencies.push_back(known);
+      if (eventLatencies.back() > 0) consumerRatios.push_back(known / eventLatencies.back());
       // Stop, and wait until both have seen the microphone go idle before the next start.
       recorder.stop(SIGTERM, std::chrono::seconds(5));
       if (!clientHeard.waitForCount(2) || !WhenBecame(bare.daemonEvents(), false) ||
@@ -344,7 +386,12 @@ void BM_RecorderStartToChangedRunning(benchmark::State& state) {
     }
   }
 
+  observed.service().removePropertyListenerBlock(microphoneID, consumersAddress, listenerQueue,
+                                                 PlatformListenerBlock::copy(consumersListener));
+  testing::DrainQueue(listenerQueue);
   observed.stopObserving();
+  state.counters["consumer_known_median_us"] = Median(consumerLatencies);
+  state.counters["consumer_over_daemon_event_paired_median"] = Median(consumerRatios);
   state.counters["starts"] = static_cast<double>(clientLatencies.size());
   state.counters["client_median_us"] = Median(clientLatencies);
   state.counters["client_p99_us"] = Percentile(clientLatencies, 0.99);
