@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/Linux/MappedAudioDeviceMirror.h"
 #include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioDeviceMapping.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
@@ -35,15 +36,21 @@ void Require(bool condition, const char* what) {
 
 // The proplist keys the mapping looks at, and one it does not.
 constexpr const char* kKeys[] = {
-    "device.bus",       "device.api",        "device.form_factor", "device.class",
-    "device.vendor.id", "device.product.id", "node.link-group",    "device.master_device",
-    "stream.monitor",   "resample.peaks",    "device.description", "media.name",
+    "device.bus",         "device.api",
+    "device.form_factor", "device.class",
+    "device.vendor.id",   "device.product.id",
+    "node.link-group",    "device.master_device",
+    "stream.monitor",     "resample.peaks",
+    "device.description", "media.name",
+    "pipewire.sec.pid",   "application.process.id",
+    "application.name",   "client.api",
 };
 constexpr std::size_t kKeyCount = sizeof kKeys / sizeof kKeys[0];
 
 constexpr const char* kValues[] = {
-    "usb",   "bluetooth", "pci",  "alsa", "bluez",  "internal", "headset", "webcam",  "monitor",
-    "sound", "046d",      "0825", "",     "bluez5", "true",     "filter",  "group-a", "group-b"};
+    "usb",     "bluetooth", "pci",  "alsa", "bluez", "internal",      "headset", "webcam",
+    "monitor", "sound",     "046d", "0825", "",      "bluez5",        "true",    "filter",
+    "group-a", "group-b",   "1",    "4242", "-7",    "pipewire-pulse"};
 constexpr std::size_t kValueCount = sizeof kValues / sizeof kValues[0];
 
 struct ProplistDeleter {
@@ -150,6 +157,15 @@ PulseServerState MakeState(FuzzedDataProvider& input) {
     auto card = PulseCardFromCardInfo(info);
     state.cards.insert_or_assign(card.index, std::move(card));
   }
+  const int clients = input.ConsumeIntegralInRange(0, 3);
+  for (int i = 0; i < clients; ++i) {
+    pa_client_info info{};
+    info.index = input.ConsumeIntegralInRange<std::uint32_t>(0, 4);
+    Proplist proplist = MakeProplist(input);
+    info.proplist = proplist.get();
+    auto client = PulseClientFromClientInfo(info);
+    state.clients.insert_or_assign(client.index, std::move(client));
+  }
   const int streams = input.ConsumeIntegralInRange(0, 4);
   for (int i = 0; i < streams; ++i) {
     pa_source_output_info info{};
@@ -185,7 +201,7 @@ constexpr PropertyAddress Address(std::uint32_t selector, std::uint32_t scope) {
   return {selector, scope, kAudioObjectPropertyElementMaster};
 }
 
-constexpr std::array<PropertyAddress, 11> kAddresses{
+constexpr std::array<PropertyAddress, 12> kAddresses{
     Address(kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal),
     Address(kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal),
     Address(kAudioDevicePropertyDeviceUID, kAudioObjectPropertyScopeGlobal),
@@ -197,6 +213,7 @@ constexpr std::array<PropertyAddress, 11> kAddresses{
     Address(kAudioDevicePropertyDataSource, kAudioObjectPropertyScopeInput),
     Address(kAudioDevicePropertyDataSourceNameForIDCFString, kAudioObjectPropertyScopeInput),
     Address(kAudioDevicePropertyHogMode, kAudioObjectPropertyScopeGlobal),
+    Address(kAudioDevicePropertyConsumers, kAudioObjectPropertyScopeGlobal),
 };
 
 // Reads one property into a buffer of `size` bytes and releases any string it returns.
@@ -217,6 +234,10 @@ void Read(const MappedAudioDeviceMirror& mirror, ObjectID object, const Property
   const bool isString = address.mSelector == kAudioObjectPropertyName ||
                         address.mSelector == kAudioDevicePropertyDeviceUID ||
                         address.mSelector == kAudioDevicePropertyModelUID;
+  if (address.mSelector == kAudioDevicePropertyConsumers) {
+    Require(DecodeDeviceConsumers(buffer.data(), ioSize).has_value(),
+            "a consumers answer that does not decode");
+  }
   if (isString && ioSize == sizeof(PlatformStringRef)) {
     PlatformStringRef string;
     std::memcpy(&string, buffer.data(), sizeof string);
@@ -256,6 +277,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                                    endpoint.state == PulseEndpointState::Idle));
         }
         Require(awake, "a device running that the server holds suspended");
+      }
+      for (const MediaDeviceConsumer& consumer : device.consumers) {
+        Require(consumer.kind == MediaDeviceConsumerKind::Filter || consumer.feeds.empty(),
+                "only a filter feeds anyone");
+        Require(consumer.processID == -1 || consumer.processID > 0, "a process ID below 1");
+        Require(!consumer.isProcessIDVerified || consumer.processID > 0,
+                "a verified process ID that names no process");
+        Require(!consumer.executablePath, "the mapping read /proc");
       }
       keys.emplace(device.kind, device.uid);
     }
