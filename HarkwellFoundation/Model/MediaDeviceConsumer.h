@@ -21,7 +21,9 @@
 //     cameras.
 //   - Simulated: whatever the test or scenario gives.
 // Executable path, process name and sandbox come from /proc on Linux and are missing when the
-// process has gone before they were read, or when /proc hides them (another user's process).
+// process has gone before they were read, or when /proc hides them (another user's process). For
+// an unverified process ID they describe whatever process has that ID, so they are only as good as
+// the client's claim.
 #pragma once
 
 #include <array>
