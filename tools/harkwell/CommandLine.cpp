@@ -29,6 +29,9 @@ const std::map<std::string, AudioChoice> kAudioChoices{{"pipewire", AudioChoice:
 const std::map<std::string, VideoChoice> kVideoChoices{{"v4l2", VideoChoice::V4L2},
                                                        {"simulated", VideoChoice::Simulated},
                                                        {"none", VideoChoice::None}};
+const std::map<std::string, BarFormat> kBarFormats{{"waybar", BarFormat::Waybar},
+                                                   {"i3bar", BarFormat::I3bar},
+                                                   {"i3status-rust", BarFormat::I3statusRust}};
 const std::map<std::string, HogAction> kHogActions{
     {"status", HogAction::Status}, {"on", HogAction::On}, {"off", HogAction::Off}};
 
@@ -71,6 +74,21 @@ CLI::Validator DurationSeconds() {
         if (wholeText && std::isfinite(seconds) && seconds > 0 && seconds <= kMaxSeconds) return {};
         return "expected a number of seconds greater than 0 and at most " +
                std::to_string(kMaxWholeSeconds);
+      },
+      "", "SECONDS");
+}
+
+// `--min-visible`: a finite number of seconds from 0 to kMaxSeconds; 0 shows a kind only while it
+// is in use.
+CLI::Validator HoldSeconds() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        char* end = nullptr;
+        const double seconds = std::strtod(text.c_str(), &end);
+        const bool wholeText = !text.empty() && end == text.c_str() + text.size();
+        if (wholeText && std::isfinite(seconds) && seconds >= 0 && seconds <= kMaxSeconds)
+          return {};
+        return "expected a number of seconds from 0 to " + std::to_string(kMaxWholeSeconds);
       },
       "", "SECONDS");
 }
@@ -200,12 +218,17 @@ struct Definition {
   Options options;
   double duration = 0;
   std::string hogAction;
+  std::string barFormat;
   std::map<Command, RawServiceOptions> raw;
   CLI::App* list = nullptr;
   CLI::App* watch = nullptr;
   CLI::App* hog = nullptr;
   CLI::App* model = nullptr;
+  CLI::App* serve = nullptr;
   CLI::Option* durationOption = nullptr;
+  CLI::Option* jsonWatchOption = nullptr;
+  CLI::Option* formatOption = nullptr;
+  CLI::Option* minVisibleOption = nullptr;
   CLI::Option* holdDurationOption = nullptr;
 
   Definition() {
@@ -224,7 +247,21 @@ struct Definition {
 
     watch = app.add_subcommand(
         "watch", "Print the devices found at start and every change until interrupted");
-    watch->add_flag("--json", options.json, "Print one JSON object per line");
+    jsonWatchOption = watch->add_flag("--json", options.json, "Print one JSON object per line");
+    formatOption =
+        watch
+            ->add_option("--format", barFormat,
+                         "Print status-bar lines instead: waybar, i3bar or i3status-rust (one "
+                         "line each time what the bar shows changes)")
+            ->check(OneOf(kBarFormats))
+            ->type_name(Words(kBarFormats, "|", "|"))
+            ->excludes(jsonWatchOption);
+    minVisibleOption = watch
+                           ->add_option("--min-visible", options.minVisibleSeconds,
+                                        "With --format: keep a device kind on the bar this many "
+                                        "seconds after its use ends (default 1)")
+                           ->check(HoldSeconds())
+                           ->needs(formatOption);
     durationOption = watch->add_option("--duration", duration, "Stop after this many seconds")
                          ->type_name("SECONDS")
                          ->check(DurationSeconds());
@@ -255,6 +292,11 @@ struct Definition {
     hog->add_flag("-v,--verbose", options.verbose, verboseHelp);
     AddServiceOptions(*hog, raw[Command::Hog]);
 
+    serve = app.add_subcommand(
+        "serve", "Offer the devices on the session bus as org.harkwell.Devices1 until stopped");
+    serve->add_flag("-v,--verbose", options.verbose, verboseHelp);
+    AddServiceOptions(*serve, raw[Command::Serve]);
+
     // `model` reads no devices, so it takes no device sources.
     model = app.add_subcommand("model", "Print the computer's model identifier");
     model->add_flag("--json", options.json, "Print the answer as a JSON object");
@@ -280,12 +322,15 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
   auto* const watch = definition.watch;
   auto* const hog = definition.hog;
   auto* const model = definition.model;
+  auto* const serve = definition.serve;
   auto& raw = definition.raw;
   const std::string& hogAction = definition.hogAction;
   const double& duration = definition.duration;
 
-  if (const auto unknown = UnknownSubcommandMessage(
-          {list->get_name(), watch->get_name(), hog->get_name(), model->get_name()}, arguments)) {
+  if (const auto unknown =
+          UnknownSubcommandMessage({list->get_name(), watch->get_name(), hog->get_name(),
+                                    model->get_name(), serve->get_name()},
+                                   arguments)) {
     err << *unknown;
     return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
   }
@@ -308,14 +353,18 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& arguments, st
     return ParsedCommandLine{.options = std::nullopt, .exitCode = code == 0 ? 0 : kUsageExitCode};
   }
   if (!hogAction.empty()) options.hogAction = kHogActions.at(hogAction);
+  if (!definition.barFormat.empty()) options.barFormat = kBarFormats.at(definition.barFormat);
   if (definition.holdDurationOption->count() > 0) options.durationSeconds = duration;
   if (options.hold && options.hogAction != HogAction::On) {
     err << "harkwell: --hold goes with 'hog on' only\n" << HelpPointer(app);
     return ParsedCommandLine{.options = std::nullopt, .exitCode = kUsageExitCode};
   }
 
-  const std::pair<CLI::App*, Command> commands[] = {
-      {list, Command::List}, {watch, Command::Watch}, {hog, Command::Hog}, {model, Command::Model}};
+  const std::pair<CLI::App*, Command> commands[] = {{list, Command::List},
+                                                    {watch, Command::Watch},
+                                                    {hog, Command::Hog},
+                                                    {model, Command::Model},
+                                                    {serve, Command::Serve}};
   for (const auto& [subcommand, command] : commands) {
     if (subcommand->parsed()) {
       options.command = command;

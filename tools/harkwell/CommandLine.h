@@ -9,13 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "tools/harkwell/BarFormats.h"
+
 namespace CLI {
 class App;
 }
 
 namespace harkwell::cli {
 
-enum class Command { List, Watch, Hog, Model };
+enum class Command { List, Watch, Hog, Model, Serve };
 enum class HogAction { Status, On, Off };
 // Automatic: PipeWire when a PipeWire daemon answers, else PulseAudio (the library's default).
 enum class AudioChoice { Automatic, PipeWire, Pulse, Simulated, None };
@@ -38,7 +40,11 @@ struct Options {
   bool json = false;
   // watch, hog --hold: run this long; absent means until interrupted
   std::optional<double> durationSeconds;
-  bool follow = false;   // watch --scenario: keep watching after the scenario's last step
+  bool follow = false;  // watch --scenario: keep watching after the scenario's last step
+  // watch --format: status-bar lines instead of event lines; absent: event lines (or --json)
+  std::optional<BarFormat> barFormat;
+  // watch --min-visible: how long a kind stays on the bar after it stopped being used
+  double minVisibleSeconds = 1;
   bool verbose = false;  // -v: also the library's notes on expected conditions
   HogAction hogAction = HogAction::Status;
   std::string hogDevice;  // a decimal device ID or a device UID

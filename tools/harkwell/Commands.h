@@ -1,4 +1,4 @@
-// The four commands of the harkwell program. Each runs on the main thread, installs the device
+// The commands of the harkwell program. Each runs on the main thread, installs the device
 // sources it needs, prints its results to `out` and its complaints to `err`, and returns the
 // process's exit status: 0 on success, 1 when the work could not be done (bad scenario, unknown
 // device, exclusive access refused), kUnreachableSourceExitCode when a device source did not
@@ -29,6 +29,7 @@ int RunList(const Options& options, CommandContext& context);
 int RunWatch(const Options& options, CommandContext& context);
 int RunHog(const Options& options, CommandContext& context);
 int RunModel(const Options& options, CommandContext& context);
+int RunServe(const Options& options, CommandContext& context);
 
 // The devices connected right now, audio then video, as a controller reports them once its initial
 // discovery has run. Uses the installed services.

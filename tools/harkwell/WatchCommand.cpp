@@ -1,7 +1,8 @@
-// `harkwell watch [--json] [--duration SECONDS] [--follow]`: runs a MediaDeviceController and
-// prints its initial discovery and every later event as it arrives, until Ctrl-C (or SIGTERM), the
-// end of the duration, stdout being closed, or (with a scenario and without --follow) the
-// scenario's last step. Observation is switched off before the program ends.
+// `harkwell watch [--json | --format BAR [--min-visible SECONDS]] [--duration SECONDS] [--follow]`:
+// runs a MediaDeviceController and prints its initial discovery and every later event as it
+// arrives (or, with --format, a status-bar line each time what the bar shows changes), until Ctrl-C
+// (or SIGTERM), the end of the duration, stdout being closed, or (with a scenario and without
+// --follow) the scenario's last step. Observation is switched off before the program ends.
 //
 // The main thread never blocks on the controller's queue: that queue may wait for the main thread
 // to invalidate a polling timer, so every wait here keeps the main run loop served.
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "tools/harkwell/BarFeed.h"
 #include "tools/harkwell/Commands.h"
 #include "tools/harkwell/MainLoopWait.h"
 #include "tools/harkwell/QueueBarrier.h"
@@ -43,14 +45,26 @@ int RunWatch(const Options& options, CommandContext& context) {
 
   WatchPrinter printer(options.json, context.painter, context.out);
   auto controller = MediaDeviceController::create(queue);
-  // Both callbacks run on `queue`; they only print, and ask the main loop to end when they cannot.
-  controller->setUpdatingDevicesHandler([&printer, &stop](bool finished) {
-    if (!printer.printUpdating(finished)) stop.request();
-  });
-  controller->setDeviceEventHandler(
-      [&printer, &stop](MediaDeviceEvent event, const MediaDevice& device) {
-        if (!printer.printEvent(event, device)) stop.request();
-      });
+  std::shared_ptr<BarFeed> bar;
+  if (options.barFormat) {
+    bar = BarFeed::create(
+        {.format = *options.barFormat,
+         .minVisible = SecondsToDuration(options.minVisibleSeconds),
+         .write = [&out = context.out](const std::string& line) { return out.writeLine(line); },
+         .outputClosed = [&stop] { stop.request(); }},
+        queue);
+    bar->attach(*controller);
+  } else {
+    // Both callbacks run on `queue`; they only print, and ask the main loop to end when they
+    // cannot.
+    controller->setUpdatingDevicesHandler([&printer, &stop](bool finished) {
+      if (!printer.printUpdating(finished)) stop.request();
+    });
+    controller->setDeviceEventHandler(
+        [&printer, &stop](MediaDeviceEvent event, const MediaDevice& device) {
+          if (!printer.printEvent(event, device)) stop.request();
+        });
+  }
   if (signals->isValid() && isatty(STDERR_FILENO)) {
     context.err.writeLine("Watching devices; press Ctrl-C to stop.");
   }
@@ -78,9 +92,9 @@ int RunWatch(const Options& options, CommandContext& context) {
   controller->setObserveDevices(false);
   // The callbacks refer to the printer on this stack: let any call under way finish first, while
   // the main run loop goes on serving the queue's hops to the main thread.
-  controller->setUpdatingDevicesHandler(nullptr);
-  controller->setDeviceEventHandler(nullptr);
+  BarFeed::detach(*controller);
   WaitForQueueServingMainLoop(*queue);
+  if (bar) bar->stopTimers();
   ReleaseServices();
   return 0;
 }

@@ -44,6 +44,9 @@ int main(int argc, char** argv) {
     case Command::Model:
       status = RunModel(options, context);
       break;
+    case Command::Serve:
+      status = RunServe(options, context);
+      break;
   }
   harkwell::InstallLogSink(nullptr);
   return status;

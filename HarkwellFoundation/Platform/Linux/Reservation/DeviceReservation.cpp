@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <vector>
 
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
@@ -46,22 +45,6 @@ std::string ServiceName(std::uint32_t card) {
 
 std::string ObjectPath(std::uint32_t card) {
   return kObjectPrefix + DeviceReservation::DeviceName(card);
-}
-
-// Where the session bus is: the environment's address, else the per-user socket.
-std::optional<std::string> SessionBusAddress(std::string* why) {
-  if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) {
-    return std::string(address);
-  }
-  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
-    const std::string socket = std::string(runtime) + "/bus";
-    std::error_code ignored;
-    if (std::filesystem::exists(socket, ignored)) return "unix:path=" + socket;
-    *why = "DBUS_SESSION_BUS_ADDRESS is not set and " + socket + " does not exist";
-    return std::nullopt;
-  }
-  *why = "neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set";
-  return std::nullopt;
 }
 
 // The pid of the process owning `name`, as the bus knows it; -1 when nobody owns it.

@@ -8,7 +8,9 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace harkwell {
 namespace {
@@ -39,6 +41,21 @@ std::string ErrnoText(int negativeErrno) {
 }
 
 }  // namespace
+
+std::optional<std::string> SessionBusAddress(std::string* why) {
+  if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address) {
+    return std::string(address);
+  }
+  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) {
+    const std::string socket = std::string(runtime) + "/bus";
+    std::error_code ignored;
+    if (std::filesystem::exists(socket, ignored)) return "unix:path=" + socket;
+    *why = "DBUS_SESSION_BUS_ADDRESS is not set and " + socket + " does not exist";
+    return std::nullopt;
+  }
+  *why = "neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR is set";
+  return std::nullopt;
+}
 
 std::unique_ptr<ReservationBusConnection> ReservationBusConnection::connect(
     const std::string& address, std::chrono::milliseconds timeout, std::string* why) {
@@ -107,6 +124,11 @@ ReservationBusConnection::~ReservationBusConnection() {
   close(wakeFd_);
 }
 
+void ReservationBusConnection::setClosedHandler(std::function<void()> handler) {
+  MutexLock lock(mutex_);
+  closedHandler_ = std::move(handler);
+}
+
 bool ReservationBusConnection::isOpen() {
   MutexLock lock(mutex_);
   return sd_bus_is_open(bus_) > 0;
@@ -122,6 +144,8 @@ void ReservationBusConnection::serve() {
   for (;;) {
     pollfd fds[2] = {};
     int timeout = -1;
+    bool gone = false;
+    std::function<void()> closed;
     {
       MutexLock lock(mutex_);
       if (stopping_) return;
@@ -131,12 +155,18 @@ void ReservationBusConnection::serve() {
       }
       if (status < 0 || sd_bus_is_open(bus_) <= 0) {
         // The bus has gone; callers find the connection closed and make a new one.
-        return;
+        gone = true;
+        closed = std::move(closedHandler_);
+      } else {
+        fds[0].fd = sd_bus_get_fd(bus_);
+        const int events = sd_bus_get_events(bus_);
+        fds[0].events = static_cast<short>(events < 0 ? POLLIN : events);
+        timeout = PollTimeout(bus_, -1);
       }
-      fds[0].fd = sd_bus_get_fd(bus_);
-      const int events = sd_bus_get_events(bus_);
-      fds[0].events = static_cast<short>(events < 0 ? POLLIN : events);
-      timeout = PollTimeout(bus_, -1);
+    }
+    if (gone) {
+      if (closed) closed();
+      return;
     }
     fds[1].fd = wakeFd_;
     fds[1].events = POLLIN;

@@ -17,7 +17,9 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -26,6 +28,10 @@
 struct sd_bus;
 
 namespace harkwell {
+
+// Where the session bus is: DBUS_SESSION_BUS_ADDRESS, else $XDG_RUNTIME_DIR/bus when that socket
+// exists; empty, with the reason in `why`, when there is none.
+std::optional<std::string> SessionBusAddress(std::string* why);
 
 class ReservationBusConnection {
  public:
@@ -58,6 +64,10 @@ class ReservationBusConnection {
   // stays closed, and every call on it fails.
   bool isOpen();
 
+  // Called once, on the serving thread and with no lock held, when the bus closes the connection
+  // (not when the connection is destroyed). It must not destroy the connection.
+  void setClosedHandler(std::function<void()> handler);
+
  private:
   ReservationBusConnection(sd_bus* bus, int wakeFd);
   void serve();
@@ -66,6 +76,7 @@ class ReservationBusConnection {
   Mutex mutex_;
   sd_bus* bus_ HARKWELL_GUARDED_BY(mutex_);
   bool stopping_ HARKWELL_GUARDED_BY(mutex_) = false;
+  std::function<void()> closedHandler_ HARKWELL_GUARDED_BY(mutex_);
   const int wakeFd_;  // an eventfd that interrupts the serving thread's wait
   std::thread thread_;
 };
