@@ -85,6 +85,28 @@ echo "== static: the installed program"
 "$work/static/prefix/bin/harkwell" list --scenario "$source_dir/examples/scenario.json"
 check_example static
 
+# check_bus_files <prefix>: `harkwell serve`'s interface description, user unit and activation
+# file, each naming the installed program.
+check_bus_files() {
+  local prefix=$1
+  local interfaces="$prefix/share/dbus-1/interfaces/org.harkwell.Devices1.xml"
+  local activation="$prefix/share/dbus-1/services/org.harkwell.Devices1.service"
+  local unit="$prefix/lib/systemd/user/harkwell.service"
+  for file in "$interfaces" "$activation" "$unit"; do
+    [ -f "$file" ] || { echo "missing from the install: ${file#"$prefix/"}" >&2; exit 1; }
+  done
+  python3 -c 'import sys, xml.etree.ElementTree as tree; tree.parse(sys.argv[1])' "$interfaces" ||
+    { echo "not well-formed XML: $interfaces" >&2; exit 1; }
+  grep -qx "Exec=$prefix/bin/harkwell serve" "$activation" ||
+    { echo "the activation file does not start the installed harkwell serve" >&2; exit 1; }
+  grep -qx "ExecStart=$prefix/bin/harkwell serve" "$unit" ||
+    { echo "the user unit does not start the installed harkwell serve" >&2; exit 1; }
+  grep -qx "SystemdService=harkwell.service" "$activation" ||
+    { echo "the activation file does not name the user unit" >&2; exit 1; }
+  echo "bus files: interfaces, activation file and user unit name $prefix/bin/harkwell serve"
+}
+check_bus_files "$work/static/prefix"
+
 install_library shared -DBUILD_SHARED_LIBS=ON -DHARKWELL_BUILD_TOOLS=OFF
 check_headers "$work/shared/prefix"
 library="$(find "$work/shared/prefix" -name 'libHarkwellFoundation.so.*.*' -print -quit)"

@@ -8,7 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpulse-dev pulseaudio pulseaudio-utils
   libsystemd-dev dbus-daemon dbus-bin
-  python3 python3-jsonschema python3-gi gir1.2-glib-2.0
+  python3 python3-jsonschema python3-gi gir1.2-glib-2.0 systemd libglib2.0-bin
   libpipewire-0.3-dev pipewire pipewire-bin pipewire-pulse wireplumber
   libcli11-dev nlohmann-json3-dev
   psmisc lsof procps bsdutils
