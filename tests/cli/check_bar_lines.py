@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Checks status-bar lines read from stdin against the JSON schema of their format.
 
     check_bar_lines.py waybar|i3bar|i3status-rust SCHEMA_DIR
