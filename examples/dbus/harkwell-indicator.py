@@ -25,7 +25,7 @@ def changed(manager, device_object, device, properties, invalidated):
         if changes_left == 0:
             loop.quit()
 
-for device_object in manager.get_objects():
+for device_object in sorted(manager.get_objects(), key=Gio.DBusObject.get_object_path):
     show(device_object.get_interface("org.harkwell.Devices1.Device"))
 manager.connect("interface-proxy-properties-changed", changed)
 loop.run()

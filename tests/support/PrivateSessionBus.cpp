@@ -34,6 +34,9 @@ PrivateSessionBus::PrivateSessionBus() {
   socketPath_ = folder_ + "/bus";
   configPath_ = folder_ + "/bus.conf";
   outputPath_ = folder_ + "/daemon.log";
+  serviceFolder_ = folder_ + "/services";
+  std::error_code ignored;
+  std::filesystem::create_directories(serviceFolder_, ignored);
   std::ofstream config(configPath_);
   config << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
             " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
@@ -43,6 +46,9 @@ PrivateSessionBus::PrivateSessionBus() {
          << socketPath_
          << "</listen>\n"
             "  <auth>EXTERNAL</auth>\n"
+            "  <servicedir>"
+         << serviceFolder_
+         << "</servicedir>\n"
             "  <policy context=\"default\">\n"
             "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
             "    <allow eavesdrop=\"true\"/>\n"

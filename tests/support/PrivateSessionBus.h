@@ -1,6 +1,7 @@
 // A D-Bus session bus of the test's own: a dbus-daemon on a private socket in a temporary folder,
 // with a configuration that lets any connection own any name and call anything, so test programs
-// can stand in for sound servers. The destructor stops it and removes the folder whatever the
+// can stand in for sound servers. Service files put in serviceFolder() before start() make their
+// names activatable. The destructor stops it and removes the folder whatever the
 // test's outcome; if the test process dies, the kernel kills the daemon.
 //
 // Used from one thread (the test's). Works as root, as CI runs.
@@ -34,12 +35,14 @@ class PrivateSessionBus {
   // The bus's address, "unix:path=/tmp/.../bus", as DBUS_SESSION_BUS_ADDRESS gives it.
   std::string address() const { return "unix:path=" + socketPath_; }
   const std::string& folder() const { return folder_; }
+  const std::string& serviceFolder() const { return serviceFolder_; }
   std::string output() const;
 
  private:
   std::string folder_;
   std::string socketPath_;
   std::string configPath_;
+  std::string serviceFolder_;
   std::string outputPath_;
   ChildProcess daemon_;
 };
