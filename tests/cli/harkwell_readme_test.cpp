@@ -243,6 +243,35 @@ TEST_F(Readme, TheInstallHasTheManualPageAndTheCompletionsItMentions) {
   }
 }
 
+TEST_F(Readme, TheInstallHasTheBusFilesItMentions) {
+  const fs::path prefix = *work_ / "prefix";
+  for (const char* file : {"share/dbus-1/interfaces/org.harkwell.Devices1.xml",
+                           "share/dbus-1/services/org.harkwell.Devices1.service",
+                           "lib/systemd/user/harkwell.service"}) {
+    EXPECT_TRUE(fs::is_regular_file(prefix / file)) << file;
+  }
+}
+
+// The status-bar lines the README shows, as the commands print them, pass their format's schema.
+TEST_F(Readme, TheStatusBarLinesItShowsPassTheirFormatsSchema) {
+  static const std::regex kFormat(R"(--format (\S+))");
+  std::size_t checked = 0;
+  for (const auto& command : ConsoleCommands(ReadmeBlocks())) {
+    std::smatch format;
+    if (!std::regex_search(command.command, format, kFormat)) continue;
+    SCOPED_TRACE("README.md:" + std::to_string(command.line) + ": $ " + command.command);
+    const std::string source = HARKWELL_SOURCE_DIR;
+    const auto result =
+        RunCommand(command.command + " | '" + source + "/tests/cli/check_bar_lines.py' " +
+                       format[1].str() + " '" + source + "/tests/cli/bar-schemas'",
+                   *clone_, *environment_);
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_NE(result.out.find("lines valid"), std::string::npos) << result.out;
+    ++checked;
+  }
+  EXPECT_GE(checked, 2u) << "the README shows waybar and i3status-rust lines";
+}
+
 TEST_F(Readme, TheScenarioItShowsPlaysToItsEnd) {
   const auto blocks = ReadmeBlocks();
   const auto block = std::find_if(blocks.begin(), blocks.end(), [](const Block& b) {

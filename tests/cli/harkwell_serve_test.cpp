@@ -413,7 +413,7 @@ TEST_F(HarkwellServe, TheInterfaceDescriptionItInstallsMatchesWhatItServes) {
 
 TEST_F(HarkwellServe, TheActivationFileStartsTheServiceOnTheFirstCall) {
   // The installed file names the installed program; this one names the program under test.
-  std::ifstream installed(HARKWELL_BUILD_DIR "/tools/org.harkwell.Devices1.service");
+  std::ifstream installed(kSource + "/tools/harkwell/serve/data/org.harkwell.Devices1.service.in");
   std::stringstream text;
   text << installed.rdbuf();
   const TemporaryFile scenario(kStillScenario);
