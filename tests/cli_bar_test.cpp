@@ -262,7 +262,9 @@ class BarFeedTest : public testing::SimulatedServicesTest {
   void TearDown() override {
     if (controller_) {
       controller_->setObserveDevices(false);
-      BarFeed::detach(*controller_);
+      controller_->setUpdatingDevicesHandler(nullptr);
+      controller_->setDeviceEventHandler(nullptr);
+      controller_->setDeviceConsumersHandler(nullptr);
       ServeMainLoopUntil([this] { return queueMark(); });
     }
     if (feed_) feed_->stopTimers();

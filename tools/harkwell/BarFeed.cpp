@@ -25,12 +25,6 @@ void BarFeed::attach(MediaDeviceController& controller) {
       });
 }
 
-void BarFeed::detach(MediaDeviceController& controller) {
-  controller.setUpdatingDevicesHandler(nullptr);
-  controller.setDeviceEventHandler(nullptr);
-  controller.setDeviceConsumersHandler(nullptr);
-}
-
 void BarFeed::stopTimers() {
   timersStopped_ = true;
   for (const auto& weak : timers_) {

@@ -7,10 +7,10 @@
 // hold is over and hands the expiry to the controller's queue, so tests drive holds with the run
 // loop's manual clock and the feed's `now`.
 //
-// Threads: attach() and detach() on the thread that configures the controller; the handlers run
-// on the controller's queue; stopTimers() on the main thread, after detach(), before the feed's
-// last reference goes. Lifetime: held by shared_ptr; the controller's handlers and the timers
-// hold it weakly, so a feed that is gone is simply not called.
+// Threads: attach() on the thread that configures the controller; the handlers run
+// on the controller's queue; stopTimers() on the main thread, after the handlers are cleared,
+// before the feed's last reference goes. Lifetime: held by shared_ptr; the controller's handlers
+// and the timers hold it weakly, so a feed that is gone is simply not called.
 #pragma once
 
 #include <chrono>
@@ -46,9 +46,8 @@ class BarFeed : public std::enable_shared_from_this<BarFeed> {
   BarFeed(const BarFeed&) = delete;
   BarFeed& operator=(const BarFeed&) = delete;
 
-  // Sets the controller's three handlers to this feed; detach() clears them.
+  // Sets the controller's three handlers to this feed (clear them to detach it).
   void attach(MediaDeviceController& controller);
-  static void detach(MediaDeviceController& controller);
   // Invalidates the hold timers still pending. Main thread only.
   void stopTimers();
 

@@ -63,32 +63,23 @@ CLI::Validator OneOf(const std::map<std::string, T>& choices) {
       "", "");
 }
 
-// `--duration`: a finite number of seconds, more than 0 and at most kMaxSeconds. Checked on the
-// text, before CLI11 converts it, so "nan", "inf" and "1e300" get the same plain message as "0".
-CLI::Validator DurationSeconds() {
+// A finite number of seconds, at most kMaxSeconds, and more than 0 unless `zeroAllowed`:
+// `--duration`, and `--min-visible` (whose 0 shows a kind only while it is in use). Checked on the
+// text, before CLI11 converts it, so "nan", "inf" and "1e300" get the same plain message as "-1".
+CLI::Validator Seconds(bool zeroAllowed) {
+  const std::string expected =
+      zeroAllowed ? "expected a number of seconds from 0 to " + std::to_string(kMaxWholeSeconds)
+                  : "expected a number of seconds greater than 0 and at most " +
+                        std::to_string(kMaxWholeSeconds);
   return CLI::Validator(
-      [](std::string& text) -> std::string {
+      [zeroAllowed, expected](std::string& text) -> std::string {
         char* end = nullptr;
         const double seconds = std::strtod(text.c_str(), &end);
         const bool wholeText = !text.empty() && end == text.c_str() + text.size();
-        if (wholeText && std::isfinite(seconds) && seconds > 0 && seconds <= kMaxSeconds) return {};
-        return "expected a number of seconds greater than 0 and at most " +
-               std::to_string(kMaxWholeSeconds);
-      },
-      "", "SECONDS");
-}
-
-// `--min-visible`: a finite number of seconds from 0 to kMaxSeconds; 0 shows a kind only while it
-// is in use.
-CLI::Validator HoldSeconds() {
-  return CLI::Validator(
-      [](std::string& text) -> std::string {
-        char* end = nullptr;
-        const double seconds = std::strtod(text.c_str(), &end);
-        const bool wholeText = !text.empty() && end == text.c_str() + text.size();
-        if (wholeText && std::isfinite(seconds) && seconds >= 0 && seconds <= kMaxSeconds)
+        const bool aboveMinimum = zeroAllowed ? seconds >= 0 : seconds > 0;
+        if (wholeText && std::isfinite(seconds) && aboveMinimum && seconds <= kMaxSeconds)
           return {};
-        return "expected a number of seconds from 0 to " + std::to_string(kMaxWholeSeconds);
+        return expected;
       },
       "", "SECONDS");
 }
@@ -260,11 +251,11 @@ struct Definition {
                            ->add_option("--min-visible", options.minVisibleSeconds,
                                         "With --format: keep a device kind on the bar this many "
                                         "seconds after its use ends (default 1)")
-                           ->check(HoldSeconds())
+                           ->check(Seconds(true))
                            ->needs(formatOption);
     durationOption = watch->add_option("--duration", duration, "Stop after this many seconds")
                          ->type_name("SECONDS")
-                         ->check(DurationSeconds());
+                         ->check(Seconds(false));
     watch->add_flag("--follow", options.follow,
                     "With --scenario: keep watching after the scenario's last step");
     watch->add_flag("-v,--verbose", options.verbose, verboseHelp);
@@ -287,7 +278,7 @@ struct Definition {
     holdDurationOption =
         hog->add_option("--duration", duration, "With --hold: let go after this many seconds")
             ->type_name("SECONDS")
-            ->check(DurationSeconds())
+            ->check(Seconds(false))
             ->needs(holdOption);
     hog->add_flag("-v,--verbose", options.verbose, verboseHelp);
     AddServiceOptions(*hog, raw[Command::Hog]);

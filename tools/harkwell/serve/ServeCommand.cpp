@@ -10,16 +10,12 @@
 // Threads: the main thread runs the watch loop (the main run loop, signals, scenario steps) and
 // never blocks on the controller's queue; the controller's handlers export each change from that
 // queue; the bus connection's own thread answers clients.
-#include <signal.h>
-
 #include <atomic>
 #include <cstring>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "tools/harkwell/Commands.h"
-#include "tools/harkwell/MainLoopWait.h"
-#include "tools/harkwell/QueueBarrier.h"
-#include "tools/harkwell/WatchLoop.h"
+#include "tools/harkwell/WatchSession.h"
 
 #if HARKWELL_WITH_DEVICE_RESERVATION
 #include <systemd/sd-bus.h>
@@ -58,23 +54,9 @@ std::string NameRefusal(int status) {
 }  // namespace
 
 int RunServe(const Options& options, CommandContext& context) {
-  std::optional<StopSignals> signals;
-  signals.emplace();
-  const StopRequest stop;
-  auto queue = DispatchQueue::createSerial("com.harkwell.cli.serve");
-  QueueBarrier barrier(queue);
-  if (!stop.isValid() || !barrier.isValid()) {
-    context.err.writeLine("harkwell: cannot create a pipe");
-    return 1;
-  }
-  signal(SIGPIPE, SIG_IGN);
-
-  auto setup = InstallServices(options.services);
-  if (!setup.services) {
-    context.err.writeLine("harkwell: " + setup.error);
-    return 1;
-  }
-  LogStartupLines(*setup.services);
+  auto session = WatchSession::start(options.services, "com.harkwell.cli.serve", context.err);
+  if (!session) return 1;
+  const StopRequest& stop = session->stop();
 
   std::string why;
   const auto address = SessionBusAddress(&why);
@@ -104,7 +86,7 @@ int RunServe(const Options& options, CommandContext& context) {
   // Set on the queue when the name could not be owned; read after the queue has drained.
   std::string refusal;
   bool named = false;
-  auto controller = MediaDeviceController::create(queue);
+  auto controller = MediaDeviceController::create(session->queue());
   controller->setUpdatingDevicesHandler([&](bool finished) {
     service->noteUpdating(finished);
     if (!finished || named || !refusal.empty()) return;
@@ -126,22 +108,8 @@ int RunServe(const Options& options, CommandContext& context) {
       [&service](const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers) {
         service->noteConsumers(device, consumers);
       });
-  controller->setObserveDevices(true);
-  barrier.post();
-  RunWatchLoop(WatchLoopSettings{.signals = *signals,
-                                 .stop = stop,
-                                 .outputFd = -1,
-                                 .deadline = std::nullopt,
-                                 .scenario = setup.services->scenario.get(),
-                                 .barrier = barrier,
-                                 .endAfterScenario = false});
-
-  signals.reset();
-  controller->setObserveDevices(false);
-  controller->setUpdatingDevicesHandler(nullptr);
-  controller->setDeviceEventHandler(nullptr);
-  controller->setDeviceConsumersHandler(nullptr);
-  WaitForQueueServingMainLoop(*queue);
+  session->run(*controller, -1, std::nullopt, false);
+  session->stopController(*controller);
   service.reset();
   connection.reset();
   ReleaseServices();
