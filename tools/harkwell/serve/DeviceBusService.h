@@ -26,10 +26,12 @@
 // when known, and for a filter or media server Feeds (aa{sv}, the consumers at the end of its
 // chains).
 //
-// Threads: the note...() calls come from the controller's queue; the bus's serving thread answers
-// calls from the state they leave. Every emission waits at most the connection's call timeout.
-// Lifetime: the object must outlive neither the connection it was made with nor be destroyed
-// before the controller's handlers that call it are cleared.
+// Threads: the note...() calls come from the controller's queue, one at a time; the connection's
+// serving thread answers other programs' calls from the state they leave (under a lock of its own,
+// taken inside the connection's). Sending never waits for the bus to read.
+// Lifetime: made and destroyed while its connection is alive; destroy it only once the
+// controller's handlers that call it are cleared and its queue has drained. Destroying it removes
+// the objects from the bus.
 #pragma once
 
 #include <map>
