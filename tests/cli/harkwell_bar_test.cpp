@@ -45,10 +45,9 @@ class BarSchema : public ::testing::TestWithParam<FormatCase> {};
 
 TEST_P(BarSchema, EveryLineOfTheScenarioPassesTheFormatsSchema) {
   const auto& [format, expected] = GetParam();
-  const auto result =
-      RunShell(Quoted(HARKWELL_PROGRAM) + " watch --format " + format + " --scenario " +
-               Quoted(kScenario) + " --follow --duration 2.5 | " + Quoted(kChecker) + " " +
-               format + " " + Quoted(kSchemas));
+  const auto result = RunShell(Quoted(HARKWELL_PROGRAM) + " watch --format " + format +
+                               " --scenario " + Quoted(kScenario) + " --follow --duration 2.5 | " +
+                               Quoted(kChecker) + " " + format + " " + Quoted(kSchemas));
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   EXPECT_EQ(result.out, std::string(expected) + " " + format + " lines valid\n") << result.err;
 }
@@ -69,8 +68,8 @@ TEST(BarSchema, TheCheckRefusesALineOutsideTheFormat) {
            {"i3bar", "{\"version\":1}\n[\n[{\"short_text\":\"no full_text\"}]"},
            {"i3status-rust", R"({"text":"x","state":"Bad"})"}}) {
     SCOPED_TRACE(format + ": " + line);
-    const auto result = RunShell("printf '%s\\n' " + Quoted(line) + " | " +
-                                 Quoted(kChecker) + " " + format + " " + Quoted(kSchemas));
+    const auto result = RunShell("printf '%s\\n' " + Quoted(line) + " | " + Quoted(kChecker) + " " +
+                                 format + " " + Quoted(kSchemas));
     EXPECT_EQ(result.status, 1) << result.out << result.err;
   }
 }
