@@ -55,7 +55,7 @@ TEST(HelpDocuments, DescribeEveryCommandAndOptionTheProgramTakes) {
   const ProgramDoc program = Program();
   std::vector<std::string> commands;
   for (const auto& command : program.commands) commands.push_back(command.name);
-  EXPECT_EQ(commands, (std::vector<std::string>{"list", "watch", "hog", "model"}));
+  EXPECT_EQ(commands, (std::vector<std::string>{"list", "watch", "hog", "model", "serve"}));
   const std::string man = Generated("harkwell.1");
   const std::string bash = Generated("harkwell.bash");
   const std::string zsh = Generated("_harkwell");
@@ -110,7 +110,7 @@ std::string BashOffers(const std::vector<std::string>& words) {
 }
 
 TEST(HelpDocuments, TheBashCompletionOffersCommandsOptionsAndChoices) {
-  EXPECT_EQ(BashOffers({"harkwell", ""}), "list watch hog model\n");
+  EXPECT_EQ(BashOffers({"harkwell", ""}), "list watch hog model serve\n");
   EXPECT_EQ(BashOffers({"harkwell", "w"}), "watch\n");
   EXPECT_EQ(BashOffers({"harkwell", "list", "--au"}), "--audio\n");
   EXPECT_EQ(BashOffers({"harkwell", "watch", "--audio", ""}), "none pipewire pulse simulated\n");

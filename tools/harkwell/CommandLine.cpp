@@ -283,15 +283,15 @@ struct Definition {
     hog->add_flag("-v,--verbose", options.verbose, verboseHelp);
     AddServiceOptions(*hog, raw[Command::Hog]);
 
-    serve = app.add_subcommand(
-        "serve", "Offer the devices on the session bus as org.harkwell.Devices1 until stopped");
-    serve->add_flag("-v,--verbose", options.verbose, verboseHelp);
-    AddServiceOptions(*serve, raw[Command::Serve]);
-
     // `model` reads no devices, so it takes no device sources.
     model = app.add_subcommand("model", "Print the computer's model identifier");
     model->add_flag("--json", options.json, "Print the answer as a JSON object");
     model->add_flag("-v,--verbose", options.verbose, verboseHelp);
+
+    serve = app.add_subcommand(
+        "serve", "Offer the devices on the session bus as org.harkwell.Devices1 until stopped");
+    serve->add_flag("-v,--verbose", options.verbose, verboseHelp);
+    AddServiceOptions(*serve, raw[Command::Serve]);
   }
   Definition(const Definition&) = delete;
   Definition& operator=(const Definition&) = delete;
