@@ -108,15 +108,15 @@ TEST(BarTracker, UsersAreApplicationsAndTheApplicationsBehindFiltersNotMetersOrM
 
 TEST(BarTracker, AConsumerIsNamedByItsApplicationThenProcessThenSandboxThenExecutable) {
   MediaDeviceConsumer consumer{.processID = 77};
-  EXPECT_EQ(ConsumerDisplayName(consumer), "process 77");
+  EXPECT_EQ(BarUserName(consumer), "process 77");
   consumer.executablePath = "/usr/bin/arecord";
-  EXPECT_EQ(ConsumerDisplayName(consumer), "arecord");
+  EXPECT_EQ(BarUserName(consumer), "arecord");
   consumer.sandboxApplicationID = "org.example.App";
-  EXPECT_EQ(ConsumerDisplayName(consumer), "org.example.App");
+  EXPECT_EQ(BarUserName(consumer), "org.example.App");
   consumer.processName = "app-bin";
-  EXPECT_EQ(ConsumerDisplayName(consumer), "app-bin");
+  EXPECT_EQ(BarUserName(consumer), "app-bin");
   consumer.applicationName = "Example App";
-  EXPECT_EQ(ConsumerDisplayName(consumer), "Example App");
+  EXPECT_EQ(BarUserName(consumer), "Example App");
 }
 
 TEST(BarTracker, AKindStaysShownForTheHoldAfterItsUseEndsThenGoes) {

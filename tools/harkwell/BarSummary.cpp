@@ -14,7 +14,7 @@ void AddOnce(std::vector<std::string>& names, std::string name) {
 void AddUsers(const MediaDeviceConsumer& consumer, std::vector<std::string>& users) {
   switch (consumer.kind) {
     case MediaDeviceConsumerKind::Application:
-      AddOnce(users, ConsumerDisplayName(consumer));
+      AddOnce(users, BarUserName(consumer));
       return;
     case MediaDeviceConsumerKind::Filter:
     case MediaDeviceConsumerKind::MediaServer:
@@ -45,7 +45,7 @@ BarKind BarKindOfDevice(const MediaDevice& device) {
   return device.inputChannelCount > 0 ? BarKind::Microphone : BarKind::Speaker;
 }
 
-std::string ConsumerDisplayName(const MediaDeviceConsumer& consumer) {
+std::string BarUserName(const MediaDeviceConsumer& consumer) {
   if (consumer.applicationName && !consumer.applicationName->empty()) {
     return *consumer.applicationName;
   }

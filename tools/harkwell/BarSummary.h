@@ -53,9 +53,10 @@ struct BarSummary {
   friend bool operator==(const BarSummary&, const BarSummary&) = default;
 };
 
-// The name an indicator gives a consumer: the application's own name, else the process name,
-// else the sandbox's application ID, else the executable's file name, else "process <pid>".
-std::string ConsumerDisplayName(const MediaDeviceConsumer& consumer);
+// The name a bar gives a consumer: the application's own name, else the process name, else the
+// sandbox's application ID, else the executable's file name, else "process <pid>". Unescaped:
+// the bar formats are JSON, which escapes what must be.
+std::string BarUserName(const MediaDeviceConsumer& consumer);
 
 class BarTracker {
  public:
