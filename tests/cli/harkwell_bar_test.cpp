@@ -46,7 +46,7 @@ class BarSchema : public ::testing::TestWithParam<FormatCase> {};
 TEST_P(BarSchema, EveryLineOfTheScenarioPassesTheFormatsSchema) {
   const auto& [format, expected] = GetParam();
   const auto result = RunShell(Quoted(HARKWELL_PROGRAM) + " watch --format " + format +
-                               " --scenario " + Quoted(kScenario) + " --follow --duration 2.5 | " +
+                               " --scenario " + Quoted(kScenario) + " --follow --duration 3.5 | " +
                                Quoted(kChecker) + " " + format + " " + Quoted(kSchemas));
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   EXPECT_EQ(result.out, std::string(expected) + " " + format + " lines valid\n") << result.err;
