@@ -1,6 +1,7 @@
 // `harkwell watch --format` as a status bar runs it: every line of each format passes that
 // format's JSON schema (checked by tests/cli/check_bar_lines.py with python3-jsonschema), and
-// against a real sound server a recording puts the microphone on the bar in the next line.
+// against a real sound server a recording (parecord) puts the microphone on the bar in the next
+// line, and its name follows.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -8,7 +9,6 @@
 
 #include "tests/cli/HarkwellRun.h"
 #include "tests/support/PrivatePulseServer.h"
-#include "tests/support/PulseTestClient.h"
 
 namespace harkwell::testing {
 namespace {
@@ -87,10 +87,9 @@ TEST(HarkwellBarOnPulseAudio, ARecordingPutsTheMicrophoneOnTheBarInTheNextLine) 
   ASSERT_TRUE(first.has_value()) << run->errorOutput();
   EXPECT_EQ(nlohmann::json::parse(*first)["alt"], "idle") << *first;
 
-  PulseTestClient client(server.address());
-  ASSERT_TRUE(client.isConnected());
-  auto recording = client.record(PrivatePulseServer::kNullSourceName);
-  ASSERT_NE(recording, nullptr);
+  ChildProcess recorder;
+  const auto recording = server.startRecorder(recorder, PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(recording.empty()) << recording;
   const auto next = run->readLine(kDeadline);
   ASSERT_TRUE(next.has_value()) << run->errorOutput();
   const auto line = nlohmann::json::parse(*next);
@@ -98,6 +97,14 @@ TEST(HarkwellBarOnPulseAudio, ARecordingPutsTheMicrophoneOnTheBarInTheNextLine) 
   EXPECT_NE(line["tooltip"].get<std::string>().find(PrivatePulseServer::kNullSourceDescription),
             std::string::npos)
       << *next;
+  // Who records follows as the server reports the stream's client: parecord by name.
+  const std::string named =
+      std::string("Microphone: parecord on ") + PrivatePulseServer::kNullSourceDescription;
+  std::optional<std::string> later = *next;
+  while (later && nlohmann::json::parse(*later)["tooltip"] != named) {
+    later = run->readLine(kDeadline);
+  }
+  EXPECT_TRUE(later.has_value()) << "no line names parecord\n" << run->errorOutput();
 
   run->sendSignal(SIGINT);
   EXPECT_EQ(run->waitForExitCode(kDeadline), 0) << run->errorOutput();

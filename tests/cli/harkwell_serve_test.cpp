@@ -14,7 +14,6 @@
 #include "tests/cli/HarkwellRun.h"
 #include "tests/support/PrivatePulseServer.h"
 #include "tests/support/PrivateSessionBus.h"
-#include "tests/support/PulseTestClient.h"
 
 namespace harkwell::testing {
 namespace {
@@ -476,13 +475,19 @@ TEST(HarkwellServeOnPulseAudio, ARecordingTurnsIsRunningTrueInTheNextChangeAndTh
   };
   EXPECT_EQ(nextLineAbout(input), input + ": idle") << example->errorOutput();
 
-  PulseTestClient client(server.address());
-  ASSERT_TRUE(client.isConnected());
-  auto recording = client.record(PrivatePulseServer::kNullSourceName);
-  ASSERT_NE(recording, nullptr);
+  ChildProcess recorder;
+  const auto recording = server.startRecorder(recorder, PrivatePulseServer::kNullSourceName);
+  ASSERT_TRUE(recording.empty()) << recording;
   const auto change = monitor.nextWith("PropertiesChanged");
   ASSERT_TRUE(change.has_value()) << serve->errorOutput();
   EXPECT_THAT(change->text(), HasSubstr("string \"IsRunning\" variant boolean true"));
+  // Then who records: parecord's process, as the server reports its stream's client.
+  const auto consumers = monitor.nextWith(
+      "string \"org.harkwell.Devices1.Device\" array [ dict entry( string \"Consumers\"");
+  ASSERT_TRUE(consumers.has_value()) << serve->errorOutput();
+  EXPECT_THAT(consumers->text(),
+              HasSubstr("string \"ProcessID\" variant int32 " + std::to_string(recorder.pid())));
+  EXPECT_THAT(consumers->text(), HasSubstr("variant string \"parecord\""));
   const auto said = nextLineAbout(input);
   ASSERT_TRUE(said.has_value()) << example->errorOutput();
   EXPECT_THAT(*said, ::testing::StartsWith(input + ": in use"));
