@@ -192,6 +192,18 @@ void BindController(py::module_& module) {
       .def_property_readonly("label", &DispatchQueue::label)
       .def("is_current", &DispatchQueue::isCurrent,
            "Whether the calling thread is running this queue's work now.")
+      .def(
+          "post",
+          [](DispatchQueue& queue, py::object work) {
+            if (!PyCallable_Check(work.ptr())) throw py::type_error("work must be callable");
+            auto held = std::make_shared<SharedPythonObject>(std::move(work));
+            queue.async([held] {
+              PythonGate::runWithGIL([&] { held->get()(); }, "harkwell DispatchQueue.post");
+            });
+          },
+          py::arg("work"),
+          "Queues work() to run on the queue (with the GIL) and returns at once. An exception it "
+          "raises goes to sys.unraisablehook.")
       .def("__repr__", [](const DispatchQueue& queue) {
         return "<harkwell.DispatchQueue " + py::repr(py::str(queue.label())).cast<std::string>() +
                ">";

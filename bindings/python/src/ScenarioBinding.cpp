@@ -28,6 +28,8 @@ void BindScenario(py::module_& module) {
             }
             auto audio = SimulatedAudioHardwareService::create();
             auto video = SimulatedVideoHardwareService::create();
+            audio->setRecordingCalls(false);
+            video->setRecordingCalls(false);
             py::gil_scoped_release released;
             InstallAudioHardwareService(audio);
             InstallVideoHardwareService(video);

@@ -26,6 +26,14 @@ std::uint32_t TransportCode(MediaType mediaType, const py::handle& transport) {
   return *code;
 }
 
+// Python has no use for the services' record of every call, which would only grow.
+template <class Service>
+std::shared_ptr<Service> MakeService() {
+  auto service = Service::create();
+  service->setRecordingCalls(false);
+  return service;
+}
+
 void InstallService(const std::shared_ptr<SimulatedAudioHardwareService>& service) {
   InstallAudioHardwareService(service);
 }
@@ -73,7 +81,7 @@ void BindSimulatedServices(py::module_& module) {
   py::class_<SimulatedAudioHardwareService, std::shared_ptr<SimulatedAudioHardwareService>> audio(
       module, "SimulatedAudioService",
       "In-memory microphones and speakers; install() makes the library use them.");
-  audio.def(py::init([] { return SimulatedAudioHardwareService::create(); }))
+  audio.def(py::init([] { return MakeService<SimulatedAudioHardwareService>(); }))
       .def(
           "add_device",
           [](SimulatedAudioHardwareService& self, ObjectID deviceID, OptionalText name,
@@ -116,7 +124,7 @@ void BindSimulatedServices(py::module_& module) {
   py::class_<SimulatedVideoHardwareService, std::shared_ptr<SimulatedVideoHardwareService>> video(
       module, "SimulatedVideoService",
       "In-memory cameras; install() makes the library use them.");
-  video.def(py::init([] { return SimulatedVideoHardwareService::create(); }))
+  video.def(py::init([] { return MakeService<SimulatedVideoHardwareService>(); }))
       .def(
           "add_device",
           [](SimulatedVideoHardwareService& self, ObjectID deviceID, OptionalText name,
