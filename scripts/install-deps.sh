@@ -10,6 +10,7 @@ packages=(
   libsystemd-dev dbus-daemon
   libpipewire-0.3-dev pipewire pipewire-bin pipewire-pulse wireplumber
   libcli11-dev nlohmann-json3-dev
+  python3 python3-dev pybind11-dev python3-pytest
   psmisc lsof procps bsdutils
   groff-base zsh fish
   clang-14 clang-format-14 libclang-rt-14-dev

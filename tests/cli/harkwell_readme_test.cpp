@@ -171,6 +171,9 @@ class Readme : public ::testing::Test {
         {"CMAKE_PREFIX_PATH", prefix.string()},
         {"PKG_CONFIG_PATH", pkgconfig.string()},
     };
+#ifdef HARKWELL_PYTHON_INSTALL_DIR
+    (*environment_)["PYTHONPATH"] = (prefix / HARKWELL_PYTHON_INSTALL_DIR).string();
+#endif
   }
 
   static void TearDownTestSuite() {
@@ -223,15 +226,26 @@ TEST_F(Readme, EveryConsoleCommandEndsAndPrintsWhatTheReadmeShows) {
   }
 }
 
-TEST_F(Readme, TheLibraryExampleItQuotesIsTheExampleProgram) {
-  const std::string quoted = "<!-- examples/library/device_watch.cpp -->";
+// A block right after "<!-- path -->" quotes that file of the repository in full.
+TEST_F(Readme, EveryExampleItQuotesIsTheFileItNames) {
+  static const std::regex kQuoted(R"(<!-- (\S+) -->)");
   const auto blocks = ReadmeBlocks();
-  const auto block = std::find_if(blocks.begin(), blocks.end(),
-                                  [&](const Block& b) { return b.precededBy == quoted; });
-  ASSERT_NE(block, blocks.end()) << "no ```cpp block after " << quoted;
-  EXPECT_EQ(block->language, "cpp");
-  EXPECT_EQ(Joined(block->lines),
-            ReadFile(fs::path(HARKWELL_SOURCE_DIR) / "examples/library/device_watch.cpp"));
+  std::vector<std::string> quoted;
+  for (const auto& block : blocks) {
+    std::smatch path;
+    if (!std::regex_match(block.precededBy, path, kQuoted)) continue;
+    quoted.push_back(path[1]);
+    SCOPED_TRACE("README.md:" + std::to_string(block.firstLine) + ": " + quoted.back());
+    EXPECT_EQ(Joined(block.lines), ReadFile(fs::path(HARKWELL_SOURCE_DIR) / quoted.back()));
+  }
+  EXPECT_NE(std::find(quoted.begin(), quoted.end(), "examples/library/device_watch.cpp"),
+            quoted.end())
+      << "the README quotes the library example";
+#ifdef HARKWELL_PYTHON_INSTALL_DIR
+  EXPECT_NE(std::find(quoted.begin(), quoted.end(), "examples/python/watch_devices.py"),
+            quoted.end())
+      << "the README quotes the Python example";
+#endif
 }
 
 TEST_F(Readme, TheInstallHasTheManualPageAndTheCompletionsItMentions) {

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/Bindings.h"
 #include "bindings/python/src/CallbackHub.h"
 #include "bindings/python/src/MainLoopServing.h"
@@ -46,7 +47,7 @@ class PythonController {
 
   bool observeDevices() const { return controller_->observeDevices(); }
   void setObserveDevices(bool observe) {
-    py::gil_scoped_release released;
+    ReleasedGIL released;
     controller_->setObserveDevices(observe);
   }
 
@@ -60,7 +61,7 @@ class PythonController {
   // no consumers at all.
   void updateConsumersHandler() {
     const bool needed = hub_->needsConsumers();
-    py::gil_scoped_release released;
+    ReleasedGIL released;
     if (needed == static_cast<bool>(controller_->deviceConsumersHandler())) return;
     if (needed) {
       auto hub = hub_;
@@ -77,7 +78,7 @@ class PythonController {
   py::list devices() const {
     std::vector<MediaDevice> devices;
     {
-      py::gil_scoped_release released;
+      ReleasedGIL released;
       devices = (*controller_.*Query)();
     }
     return ToPython(devices);
@@ -87,7 +88,7 @@ class PythonController {
     const MediaDevice record = DeviceFromPython(device);
     std::optional<std::vector<MediaDeviceConsumer>> consumers;
     {
-      py::gil_scoped_release released;
+      ReleasedGIL released;
       consumers = controller_->consumersOfDevice(record);
     }
     if (!consumers) return py::none();
@@ -179,7 +180,7 @@ void StopAllControllers() {
       if (auto controller = held.lock()) live.push_back(std::move(controller));
     }
   }
-  py::gil_scoped_release released;
+  ReleasedGIL released;
   for (const auto& controller : live) controller->setObserveDevices(false);
 }
 

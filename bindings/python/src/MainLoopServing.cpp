@@ -1,3 +1,4 @@
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/MainLoopServing.h"
 
 #include <poll.h>
@@ -52,7 +53,7 @@ bool ServeUntil(const std::function<bool()>& ready, std::optional<Clock::time_po
     if (deadline) sliceEnd = std::min(sliceEnd, *deadline);
     bool isReady = false;
     {
-      py::gil_scoped_release released;
+      ReleasedGIL released;
       isReady = ServeSlice(ready, sliceEnd, wakeFd, onMainThread);
     }
     if (isReady) return true;

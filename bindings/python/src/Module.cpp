@@ -34,12 +34,12 @@ void RequireMainThread(const char* what) {
 // The library's log lines to a Python callable, on whatever thread logs.
 void SetLogHandler(py::object handler) {
   if (handler.is_none()) {
-    py::gil_scoped_release released;
+    ReleasedGIL released;
     InstallLogSink(nullptr);
     return;
   }
   auto held = std::make_shared<SharedPythonObject>(std::move(handler));
-  py::gil_scoped_release released;
+  ReleasedGIL released;
   InstallLogSink([held](std::string_view line) {
     PythonGate::runWithGIL([&] { held->get()(py::str(line.data(), line.size())); },
                            "harkwell log handler");
@@ -74,19 +74,19 @@ PYBIND11_MODULE(_harkwell, module) {
   // session bus, up to a second), so the GIL is released.
   module.def("_enable_hog_mode", [](const py::handle& device) {
     const MediaDevice record = DeviceFromPython(device);
-    py::gil_scoped_release released;
+    ReleasedGIL released;
     return record.enableHogMode();
   });
   module.def("_disable_hog_mode", [](const py::handle& device) {
     const MediaDevice record = DeviceFromPython(device);
-    py::gil_scoped_release released;
+    ReleasedGIL released;
     return record.disableHogMode();
   });
   module.def("_current_hog_mode", [](const py::handle& device) {
     const MediaDevice record = DeviceFromPython(device);
     std::optional<MediaDeviceHogMode> mode;
     {
-      py::gil_scoped_release released;
+      ReleasedGIL released;
       mode = record.currentHogMode();
     }
     return ToPython(*mode);
@@ -106,7 +106,7 @@ PYBIND11_MODULE(_harkwell, module) {
   module.def(
       "computer_model_identifier",
       [] {
-        py::gil_scoped_release released;
+        ReleasedGIL released;
         return ComputerModelIdentifier();
       },
       "The computer's model identifier, or None when it cannot be read.");
@@ -129,7 +129,7 @@ PYBIND11_MODULE(_harkwell, module) {
       "perform_main_loop_work",
       [] {
         RequireMainThread("perform_main_loop_work()");
-        py::gil_scoped_release released;
+        ReleasedGIL released;
         MainRunLoop::shared().performDueWork();
         ScenarioDriver::PlayDueSteps(Clock::now());
       },

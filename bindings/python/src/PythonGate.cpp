@@ -1,7 +1,13 @@
 #include "bindings/python/src/PythonGate.h"
 
+#include <unistd.h>
+
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+#include "HarkwellFoundation/Platform/DispatchQueue.h"
+#include "HarkwellFoundation/Platform/MainRunLoop.h"
 
 namespace py = pybind11;
 
@@ -21,15 +27,42 @@ GateState& State() {
   return *state;
 }
 
-}  // namespace
+bool Enter() {
+  auto& state = State();
+  std::lock_guard<std::mutex> lock(state.mutex);
+  if (!state.open) return false;
+  ++state.inside;
+  return true;
+}
 
-bool PythonGate::runWithGIL(const std::function<void()>& work, const char* context) {
+void Leave() {
   auto& state = State();
   {
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!state.open) return false;
-    ++state.inside;
+    --state.inside;
   }
+  state.left.notify_all();
+}
+
+[[noreturn]] void ParkForever() {
+  for (;;) pause();
+}
+
+}  // namespace
+
+ReleasedGIL::ReleasedGIL() : counted_(Enter()) {
+  state_ = PyEval_SaveThread();
+  // The main thread finalises the interpreter itself and is never ended by it.
+  if (!counted_ && !IsMainThread()) ParkForever();
+}
+
+ReleasedGIL::~ReleasedGIL() {
+  PyEval_RestoreThread(state_);
+  if (counted_) Leave();
+}
+
+bool PythonGate::runWithGIL(const std::function<void()>& work, const char* context) {
+  if (!Enter()) return false;
   {
     py::gil_scoped_acquire gil;
     try {
@@ -41,20 +74,24 @@ bool PythonGate::runWithGIL(const std::function<void()>& work, const char* conte
       PyErr_WriteUnraisable(py::str(context).ptr());
     }
   }
-  {
-    std::lock_guard<std::mutex> lock(state.mutex);
-    --state.inside;
-  }
-  state.left.notify_all();
+  Leave();
   return true;
 }
 
 void PythonGate::close() {
   auto& state = State();
+  const bool onMainThread = IsMainThread();
   py::gil_scoped_release released;
   std::unique_lock<std::mutex> lock(state.mutex);
   state.open = false;
-  state.left.wait(lock, [&] { return state.inside == 0; });
+  while (state.inside != 0) {
+    if (onMainThread) {
+      lock.unlock();
+      MainRunLoop::shared().performDueWork();
+      lock.lock();
+    }
+    state.left.wait_for(lock, std::chrono::milliseconds(10));
+  }
 }
 
 bool PythonGate::isOpen() {

@@ -19,10 +19,28 @@ class PythonGate {
   static bool runWithGIL(const std::function<void()>& work, const char* context);
 
   // Closes the gate and waits until no thread is inside. Called once, with the GIL held, from the
-  // module's exit hook; the GIL is released while it waits.
+  // module's exit hook (on the main thread); the GIL is released while it waits, and the main run
+  // loop is served, since a thread inside may be waiting for the main thread.
   static void close();
 
   static bool isOpen();
+};
+
+// Releases the GIL for the scope, like pybind11::gil_scoped_release, while the library works or
+// waits; the gate counts the scope as inside. A thread that would enter after the gate has closed
+// (a daemon thread still calling into the module at exit) is parked for good without the GIL
+// instead: taking the GIL back while the interpreter finalises would end the thread in the middle
+// of C++ code. The main thread, which finalises the interpreter itself, goes on as usual.
+class ReleasedGIL {
+ public:
+  ReleasedGIL();
+  ~ReleasedGIL();
+  ReleasedGIL(const ReleasedGIL&) = delete;
+  ReleasedGIL& operator=(const ReleasedGIL&) = delete;
+
+ private:
+  const bool counted_;
+  PyThreadState* state_;
 };
 
 // A reference to a Python object that any thread may drop: dropping it takes the GIL (through the

@@ -3,6 +3,7 @@
 
 #include <variant>
 
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/Bindings.h"
 #include "bindings/python/src/ScenarioDriver.h"
 #include "tools/harkwell/Scenario.h"
@@ -30,7 +31,7 @@ void BindScenario(py::module_& module) {
             auto video = SimulatedVideoHardwareService::create();
             audio->setRecordingCalls(false);
             video->setRecordingCalls(false);
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             InstallAudioHardwareService(audio);
             InstallVideoHardwareService(video);
             return std::make_shared<ScenarioDriver>(std::get<cli::Scenario>(std::move(loaded)),

@@ -3,6 +3,7 @@
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/Bindings.h"
 #include "bindings/python/src/RecordConversion.h"
 #include "tools/harkwell/Scenario.h"
@@ -49,14 +50,14 @@ void BindCommon(Class& service) {
       .def(
           "remove_device",
           [](Service& self, ObjectID deviceID) {
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             self.removeDevice(deviceID);
           },
           py::arg("device_id"))
       .def(
           "set_device_running",
           [](Service& self, ObjectID deviceID, bool running) {
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             self.setDeviceRunning(deviceID, running);
           },
           py::arg("device_id"), py::arg("running"))
@@ -64,7 +65,7 @@ void BindCommon(Class& service) {
           "set_device_consumers",
           [](Service& self, ObjectID deviceID, const py::iterable& consumers) {
             auto list = ConsumersFromPython(consumers);
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             self.setDeviceConsumers(deviceID, list);
           },
           py::arg("device_id"), py::arg("consumers"))
@@ -102,7 +103,7 @@ void BindSimulatedServices(py::module_& module) {
                                         .dataSourceNames = std::move(inputSources),
                                         .hogModePID = hogModePID,
                                         .consumers = ConsumersFromPython(consumers)};
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             self.addDevice(device);
           },
           py::arg("device_id"), py::arg("name"), py::arg("device_uid"), py::kw_only(),
@@ -115,7 +116,7 @@ void BindSimulatedServices(py::module_& module) {
       .def(
           "set_selected_input_source",
           [](SimulatedAudioHardwareService& self, ObjectID deviceID, std::uint32_t source) {
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             self.setSelectedDataSource(deviceID, source);
           },
           py::arg("device_id"), py::arg("source"));
@@ -141,7 +142,7 @@ void BindSimulatedServices(py::module_& module) {
                                         .isRunning = isRunning,
                                         .hogModePID = hogModePID,
                                         .consumers = ConsumersFromPython(consumers)};
-            py::gil_scoped_release released;
+            ReleasedGIL released;
             self.addDevice(device);
           },
           py::arg("device_id"), py::arg("name"), py::arg("device_uid"), py::kw_only(),
@@ -154,7 +155,7 @@ void BindSimulatedServices(py::module_& module) {
   module.def(
       "use_default_services",
       [] {
-        py::gil_scoped_release released;
+        ReleasedGIL released;
         InstallAudioHardwareService(MakeDefaultAudioHardwareService());
         InstallVideoHardwareService(MakeDefaultVideoHardwareService());
       },
