@@ -36,7 +36,8 @@ class CallbackHub {
   // The controller's queue.
   void deviceEvent(MediaDeviceEvent event, const MediaDevice& device);
   void updatingDevices(bool finished);
-  void deviceConsumers(const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers);
+  void deviceConsumers(const MediaDevice& device,
+                       const std::vector<MediaDeviceConsumer>& consumers);
 
  private:
   std::vector<std::shared_ptr<EventStream>> streams() const;

@@ -4,10 +4,10 @@
 #include <mutex>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
-#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/Bindings.h"
 #include "bindings/python/src/CallbackHub.h"
 #include "bindings/python/src/MainLoopServing.h"
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/RecordConversion.h"
 #include "bindings/python/src/ScenarioDriver.h"
 
@@ -36,9 +36,11 @@ class PythonController {
       : controller_(MediaDeviceController::create(std::move(queue))),
         hub_(std::make_shared<CallbackHub>()) {
     auto hub = hub_;
-    controller_->setDeviceEventHandler(
-        [hub](MediaDeviceEvent event, const MediaDevice& device) { hub->deviceEvent(event, device); });
-    controller_->setUpdatingDevicesHandler([hub](bool finished) { hub->updatingDevices(finished); });
+    controller_->setDeviceEventHandler([hub](MediaDeviceEvent event, const MediaDevice& device) {
+      hub->deviceEvent(event, device);
+    });
+    controller_->setUpdatingDevicesHandler(
+        [hub](bool finished) { hub->updatingDevices(finished); });
     Remember(controller_);
   }
 
@@ -188,8 +190,9 @@ void BindController(py::module_& module) {
   py::class_<DispatchQueue, std::shared_ptr<DispatchQueue>>(
       module, "DispatchQueue",
       "A serial queue: work runs one item at a time, in order, on a thread of its own.")
-      .def(py::init([](std::string label) { return DispatchQueue::createSerial(std::move(label)); }),
-           py::arg("label"))
+      .def(
+          py::init([](std::string label) { return DispatchQueue::createSerial(std::move(label)); }),
+          py::arg("label"))
       .def_property_readonly("label", &DispatchQueue::label)
       .def("is_current", &DispatchQueue::isCurrent,
            "Whether the calling thread is running this queue's work now.")
@@ -229,10 +232,9 @@ void BindController(py::module_& module) {
           "default_device_event_handler_queue",
           [] { return MediaDeviceController::defaultDeviceEventHandlerQueue(); },
           "The process-wide serial queue of controllers made without one.")
-      .def_property_readonly("device_event_handler_queue",
-                             [](const PythonController& self) {
-                               return self.controller()->deviceEventHandlerQueue();
-                             })
+      .def_property_readonly(
+          "device_event_handler_queue",
+          [](const PythonController& self) { return self.controller()->deviceEventHandlerQueue(); })
       .def_property("observe_devices", &PythonController::observeDevices,
                     &PythonController::setObserveDevices)
       .def_property_readonly("connected_devices",

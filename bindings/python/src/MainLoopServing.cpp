@@ -1,5 +1,5 @@
-#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/MainLoopServing.h"
+#include "bindings/python/src/PythonGate.h"
 
 #include <poll.h>
 
@@ -69,8 +69,8 @@ std::optional<Clock::time_point> DeadlineAfter(const std::optional<double>& seco
   }
   // Beyond a century is as good as never, and keeps the arithmetic in range.
   const double bounded = std::min(*seconds, 100.0 * 365 * 24 * 3600);
-  return Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                            std::chrono::duration<double>(bounded));
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(bounded));
 }
 
 }  // namespace harkwell::python

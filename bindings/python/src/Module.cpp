@@ -23,12 +23,14 @@ namespace {
 template <class E>
 py::list CaseNames() {
   py::list names;
-  for (const auto name : detail::CaseNames<E>::names) names.append(py::str(name.data(), name.size()));
+  for (const auto name : detail::CaseNames<E>::names)
+    names.append(py::str(name.data(), name.size()));
   return names;
 }
 
 void RequireMainThread(const char* what) {
-  if (!IsMainThread()) throw std::runtime_error(std::string(what) + " runs on the main thread only");
+  if (!IsMainThread())
+    throw std::runtime_error(std::string(what) + " runs on the main thread only");
 }
 
 // The library's log lines to a Python callable, on whatever thread logs.

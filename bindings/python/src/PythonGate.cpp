@@ -103,8 +103,8 @@ bool PythonGate::isOpen() {
 SharedPythonObject::~SharedPythonObject() {
   if (!object_) return;
   py::object* held = &object_;
-  const bool dropped = PythonGate::runWithGIL([held] { *held = py::object(); },
-                                              "dropping a harkwell callback");
+  const bool dropped =
+      PythonGate::runWithGIL([held] { *held = py::object(); }, "dropping a harkwell callback");
   if (!dropped) object_.release();
 }
 

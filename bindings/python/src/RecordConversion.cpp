@@ -36,7 +36,8 @@ const RecordTypes& Types() {
 
 std::vector<py::object> Members(const py::object& enumeration) {
   std::vector<py::object> members;
-  for (const auto& member : enumeration) members.push_back(py::reinterpret_borrow<py::object>(member));
+  for (const auto& member : enumeration)
+    members.push_back(py::reinterpret_borrow<py::object>(member));
   for (std::size_t i = 0; i < members.size(); ++i) {
     if (members[i].attr("value").cast<std::size_t>() != i) {
       throw std::runtime_error("a harkwell enumeration is not in ordinal order");
@@ -150,8 +151,7 @@ MediaDevice DeviceFromPython(const py::handle& device) {
   out.mediaType = EnumFromPython<MediaType>(device.attr("media_type"));
   out.deviceUID = device.attr("device_uid").cast<std::string>();
   out.modelUID = OptionalTextFrom(device.attr("model_uid"));
-  out.transportType =
-      EnumFromPython<MediaDeviceTransportType>(device.attr("transport_type"));
+  out.transportType = EnumFromPython<MediaDeviceTransportType>(device.attr("transport_type"));
   out.name = device.attr("name").cast<std::string>();
   out.inputSourceName = OptionalTextFrom(device.attr("input_source_name"));
   out.inputChannelCount = device.attr("input_channel_count").cast<std::uint64_t>();

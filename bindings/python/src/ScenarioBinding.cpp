@@ -3,8 +3,8 @@
 
 #include <variant>
 
-#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/Bindings.h"
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/ScenarioDriver.h"
 #include "tools/harkwell/Scenario.h"
 
@@ -13,8 +13,7 @@ namespace py = pybind11;
 namespace harkwell::python {
 
 void BindScenario(py::module_& module) {
-  static py::exception<std::runtime_error> scenarioError(module, "ScenarioError",
-                                                         PyExc_ValueError);
+  static py::exception<std::runtime_error> scenarioError(module, "ScenarioError", PyExc_ValueError);
 
   py::class_<ScenarioDriver, std::shared_ptr<ScenarioDriver>>(
       module, "Scenario",

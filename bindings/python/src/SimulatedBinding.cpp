@@ -3,8 +3,8 @@
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
-#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/Bindings.h"
+#include "bindings/python/src/PythonGate.h"
 #include "bindings/python/src/RecordConversion.h"
 #include "tools/harkwell/Scenario.h"
 
@@ -18,7 +18,7 @@ using OptionalText = std::optional<std::string>;
 std::uint32_t TransportCode(MediaType mediaType, const py::handle& transport) {
   // None is Unknown.
   const auto value = transport.is_none() ? MediaDeviceTransportType::Unknown
-                                          : EnumFromPython<MediaDeviceTransportType>(transport);
+                                         : EnumFromPython<MediaDeviceTransportType>(transport);
   const auto code = cli::TransportCodeFor(mediaType, value);
   if (!code) {
     throw py::value_error(std::string(caseName(mediaType)) + " devices have no transport " +
@@ -91,18 +91,19 @@ void BindSimulatedServices(py::module_& module) {
              std::map<std::uint32_t, OptionalText> inputSources,
              std::optional<std::uint32_t> selectedInputSource, std::int32_t hogModePID,
              const py::iterable& consumers) {
-            SimulatedAudioDevice device{.deviceID = deviceID,
-                                        .name = std::move(name),
-                                        .deviceUID = std::move(deviceUID),
-                                        .modelUID = std::move(modelUID),
-                                        .transportType = TransportCode(MediaType::Audio, transportType),
-                                        .inputStreamCount = inputStreams,
-                                        .outputStreamCount = outputStreams,
-                                        .isRunning = isRunning,
-                                        .selectedDataSource = selectedInputSource,
-                                        .dataSourceNames = std::move(inputSources),
-                                        .hogModePID = hogModePID,
-                                        .consumers = ConsumersFromPython(consumers)};
+            SimulatedAudioDevice device{
+                .deviceID = deviceID,
+                .name = std::move(name),
+                .deviceUID = std::move(deviceUID),
+                .modelUID = std::move(modelUID),
+                .transportType = TransportCode(MediaType::Audio, transportType),
+                .inputStreamCount = inputStreams,
+                .outputStreamCount = outputStreams,
+                .isRunning = isRunning,
+                .selectedDataSource = selectedInputSource,
+                .dataSourceNames = std::move(inputSources),
+                .hogModePID = hogModePID,
+                .consumers = ConsumersFromPython(consumers)};
             ReleasedGIL released;
             self.addDevice(device);
           },
@@ -123,8 +124,7 @@ void BindSimulatedServices(py::module_& module) {
   BindCommon<SimulatedAudioHardwareService>(audio);
 
   py::class_<SimulatedVideoHardwareService, std::shared_ptr<SimulatedVideoHardwareService>> video(
-      module, "SimulatedVideoService",
-      "In-memory cameras; install() makes the library use them.");
+      module, "SimulatedVideoService", "In-memory cameras; install() makes the library use them.");
   video.def(py::init([] { return MakeService<SimulatedVideoHardwareService>(); }))
       .def(
           "add_device",
@@ -132,16 +132,17 @@ void BindSimulatedServices(py::module_& module) {
              OptionalText deviceUID, OptionalText modelUID, const py::object& transportType,
              std::uint32_t inputStreams, std::uint32_t outputStreams, bool isRunning,
              std::int32_t hogModePID, const py::iterable& consumers) {
-            SimulatedVideoDevice device{.deviceID = deviceID,
-                                        .name = std::move(name),
-                                        .deviceUID = std::move(deviceUID),
-                                        .modelUID = std::move(modelUID),
-                                        .transportType = TransportCode(MediaType::Video, transportType),
-                                        .inputStreamCount = inputStreams,
-                                        .outputStreamCount = outputStreams,
-                                        .isRunning = isRunning,
-                                        .hogModePID = hogModePID,
-                                        .consumers = ConsumersFromPython(consumers)};
+            SimulatedVideoDevice device{
+                .deviceID = deviceID,
+                .name = std::move(name),
+                .deviceUID = std::move(deviceUID),
+                .modelUID = std::move(modelUID),
+                .transportType = TransportCode(MediaType::Video, transportType),
+                .inputStreamCount = inputStreams,
+                .outputStreamCount = outputStreams,
+                .isRunning = isRunning,
+                .hogModePID = hogModePID,
+                .consumers = ConsumersFromPython(consumers)};
             ReleasedGIL released;
             self.addDevice(device);
           },
