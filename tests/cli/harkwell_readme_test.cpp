@@ -5,6 +5,9 @@
 // below it. The library example the README quotes must be the file in examples/, and the
 // scenario the README shows must play to its end.
 //
+// Where the Python package is built, the README's `python3` finds the installed package through
+// PYTHONPATH.
+//
 // In a README block, "..." on a line of its own stands for any number of lines (build output, a
 // machine's own model identifier), times of day (12:34:56.789) match any time, and a last line
 // "[exit status N]" says the command ends with status N rather than 0.
@@ -151,6 +154,22 @@ class Readme : public ::testing::Test {
       wrapper << "#!/bin/sh\nexec '" << HARKWELL_CXX << "' " << HARKWELL_CXX_FLAGS << " \"$@\"\n";
     }
     fs::permissions(bin / "c++", fs::perms::owner_all);
+#ifdef HARKWELL_PYTHON_INSTALL_DIR
+    // The `python3` they reach is the interpreter the module was built for, with a sanitizer
+    // build's runtime preloaded (the interpreter itself is not built with it).
+    {
+      std::ofstream wrapper(bin / "python3");
+      wrapper << "#!/bin/sh\n";
+      if (std::string(HARKWELL_PYTHON_PRELOAD).empty()) {
+        wrapper << "exec '" << HARKWELL_PYTHON << "' \"$@\"\n";
+      } else {
+        wrapper << "LD_PRELOAD='" << HARKWELL_PYTHON_PRELOAD
+                << "' ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc exec '" << HARKWELL_PYTHON
+                << "' \"$@\"\n";
+      }
+    }
+    fs::permissions(bin / "python3", fs::perms::owner_all);
+#endif
 
     fs::path pkgconfig;
     for (const auto& entry : fs::recursive_directory_iterator(prefix)) {

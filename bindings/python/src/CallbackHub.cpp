@@ -8,36 +8,8 @@ namespace py = pybind11;
 
 namespace harkwell::python {
 
-SharedPythonObject& CallbackHub::object(Slot slot) {
-  switch (slot) {
-    case Slot::DeviceEvent:
-      return deviceEventCallback_;
-    case Slot::UpdatingDevices:
-      return updatingDevicesCallback_;
-    case Slot::DeviceConsumers:
-      break;
-  }
-  return deviceConsumersCallback_;
-}
-
-const SharedPythonObject& CallbackHub::object(Slot slot) const {
-  return const_cast<CallbackHub*>(this)->object(slot);
-}
-
-std::atomic<bool>& CallbackHub::isSet(Slot slot) {
-  switch (slot) {
-    case Slot::DeviceEvent:
-      return deviceEventSet_;
-    case Slot::UpdatingDevices:
-      return updatingDevicesSet_;
-    case Slot::DeviceConsumers:
-      break;
-  }
-  return deviceConsumersSet_;
-}
-
 py::object CallbackHub::callback(Slot slot) const {
-  const auto& held = object(slot).get();
+  const auto& held = entry(slot).callable.get();
   return held ? held : py::object(py::none());
 }
 
@@ -46,8 +18,8 @@ void CallbackHub::setCallback(Slot slot, py::object callable) {
     throw py::type_error("a handler must be callable or None");
   }
   const bool set = !callable.is_none();
-  object(slot).set(set ? std::move(callable) : py::object());
-  isSet(slot).store(set);
+  entry(slot).callable.set(set ? std::move(callable) : py::object());
+  entry(slot).isSet.store(set);
 }
 
 void CallbackHub::addStream(std::shared_ptr<EventStream> stream) {
@@ -61,7 +33,7 @@ void CallbackHub::removeStream(const EventStream& stream) {
 }
 
 bool CallbackHub::needsConsumers() const {
-  if (deviceConsumersSet_.load()) return true;
+  if (entry(Slot::DeviceConsumers).isSet.load()) return true;
   MutexLock lock(streamsMutex_);
   return std::any_of(streams_.begin(), streams_.end(),
                      [](const auto& stream) { return stream->wantsConsumers(); });
@@ -72,27 +44,26 @@ std::vector<std::shared_ptr<EventStream>> CallbackHub::streams() const {
   return streams_;
 }
 
+template <class... Arguments>
+void CallbackHub::call(Slot slot, const char* context, const Arguments&... arguments) {
+  if (!entry(slot).isSet.load()) return;
+  PythonGate::runWithGIL(
+      [&] {
+        const py::object callable = callback(slot);
+        if (!callable.is_none()) callable(ToPython(arguments)...);
+      },
+      context);
+}
+
 void CallbackHub::deviceEvent(MediaDeviceEvent event, const MediaDevice& device) {
   for (const auto& stream : streams()) {
     stream->push({.kind = StreamItem::Kind::DeviceEvent, .event = event, .device = device});
   }
-  if (!deviceEventSet_.load()) return;
-  PythonGate::runWithGIL(
-      [&] {
-        const py::object callable = callback(Slot::DeviceEvent);
-        if (!callable.is_none()) callable(ToPython(event), ToPython(device));
-      },
-      "harkwell device_event_handler");
+  call(Slot::DeviceEvent, "harkwell device_event_handler", event, device);
 }
 
 void CallbackHub::updatingDevices(bool finished) {
-  if (!updatingDevicesSet_.load()) return;
-  PythonGate::runWithGIL(
-      [&] {
-        const py::object callable = callback(Slot::UpdatingDevices);
-        if (!callable.is_none()) callable(finished);
-      },
-      "harkwell updating_devices_handler");
+  call(Slot::UpdatingDevices, "harkwell updating_devices_handler", finished);
 }
 
 void CallbackHub::deviceConsumers(const MediaDevice& device,
@@ -102,13 +73,7 @@ void CallbackHub::deviceConsumers(const MediaDevice& device,
     stream->push(
         {.kind = StreamItem::Kind::ConsumersChanged, .device = device, .consumers = consumers});
   }
-  if (!deviceConsumersSet_.load()) return;
-  PythonGate::runWithGIL(
-      [&] {
-        const py::object callable = callback(Slot::DeviceConsumers);
-        if (!callable.is_none()) callable(ToPython(device), ToPython(consumers));
-      },
-      "harkwell device_consumers_handler");
+  call(Slot::DeviceConsumers, "harkwell device_consumers_handler", device, consumers);
 }
 
 }  // namespace harkwell::python

@@ -7,6 +7,7 @@
 // keeps calling its callables, as the C++ controller does for a C++ client.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -40,18 +41,21 @@ class CallbackHub {
                        const std::vector<MediaDeviceConsumer>& consumers);
 
  private:
-  std::vector<std::shared_ptr<EventStream>> streams() const;
-  SharedPythonObject& object(Slot slot);
-  const SharedPythonObject& object(Slot slot) const;
-  std::atomic<bool>& isSet(Slot slot);
+  // A Python callable, and whether there is one, read without the GIL so an empty slot costs
+  // nothing on the queue.
+  struct Entry {
+    SharedPythonObject callable;
+    std::atomic<bool> isSet{false};
+  };
 
-  SharedPythonObject deviceEventCallback_;
-  SharedPythonObject updatingDevicesCallback_;
-  SharedPythonObject deviceConsumersCallback_;
-  // Whether a slot holds a callable, read without the GIL so an unset slot costs nothing.
-  std::atomic<bool> deviceEventSet_{false};
-  std::atomic<bool> updatingDevicesSet_{false};
-  std::atomic<bool> deviceConsumersSet_{false};
+  std::vector<std::shared_ptr<EventStream>> streams() const;
+  Entry& entry(Slot slot) { return entries_[static_cast<std::size_t>(slot)]; }
+  const Entry& entry(Slot slot) const { return entries_[static_cast<std::size_t>(slot)]; }
+  // Calls the slot's callable, if any, with the GIL (through the gate).
+  template <class... Arguments>
+  void call(Slot slot, const char* context, const Arguments&... arguments);
+
+  std::array<Entry, 3> entries_;
 
   mutable Mutex streamsMutex_;
   std::vector<std::shared_ptr<EventStream>> streams_ HARKWELL_GUARDED_BY(streamsMutex_);

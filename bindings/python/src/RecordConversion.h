@@ -16,6 +16,9 @@ namespace harkwell::python {
 // Keeps the record classes of `records` (the harkwell._records module).
 void UseRecordTypes(const pybind11::module_& records);
 
+inline pybind11::object ToPython(bool value) {
+  return pybind11::bool_(value);
+}
 pybind11::object ToPython(MediaType value);
 pybind11::object ToPython(MediaDeviceEvent value);
 pybind11::object ToPython(const MediaDevice& device);

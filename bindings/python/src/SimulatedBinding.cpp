@@ -27,6 +27,39 @@ std::uint32_t TransportCode(MediaType mediaType, const py::handle& transport) {
   return *code;
 }
 
+// The keyword `name` taken out of `fields`, or `otherwise` when it is not there.
+template <class T>
+T Take(py::dict& fields, const char* name, T otherwise) {
+  if (!fields.contains(name)) return otherwise;
+  return fields.attr("pop")(name).template cast<T>();
+}
+
+void RefuseOthers(const py::dict& fields) {
+  for (const auto& [name, value] : fields) {
+    throw py::type_error("add_device() got an unexpected keyword argument '" +
+                         name.cast<std::string>() + "'");
+  }
+}
+
+// A device of either media type with the fields they share, taken out of `fields`.
+template <class Device>
+Device DeviceFromFields(MediaType mediaType, ObjectID deviceID, OptionalText name,
+                        OptionalText deviceUID, py::dict& fields) {
+  Device device;
+  device.deviceID = deviceID;
+  device.name = std::move(name);
+  device.deviceUID = std::move(deviceUID);
+  device.modelUID = Take(fields, "model_uid", OptionalText());
+  device.transportType =
+      TransportCode(mediaType, Take(fields, "transport_type", py::object(py::none())));
+  device.inputStreamCount = Take(fields, "input_streams", std::uint32_t{1});
+  device.outputStreamCount = Take(fields, "output_streams", std::uint32_t{0});
+  device.isRunning = Take(fields, "is_running", false);
+  device.hogModePID = Take(fields, "hog_mode_pid", std::int32_t{-1});
+  device.consumers = ConsumersFromPython(Take(fields, "consumers", py::object(py::tuple())));
+  return device;
+}
+
 // Python has no use for the services' record of every call, which would only grow.
 template <class Service>
 std::shared_ptr<Service> MakeService() {
@@ -86,34 +119,23 @@ void BindSimulatedServices(py::module_& module) {
       .def(
           "add_device",
           [](SimulatedAudioHardwareService& self, ObjectID deviceID, OptionalText name,
-             OptionalText deviceUID, OptionalText modelUID, const py::object& transportType,
-             std::uint32_t inputStreams, std::uint32_t outputStreams, bool isRunning,
-             std::map<std::uint32_t, OptionalText> inputSources,
-             std::optional<std::uint32_t> selectedInputSource, std::int32_t hogModePID,
-             const py::iterable& consumers) {
-            SimulatedAudioDevice device{
-                .deviceID = deviceID,
-                .name = std::move(name),
-                .deviceUID = std::move(deviceUID),
-                .modelUID = std::move(modelUID),
-                .transportType = TransportCode(MediaType::Audio, transportType),
-                .inputStreamCount = inputStreams,
-                .outputStreamCount = outputStreams,
-                .isRunning = isRunning,
-                .selectedDataSource = selectedInputSource,
-                .dataSourceNames = std::move(inputSources),
-                .hogModePID = hogModePID,
-                .consumers = ConsumersFromPython(consumers)};
+             OptionalText deviceUID, const py::kwargs& keywords) {
+            py::dict fields(keywords);
+            auto device = DeviceFromFields<SimulatedAudioDevice>(
+                MediaType::Audio, deviceID, std::move(name), std::move(deviceUID), fields);
+            device.dataSourceNames =
+                Take(fields, "input_sources", std::map<std::uint32_t, OptionalText>{});
+            device.selectedDataSource =
+                Take(fields, "selected_input_source", std::optional<std::uint32_t>());
+            RefuseOthers(fields);
             ReleasedGIL released;
             self.addDevice(device);
           },
-          py::arg("device_id"), py::arg("name"), py::arg("device_uid"), py::kw_only(),
-          py::arg("model_uid") = py::none(), py::arg("transport_type") = py::none(),
-          py::arg("input_streams") = 1, py::arg("output_streams") = 0,
-          py::arg("is_running") = false,
-          py::arg("input_sources") = std::map<std::uint32_t, OptionalText>{},
-          py::arg("selected_input_source") = py::none(), py::arg("hog_mode_pid") = -1,
-          py::arg("consumers") = py::tuple())
+          py::arg("device_id"), py::arg("name"), py::arg("device_uid"),
+          "Adds a device and notifies the device list. Keywords, all optional: model_uid, "
+          "transport_type (a MediaDeviceTransportType), input_streams (1), output_streams (0), "
+          "is_running, hog_mode_pid (-1), consumers, input_sources ({id: name}) and "
+          "selected_input_source (without it the device has no input sources).")
       .def(
           "set_selected_input_source",
           [](SimulatedAudioHardwareService& self, ObjectID deviceID, std::uint32_t source) {
@@ -129,28 +151,18 @@ void BindSimulatedServices(py::module_& module) {
       .def(
           "add_device",
           [](SimulatedVideoHardwareService& self, ObjectID deviceID, OptionalText name,
-             OptionalText deviceUID, OptionalText modelUID, const py::object& transportType,
-             std::uint32_t inputStreams, std::uint32_t outputStreams, bool isRunning,
-             std::int32_t hogModePID, const py::iterable& consumers) {
-            SimulatedVideoDevice device{
-                .deviceID = deviceID,
-                .name = std::move(name),
-                .deviceUID = std::move(deviceUID),
-                .modelUID = std::move(modelUID),
-                .transportType = TransportCode(MediaType::Video, transportType),
-                .inputStreamCount = inputStreams,
-                .outputStreamCount = outputStreams,
-                .isRunning = isRunning,
-                .hogModePID = hogModePID,
-                .consumers = ConsumersFromPython(consumers)};
+             OptionalText deviceUID, const py::kwargs& keywords) {
+            py::dict fields(keywords);
+            auto device = DeviceFromFields<SimulatedVideoDevice>(
+                MediaType::Video, deviceID, std::move(name), std::move(deviceUID), fields);
+            RefuseOthers(fields);
             ReleasedGIL released;
             self.addDevice(device);
           },
-          py::arg("device_id"), py::arg("name"), py::arg("device_uid"), py::kw_only(),
-          py::arg("model_uid") = py::none(), py::arg("transport_type") = py::none(),
-          py::arg("input_streams") = 1, py::arg("output_streams") = 0,
-          py::arg("is_running") = false, py::arg("hog_mode_pid") = -1,
-          py::arg("consumers") = py::tuple());
+          py::arg("device_id"), py::arg("name"), py::arg("device_uid"),
+          "Adds a camera and notifies the device list. Keywords, all optional: model_uid, "
+          "transport_type (a MediaDeviceTransportType), input_streams (1), output_streams (0), "
+          "is_running, hog_mode_pid (-1) and consumers.");
   BindCommon<SimulatedVideoHardwareService>(video);
 
   module.def(

@@ -197,3 +197,13 @@ def test_the_library_log_reaches_the_log_handler(services, make_controller, log_
     controller = make_controller()
     next(iter(controller.events(timeout=10)))
     assert "Audio Error (unknown error): Model UID for device with ID 100 is nil" in log_lines
+
+
+def test_a_simulated_device_refuses_unknown_fields_and_transports_of_the_other_media_type(
+        services):
+    audio, video = services
+    with pytest.raises(TypeError, match="unexpected keyword argument 'colour'"):
+        audio.add_device(100, "Mic", "mic", colour="red")
+    with pytest.raises(ValueError, match="Video devices have no transport AirPlay"):
+        video.add_device(200, "Cam", "cam", transport_type=harkwell.MediaDeviceTransportType.AIRPLAY)
+    assert audio.device_ids == [] and video.device_ids == []
