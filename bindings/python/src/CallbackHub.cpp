@@ -32,6 +32,11 @@ void CallbackHub::removeStream(const EventStream& stream) {
   std::erase_if(streams_, [&](const auto& held) { return held.get() == &stream; });
 }
 
+std::size_t CallbackHub::streamCountForTesting() const {
+  MutexLock lock(streamsMutex_);
+  return streams_.size();
+}
+
 bool CallbackHub::needsConsumers() const {
   if (entry(Slot::DeviceConsumers).isSet.load()) return true;
   MutexLock lock(streamsMutex_);

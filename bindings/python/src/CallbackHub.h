@@ -31,6 +31,8 @@ class CallbackHub {
   // Any thread.
   void addStream(std::shared_ptr<EventStream> stream);
   void removeStream(const EventStream& stream);
+  // For tests: how many streams are open.
+  std::size_t streamCountForTesting() const;
   // Whether anyone listens for consumers: the consumers callable or a stream that asked.
   bool needsConsumers() const;
 

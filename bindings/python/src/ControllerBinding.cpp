@@ -118,6 +118,11 @@ class EventIterator {
     if (!owner_->observeDevices()) owner_->setObserveDevices(true);
   }
 
+  // An iteration dropped without close() stops collecting events.
+  ~EventIterator() { close(); }
+  EventIterator(const EventIterator&) = delete;
+  EventIterator& operator=(const EventIterator&) = delete;
+
   py::object next() {
     for (;;) {
       if (stream_->isClosed()) throw py::stop_iteration();
@@ -213,7 +218,10 @@ void BindController(py::module_& module) {
                ">";
       });
 
-  py::class_<EventIterator, std::shared_ptr<EventIterator>>(module, "EventIterator")
+  py::class_<EventIterator, std::shared_ptr<EventIterator>>(
+      module, "EventIterator",
+      "What controller.events() returns: DeviceEvent records (and ConsumersChanged ones when "
+      "asked for) until its timeout, the end of its scenario, or close().")
       .def("__iter__", [](const std::shared_ptr<EventIterator>& self) { return self; })
       .def("__next__", &EventIterator::next)
       .def("close", &EventIterator::close, "Ends the iteration; any thread may call it.")
@@ -222,7 +230,10 @@ void BindController(py::module_& module) {
       .def("__exit__", [](EventIterator& self, const py::args&) { self.close(); });
 
   py::class_<PythonController, std::shared_ptr<PythonController>> controller(
-      module, "MediaDeviceController");
+      module, "MediaDeviceController",
+      "Watches every audio and video device while observe_devices is True. Its handlers run on "
+      "device_event_handler_queue (the process-wide default queue unless one is given). While "
+      "observing it keeps itself alive, and goes on calling its handlers, after Python drops it.");
   controller
       .def(py::init([](std::shared_ptr<DispatchQueue> queue) {
              return std::make_shared<PythonController>(std::move(queue));
@@ -246,6 +257,9 @@ void BindController(py::module_& module) {
           "connected_supported_devices",
           &PythonController::devices<&MediaDeviceController::connectedSupportedDevices>)
       .def("consumers_of_device", &PythonController::consumersOfDevice, py::arg("device"))
+      .def_property_readonly(
+          "_open_event_streams_for_testing",
+          [](const PythonController& self) { return self.hub()->streamCountForTesting(); })
       .def(
           "events",
           [](const std::shared_ptr<PythonController>& self, std::optional<double> timeout,

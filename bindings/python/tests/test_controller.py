@@ -207,3 +207,16 @@ def test_a_simulated_device_refuses_unknown_fields_and_transports_of_the_other_m
     with pytest.raises(ValueError, match="Video devices have no transport AirPlay"):
         video.add_device(200, "Cam", "cam", transport_type=harkwell.MediaDeviceTransportType.AIRPLAY)
     assert audio.device_ids == [] and video.device_ids == []
+
+
+def test_an_iteration_dropped_without_close_stops_collecting_events(services, make_controller):
+    audio, _ = services
+    add_microphone(audio)
+    controller = make_controller()
+    for item in controller.events(timeout=10):
+        break
+    assert controller._open_event_streams_for_testing == 0
+    kept = controller.events(timeout=10)
+    assert controller._open_event_streams_for_testing == 1
+    del kept
+    assert controller._open_event_streams_for_testing == 0
