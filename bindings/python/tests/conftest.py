@@ -67,6 +67,11 @@ def make_controller():
         assert wait_until(lambda: drained), "a controller's queue did not drain"
 
 
+def event_summary(items):
+    """(event, device ID, running) of each DeviceEvent."""
+    return [(item.event, item.device.device_id, item.device.is_running) for item in items]
+
+
 def add_microphone(audio, device_id=100, name="USB Microphone", **fields):
     """A USB microphone with two input sources, the first selected."""
     settings = dict(model_uid="0d8c:0014", transport_type=harkwell.MediaDeviceTransportType.USB,

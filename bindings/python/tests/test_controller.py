@@ -8,13 +8,9 @@ import threading
 import pytest
 
 import harkwell
-from conftest import add_microphone, wait_until
+from conftest import add_microphone, event_summary, wait_until
 from harkwell import (ConsumersChanged, DeviceEvent, MediaDeviceConsumer, MediaDeviceConsumerKind,
                       MediaDeviceEvent, MediaDeviceHogMode, MediaType)
-
-
-def events_of(items):
-    return [(item.event, item.device.device_id, item.device.is_running) for item in items]
 
 
 def test_events_starts_observation_and_yields_the_initial_discovery_then_changes(
@@ -37,7 +33,7 @@ def test_events_starts_observation_and_yields_the_initial_discovery_then_changes
                 audio.remove_device(100)
             elif len(seen) == 5:
                 break
-    assert events_of(seen) == [
+    assert event_summary(seen) == [
         (MediaDeviceEvent.INITIAL_DISCOVERY, 100, False),
         (MediaDeviceEvent.INITIAL_DISCOVERY, 200, False),
         (MediaDeviceEvent.CHANGED_RUNNING, 100, True),

@@ -5,7 +5,7 @@ import json
 import pytest
 
 import harkwell
-from conftest import REPOSITORY, wait_until
+from conftest import REPOSITORY, event_summary, wait_until
 from harkwell import MediaDeviceEvent as E
 
 QUICK = {
@@ -31,16 +31,12 @@ def quick_scenario(tmp_path, log_lines):
     return harkwell.Scenario.load(str(path))
 
 
-def summary(items):
-    return [(item.event, item.device.device_id, item.device.is_running) for item in items]
-
-
 def test_a_scenario_plays_every_step_in_order_and_ends_the_iteration(quick_scenario,
                                                                      make_controller):
     controller = make_controller()
     events = controller.events(timeout=30, until=quick_scenario)
     quick_scenario.start(controller)
-    assert summary(events) == [
+    assert event_summary(events) == [
         (E.INITIAL_DISCOVERY, 100, False),
         (E.INITIAL_DISCOVERY, 200, False),
         (E.CHANGED_RUNNING, 100, True),
