@@ -122,7 +122,9 @@ def test_a_callback_can_close_an_iteration_and_switch_observation_off(services, 
 
     controller.device_event_handler = on_event
     add_microphone(audio)
-    assert list(events) == []
+    # The iteration may still hand out the event the callback was given (both hear of it), and
+    # ends there.
+    assert [item.device.device_id for item in events] in ([], [100])
     assert events.closed
     assert wait_until(lambda: not controller.observe_devices)
 
