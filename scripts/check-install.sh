@@ -5,7 +5,8 @@
 #     and that each installed header compiles on its own;
 #   - for the shared library, checks its soname and that internal symbols stay hidden;
 #   - builds examples/library against it twice, once with find_package and once with pkg-config,
-#     and runs each build on simulated devices (and the installed program once).
+#     and runs each build on simulated devices (and the installed program once);
+#   - imports the installed Python package, where the build has one, and reads an event with it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -84,6 +85,14 @@ check_headers "$work/static/prefix"
 echo "== static: the installed program"
 "$work/static/prefix/bin/harkwell" list --scenario "$source_dir/examples/scenario.json"
 check_example static
+# The Python package, where the build has it: importable from the prefix alone.
+package="$(find "$work/static/prefix" -path '*-packages/harkwell/__init__.py' -print -quit)"
+if [ -n "$package" ]; then
+  echo "== static: the installed Python package"
+  python="$(sed -n 's/^Python3_EXECUTABLE:[A-Z]*=//p' "$work/static/build/CMakeCache.txt")"
+  PYTHONPATH="$(dirname "$(dirname "$package")")" "$python" -c \
+    'import harkwell; audio, _ = harkwell.use_simulated_services(); audio.add_device(100, "Mic", "mic", model_uid="m"); print(next(iter(harkwell.MediaDeviceController().events(timeout=10))).event)'
+fi
 
 # check_bus_files <prefix>: `harkwell serve`'s interface description, user unit and activation
 # file, each naming the installed program.

@@ -11,6 +11,7 @@ packages=(
   python3 python3-jsonschema python3-gi gir1.2-glib-2.0 systemd libglib2.0-bin
   libpipewire-0.3-dev pipewire pipewire-bin pipewire-pulse wireplumber
   libcli11-dev nlohmann-json3-dev
+  python3 python3-dev pybind11-dev python3-pytest
   psmisc lsof procps bsdutils
   groff-base zsh fish
   clang-14 clang-format-14 libclang-rt-14-dev

@@ -5,6 +5,9 @@
 // below it. The library example the README quotes must be the file in examples/, and the
 // scenario the README shows must play to its end.
 //
+// Where the Python package is built, the README's `python3` finds the installed package through
+// PYTHONPATH.
+//
 // In a README block, "..." on a line of its own stands for any number of lines (build output, a
 // machine's own model identifier), times of day (12:34:56.789) match any time, and a last line
 // "[exit status N]" says the command ends with status N rather than 0.
@@ -151,6 +154,22 @@ class Readme : public ::testing::Test {
       wrapper << "#!/bin/sh\nexec '" << HARKWELL_CXX << "' " << HARKWELL_CXX_FLAGS << " \"$@\"\n";
     }
     fs::permissions(bin / "c++", fs::perms::owner_all);
+#ifdef HARKWELL_PYTHON_INSTALL_DIR
+    // The `python3` they reach is the interpreter the module was built for, with a sanitizer
+    // build's runtime preloaded (the interpreter itself is not built with it).
+    {
+      std::ofstream wrapper(bin / "python3");
+      wrapper << "#!/bin/sh\n";
+      if (std::string(HARKWELL_PYTHON_PRELOAD).empty()) {
+        wrapper << "exec '" << HARKWELL_PYTHON << "' \"$@\"\n";
+      } else {
+        wrapper << "LD_PRELOAD='" << HARKWELL_PYTHON_PRELOAD
+                << "' ASAN_OPTIONS=detect_leaks=0 PYTHONMALLOC=malloc exec '" << HARKWELL_PYTHON
+                << "' \"$@\"\n";
+      }
+    }
+    fs::permissions(bin / "python3", fs::perms::owner_all);
+#endif
 
     fs::path pkgconfig;
     for (const auto& entry : fs::recursive_directory_iterator(prefix)) {
@@ -171,6 +190,9 @@ class Readme : public ::testing::Test {
         {"CMAKE_PREFIX_PATH", prefix.string()},
         {"PKG_CONFIG_PATH", pkgconfig.string()},
     };
+#ifdef HARKWELL_PYTHON_INSTALL_DIR
+    (*environment_)["PYTHONPATH"] = (prefix / HARKWELL_PYTHON_INSTALL_DIR).string();
+#endif
   }
 
   static void TearDownTestSuite() {
@@ -223,15 +245,26 @@ TEST_F(Readme, EveryConsoleCommandEndsAndPrintsWhatTheReadmeShows) {
   }
 }
 
-TEST_F(Readme, TheLibraryExampleItQuotesIsTheExampleProgram) {
-  const std::string quoted = "<!-- examples/library/device_watch.cpp -->";
+// A block right after "<!-- path -->" quotes that file of the repository in full.
+TEST_F(Readme, EveryExampleItQuotesIsTheFileItNames) {
+  static const std::regex kQuoted(R"(<!-- (\S+) -->)");
   const auto blocks = ReadmeBlocks();
-  const auto block = std::find_if(blocks.begin(), blocks.end(),
-                                  [&](const Block& b) { return b.precededBy == quoted; });
-  ASSERT_NE(block, blocks.end()) << "no ```cpp block after " << quoted;
-  EXPECT_EQ(block->language, "cpp");
-  EXPECT_EQ(Joined(block->lines),
-            ReadFile(fs::path(HARKWELL_SOURCE_DIR) / "examples/library/device_watch.cpp"));
+  std::vector<std::string> quoted;
+  for (const auto& block : blocks) {
+    std::smatch path;
+    if (!std::regex_match(block.precededBy, path, kQuoted)) continue;
+    quoted.push_back(path[1]);
+    SCOPED_TRACE("README.md:" + std::to_string(block.firstLine) + ": " + quoted.back());
+    EXPECT_EQ(Joined(block.lines), ReadFile(fs::path(HARKWELL_SOURCE_DIR) / quoted.back()));
+  }
+  EXPECT_NE(std::find(quoted.begin(), quoted.end(), "examples/library/device_watch.cpp"),
+            quoted.end())
+      << "the README quotes the library example";
+#ifdef HARKWELL_PYTHON_INSTALL_DIR
+  EXPECT_NE(std::find(quoted.begin(), quoted.end(), "examples/python/watch_devices.py"),
+            quoted.end())
+      << "the README quotes the Python example";
+#endif
 }
 
 TEST_F(Readme, TheInstallHasTheManualPageAndTheCompletionsItMentions) {
