@@ -1,5 +1,6 @@
 // `harkwell watch [--json] [--duration SECONDS] [--follow]`: runs a MediaDeviceController and
-// prints its initial discovery and every later event as it arrives, until Ctrl-C (or SIGTERM), the
+// prints its initial discovery and every later event (and change of a device's consumers) as it
+// arrives, until Ctrl-C (or SIGTERM), the
 // end of the duration, stdout being closed, or (with a scenario and without --follow) the
 // scenario's last step. Observation is switched off before the program ends.
 //
@@ -43,13 +44,18 @@ int RunWatch(const Options& options, CommandContext& context) {
 
   WatchPrinter printer(options.json, context.painter, context.out);
   auto controller = MediaDeviceController::create(queue);
-  // Both callbacks run on `queue`; they only print, and ask the main loop to end when they cannot.
+  // The callbacks run on `queue`; they only print, and ask the main loop to end when they cannot.
   controller->setUpdatingDevicesHandler([&printer, &stop](bool finished) {
     if (!printer.printUpdating(finished)) stop.request();
   });
   controller->setDeviceEventHandler(
       [&printer, &stop](MediaDeviceEvent event, const MediaDevice& device) {
         if (!printer.printEvent(event, device)) stop.request();
+      });
+  controller->setDeviceConsumersHandler(
+      [&printer, &stop](const MediaDevice& device,
+                        const std::vector<MediaDeviceConsumer>& consumers) {
+        if (!printer.printConsumers(device, consumers)) stop.request();
       });
   if (signals->isValid() && isatty(STDERR_FILENO)) {
     context.err.writeLine("Watching devices; press Ctrl-C to stop.");
@@ -80,6 +86,7 @@ int RunWatch(const Options& options, CommandContext& context) {
   // the main run loop goes on serving the queue's hops to the main thread.
   controller->setUpdatingDevicesHandler(nullptr);
   controller->setDeviceEventHandler(nullptr);
+  controller->setDeviceConsumersHandler(nullptr);
   WaitForQueueServingMainLoop(*queue);
   ReleaseServices();
   return 0;
