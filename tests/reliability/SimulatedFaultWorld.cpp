@@ -231,16 +231,21 @@ std::string SimulatedFaultWorld::plug(ChoiceSource& choices, MediaType mediaType
   const bool replacing = std::find(listed.begin(), listed.end(), deviceID) != listed.end();
   if (replacing) removeDevice(mediaType, deviceID);
 
-  if (mediaType == MediaType::Audio) {
-    SimulatedAudioDevice device{.deviceID = deviceID,
-                                .name = name,
-                                .deviceUID = uid,
-                                .modelUID = modelUID,
-                                .transportType = Pick(choices, kAudioTransports),
-                                .inputStreamCount = incarnation.inputCount,
-                                .outputStreamCount = incarnation.outputCount,
-                                .isRunning = running};
+  // The fields both kinds of simulated device share, and sometimes a few consumers.
+  const auto common = [&](auto device, const auto& transports) {
+    device.deviceID = deviceID;
+    device.name = name;
+    device.deviceUID = uid;
+    device.modelUID = modelUID;
+    device.transportType = Pick(choices, transports);
+    device.inputStreamCount = incarnation.inputCount;
+    device.outputStreamCount = incarnation.outputCount;
+    device.isRunning = running;
     if (choices.chance(1, 2)) device.consumers = SomeConsumers(choices);
+    return device;
+  };
+  if (mediaType == MediaType::Audio) {
+    auto device = common(SimulatedAudioDevice{}, kAudioTransports);
     if (choices.chance(3, 4)) {
       device.selectedDataSource = choices.below(4);
       device.dataSourceNames = {{1, DeviceIncarnation::inputSourceName(1)},
@@ -249,16 +254,7 @@ std::string SimulatedFaultWorld::plug(ChoiceSource& choices, MediaType mediaType
     }
     audio_->addDevice(device);
   } else {
-    SimulatedVideoDevice device{.deviceID = deviceID,
-                                .name = name,
-                                .deviceUID = uid,
-                                .modelUID = modelUID,
-                                .transportType = Pick(choices, kVideoTransports),
-                                .inputStreamCount = incarnation.inputCount,
-                                .outputStreamCount = incarnation.outputCount,
-                                .isRunning = running};
-    if (choices.chance(1, 2)) device.consumers = SomeConsumers(choices);
-    video_->addDevice(device);
+    video_->addDevice(common(SimulatedVideoDevice{}, kVideoTransports));
   }
   return "plug in " + incarnation.name() + (replacing ? " replacing the device with its ID" : "") +
          (name ? "" : ", name unreadable") + (uid ? "" : ", UID unreadable");

@@ -39,9 +39,7 @@ Json ListedDeviceToJson(const MediaDevice& device,
 
 Json ConsumersLine(std::chrono::system_clock::time_point time, const MediaDevice& device,
                    const std::vector<MediaDeviceConsumer>& consumers) {
-  Json line = Json::object();
-  line["time"] = UtcTimestamp(time);
-  line["type"] = "consumers";
+  Json line = WatchLine(time, "consumers");
   line["device"] = DeviceToJson(device);
   line["consumers"] = ConsumersToJson(consumers);
   return line;
