@@ -18,6 +18,7 @@
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "HarkwellFoundation/Platform/SystemLog.h"
 #include "tests/reliability/ChoiceSource.h"
@@ -177,7 +178,8 @@ TEST(FaultInjectionTest, FailedAndGarbledConsumerReadsLeaveDeviceEventsAlone) {
     ASSERT_TRUE(testing::DrainQueueServingMainThread(following.queue));
   };
 
-  // Every consumer read of the camera fails; the microphone's consumers do not decode.
+  // Every consumer read of the camera fails; the microphone's consumers do not decode (too short,
+  // then a whole list with a byte too many).
   video->addFailure({.kind = SimulatedCallKind::GetPropertyData,
                      .selector = kAudioDevicePropertyConsumers,
                      .status = kAudioHardwareUnspecifiedError});
@@ -188,7 +190,9 @@ TEST(FaultInjectionTest, FailedAndGarbledConsumerReadsLeaveDeviceEventsAlone) {
 
   audio->setDeviceRunning(10, true);
   video->setDeviceConsumers(20, {recorder, recorder});
-  audio->setProperty(10, kConsumers, SimulatedPropertyValue::String("not consumers"));
+  auto trailing = EncodeDeviceConsumers({recorder});
+  trailing.push_back(0);
+  audio->setProperty(10, kConsumers, SimulatedPropertyValue::Bytes(std::move(trailing)));
   audio->setSelectedDataSource(10, 2);
   ASSERT_NO_FATAL_FAILURE(settle());
   // The second microphone's first consumer reads find it gone.
