@@ -70,9 +70,11 @@ void ClientViewChecker::onEvent(MediaDeviceEvent event, const MediaDevice& devic
       consumers_.erase(key);
       break;
   }
-  // A device plugged in under an ID still in the view is a new connection: its consumers start
-  // afresh.
-  if (event == MediaDeviceEvent::Connected || event == MediaDeviceEvent::InitialDiscovery) {
+  // A device the client did not know starts without consumers. A Connected for a device it
+  // already knows (a device list naming an ID twice gives one) goes on with the consumers the
+  // client was told of, as the controller goes on following them.
+  if (!known &&
+      (event == MediaDeviceEvent::Connected || event == MediaDeviceEvent::InitialDiscovery)) {
     consumers_.erase(key);
   }
   viewChanged_.notify_all();

@@ -121,7 +121,13 @@ TEST_F(ClientViewCheckerTest, ConsumersOfAKnownDeviceThatChangePass) {
   EXPECT_FALSE(checker_.firstViolation());
   EXPECT_EQ(checker_.consumerReportCount(), 3u);
   EXPECT_EQ(checker_.consumersView().at({MediaType::Audio, 7}), recorder);
-  // A new connection of the device starts its consumers afresh.
+  // A Connected for a device the client knows goes on with its consumers; a new connection after
+  // a Disconnected starts them afresh.
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    checker_.onConsumers(RecordOf(kMicrophone), {});
+  });
+  EXPECT_FALSE(checker_.firstViolation());
   onQueue([&] {
     checker_.onEvent(MediaDeviceEvent::Disconnected, Gone(RecordOf(kMicrophone)));
     checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
