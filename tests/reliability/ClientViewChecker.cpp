@@ -94,10 +94,14 @@ void ClientViewChecker::onConsumers(const MediaDevice& device,
     violate(where.str() + ": reported for a device the client does not know");
     return;
   }
-  if (!(known->second == device)) {
+  // The record is the controller's current one, which within one batch of events may already be
+  // a later read of the same device than the event the client has just been handed; it must
+  // still be that device.
+  if (known->second.deviceUID != device.deviceUID) {
     std::ostringstream last;
     last << known->second;
-    violate(where.str() + ": reported with a record other than the client's " + last.str());
+    violate(where.str() + ": reported with the record of another device than the client's " +
+            last.str());
   }
   const auto previous = consumers_.find(key);
   const auto& before =

@@ -6,7 +6,7 @@
 //   - every record it is handed passes the record check (by default: complete and whole, see
 //     DeviceIncarnation.h), and a Disconnected record is neither connected nor running;
 //   - when it follows consumers: a device's consumers are reported only while the client knows
-//     the device, with the record the client was last handed, and never the same list twice in a
+//     the device, with a record of that device (same UID), and never the same list twice in a
 //     row while the client knows the device (nor an empty list first).
 // It also keeps the client's view, the latest record of every device it was told of, so a test
 // can compare that view with the controller's caches once the queue is quiet.
