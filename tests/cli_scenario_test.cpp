@@ -8,7 +8,9 @@
 #include <fstream>
 
 #include "HarkwellFoundation/Audio/AudioDeviceProperties.h"
+#include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Video/VideoDeviceProperties.h"
 #include "tests/support/SimulatedServicesFixture.h"
 #include "tools/harkwell/JsonPositions.h"
@@ -358,6 +360,125 @@ TEST(JsonPositionsIndex, FindsValuesKeysAndArrayElements) {
   EXPECT_EQ(positions.valuePosition(Pointer("/a/2/zzz")), (TextPosition{2, 3}));
 }
 
+TEST(ScenarioParsing, ReadsConsumersOfEveryKindWithTheirFeeds) {
+  const auto scenario = ParseOrFail(R"({
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic", "consumers": [
+      {"processID": 4242, "isProcessIDVerified": true, "executablePath": "/usr/bin/arecord",
+       "processName": "arecord", "applicationName": "Recorder", "applicationID": "org.example.Rec",
+       "sandbox": "Flatpak", "sandboxApplicationID": "org.example.Rec", "kind": "Application"},
+      {"processID": 900, "kind": "LevelMeter"},
+      {"kind": "Monitor"},
+      {"processID": 17, "kind": "Filter", "applicationName": null,
+       "feeds": [{"processID": 4300, "applicationName": "Meeting"}]}]}],
+    "video": [{"deviceID": 8, "deviceUID": "cam", "name": "Cam", "consumers": [
+      {"processID": 1200, "processName": "pipewire", "kind": "MediaServer",
+       "feeds": [{"processID": 1300, "sandbox": "Snap", "sandboxApplicationID": "cheese"}]}]}]})");
+  ASSERT_EQ(scenario.audioDevices.size(), 1u);
+  const std::vector<MediaDeviceConsumer> microphone{
+      {.processID = 4242,
+       .isProcessIDVerified = true,
+       .executablePath = "/usr/bin/arecord",
+       .processName = "arecord",
+       .applicationName = "Recorder",
+       .applicationID = "org.example.Rec",
+       .sandbox = MediaDeviceConsumerSandbox::Flatpak,
+       .sandboxApplicationID = "org.example.Rec"},
+      {.processID = 900, .kind = MediaDeviceConsumerKind::LevelMeter},
+      {.kind = MediaDeviceConsumerKind::Monitor},
+      {.processID = 17,
+       .kind = MediaDeviceConsumerKind::Filter,
+       .feeds = {{.processID = 4300, .applicationName = "Meeting"}}}};
+  EXPECT_EQ(scenario.audioDevices[0].consumers, microphone);
+  ASSERT_EQ(scenario.videoDevices.size(), 1u);
+  const std::vector<MediaDeviceConsumer> camera{
+      {.processID = 1200,
+       .processName = "pipewire",
+       .kind = MediaDeviceConsumerKind::MediaServer,
+       .feeds = {{.processID = 1300,
+                  .sandbox = MediaDeviceConsumerSandbox::Snap,
+                  .sandboxApplicationID = "cheese"}}}};
+  EXPECT_EQ(scenario.videoDevices[0].consumers, camera);
+}
+
+TEST(ScenarioParsing, ASetConsumersStepGivesTheDevicesNewConsumers) {
+  const auto scenario = ParseOrFail(R"({
+    "video": [{"deviceID": 8, "deviceUID": "cam", "name": "Cam"}],
+    "steps": [{"at": 1, "action": "set-consumers", "device": "cam",
+               "consumers": [{"processID": 77, "applicationName": "Cheese"}]},
+              {"at": 2, "action": "set-consumers", "device": 8, "consumers": []}]})");
+  ASSERT_EQ(scenario.steps.size(), 2u);
+  EXPECT_EQ(scenario.steps[0].action, ScenarioAction::SetConsumers);
+  EXPECT_EQ(scenario.steps[0].mediaType, MediaType::Video);
+  EXPECT_EQ(scenario.steps[0].deviceID, 8u);
+  EXPECT_EQ(scenario.steps[0].consumers,
+            (std::vector<MediaDeviceConsumer>{{.processID = 77, .applicationName = "Cheese"}}));
+  EXPECT_TRUE(scenario.steps[1].consumers.empty());
+}
+
+// Each bad consumer is refused at the key or value at fault, as every other mistake is.
+TEST(ScenarioErrors, BadConsumersAreRefusedWithLineAndColumn) {
+  const auto consumersOf = [](const std::string& consumers) {
+    return ErrorOf(
+               "{\"audio\": [{\"deviceID\": 5, \"deviceUID\": \"m\", \"name\": \"M\",\n"
+               "  \"consumers\": " +
+               consumers + "}]}")
+        .text();
+  };
+  EXPECT_EQ(consumersOf("{}"), "test.json:2:16: \"consumers\" must be an array of consumers");
+  EXPECT_EQ(consumersOf("[7]"), "test.json:2:17: a consumer must be an object");
+  EXPECT_EQ(consumersOf("[{\"pid\": 7}]"), "test.json:2:18: unknown key \"pid\"");
+  EXPECT_EQ(consumersOf("[{\"processID\": 0}]"),
+            "test.json:2:31: \"processID\" must be a process ID (1 or more), or -1 when it is not "
+            "known");
+  EXPECT_EQ(consumersOf("[{\"processID\": \"7\"}]"),
+            "test.json:2:31: \"processID\" must be a whole number from -2147483648 to 2147483647");
+  EXPECT_EQ(consumersOf("[{\"isProcessIDVerified\": true}]"),
+            "test.json:2:41: only a known \"processID\" can be verified");
+  EXPECT_EQ(consumersOf("[{\"kind\": \"Recorder\"}]"),
+            "test.json:2:26: \"kind\" must be \"Application\", \"LevelMeter\", \"Monitor\", "
+            "\"Filter\" or \"MediaServer\"");
+  EXPECT_EQ(consumersOf("[{\"sandbox\": \"Docker\"}]"),
+            "test.json:2:29: \"sandbox\" must be \"None\", \"Flatpak\" or \"Snap\"");
+  EXPECT_EQ(
+      consumersOf("[{\"sandboxApplicationID\": \"x\"}]"),
+      "test.json:2:42: \"sandboxApplicationID\" needs a \"sandbox\" (\"Flatpak\" or \"Snap\")");
+  EXPECT_EQ(consumersOf("[{\"applicationName\": 3}]"),
+            "test.json:2:37: \"applicationName\" must be a string or null");
+  EXPECT_EQ(consumersOf("[{\"kind\": \"Monitor\", \"feeds\": []}]"),
+            "test.json:2:37: only a \"Filter\" or a \"MediaServer\" feeds other consumers");
+  EXPECT_EQ(consumersOf("[{\"kind\": \"Filter\", \"feeds\": [{\"kind\": \"Nope\"}]}]"),
+            "test.json:2:55: \"kind\" must be \"Application\", \"LevelMeter\", \"Monitor\", "
+            "\"Filter\" or \"MediaServer\"");
+}
+
+TEST(ScenarioErrors, ASetConsumersStepNeedsItsConsumers) {
+  const auto error = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+    "steps": [{"at": 1, "action": "set-consumers", "device": 5}]})");
+  EXPECT_EQ(error.text(), "test.json:2:15: missing key \"consumers\"");
+  const auto source = ErrorOf(R"({"audio": [{"deviceID": 5, "deviceUID": "m", "name": "M"}],
+    "steps": [{"at": 1, "action": "set-consumers", "device": 5, "consumers": [], "source": 1}]})");
+  EXPECT_EQ(source.text(), "test.json:2:82: unknown key \"source\"");
+}
+
+// The seam carries consumers fed through at most kMaxDeviceConsumerNesting filters; deeper chains
+// are refused where the first list too deep begins.
+TEST(ScenarioErrors, ConsumersFedThroughTooManyFiltersAreRefused) {
+  std::string chain = "{\"processID\": 1}";
+  for (int depth = 0; depth < kMaxDeviceConsumerNesting; ++depth) {
+    chain = "{\"kind\": \"Filter\", \"feeds\": [" + chain + "]}";
+  }
+  const std::string device = R"({"video": [{"deviceID": 5, "deviceUID": "c", "name": "C", )";
+  const auto deepest = ParseOrFail(device + "\"consumers\": [" + chain + "]}]}");
+  ASSERT_EQ(deepest.videoDevices.size(), 1u);
+  EXPECT_EQ(deepest.videoDevices[0].consumers.at(0).kind, MediaDeviceConsumerKind::Filter);
+
+  chain = "{\"kind\": \"Filter\", \"feeds\": [" + chain + "]}";
+  const auto error = ErrorOf(device + "\"consumers\": [" + chain + "]}]}");
+  EXPECT_EQ(error.message, "consumers may be fed through at most 8 filters or media servers");
+  ASSERT_TRUE(error.position.has_value());
+  EXPECT_EQ(error.position->line, 1);
+}
+
 class ScenarioTransportTest : public testing::SimulatedServicesTest {};
 
 TEST_F(ScenarioTransportTest, EveryTransportNameReadsBackAsItself) {
@@ -469,6 +590,38 @@ TEST_F(ScenarioPlayerTest, AStepAtTheLimitIsDueThatLongAfterTheStart) {
   EXPECT_EQ(player.applyDue(origin + 9'999'999s), 0u);
   EXPECT_EQ(player.applyDue(origin + 10'000'000s), 1u);
   EXPECT_EQ(value(*audio, 5, kRunning), 1u);
+}
+
+TEST_F(ScenarioPlayerTest, DevicesStartWithTheirConsumersAndAStepReplacesThem) {
+  ScenarioPlayer player(ParseOrFail(R"({
+    "audio": [{"deviceID": 5, "deviceUID": "mic", "name": "Mic",
+               "consumers": [{"processID": 10, "kind": "LevelMeter"}]}],
+    "steps": [
+      {"at": 1, "action": "set-consumers", "device": 5,
+       "consumers": [{"processID": 11, "applicationName": "Recorder"}]},
+      {"at": 2, "action": "plug", "mediaType": "Video",
+       "device": {"deviceID": 9, "deviceUID": "cam", "name": "Cam",
+                  "consumers": [{"processID": 12, "kind": "MediaServer"}]}},
+      {"at": 3, "action": "set-consumers", "device": "cam", "consumers": []}]})"),
+                        audio, video);
+  const auto consumersOf = [](MediaType mediaType, ObjectID deviceID) {
+    return MediaDeviceConsumersForDevice({.deviceID = deviceID, .mediaType = mediaType});
+  };
+  player.addStartingDevices();
+  EXPECT_EQ(consumersOf(MediaType::Audio, 5),
+            (std::vector<MediaDeviceConsumer>{
+                {.processID = 10, .kind = MediaDeviceConsumerKind::LevelMeter}}));
+  const auto origin = ScenarioPlayer::Clock::time_point{} + 100s;
+  player.start(origin);
+  EXPECT_EQ(player.applyDue(origin + 1s), 1u);
+  EXPECT_EQ(consumersOf(MediaType::Audio, 5),
+            (std::vector<MediaDeviceConsumer>{{.processID = 11, .applicationName = "Recorder"}}));
+  EXPECT_EQ(player.applyDue(origin + 2s), 1u);
+  EXPECT_EQ(consumersOf(MediaType::Video, 9),
+            (std::vector<MediaDeviceConsumer>{
+                {.processID = 12, .kind = MediaDeviceConsumerKind::MediaServer}}));
+  EXPECT_EQ(player.applyDue(origin + 3s), 1u);
+  EXPECT_EQ(consumersOf(MediaType::Video, 9), std::vector<MediaDeviceConsumer>{});
 }
 
 }  // namespace

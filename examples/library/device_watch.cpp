@@ -1,4 +1,5 @@
-// device-watch: prints every microphone, speaker and camera event until Ctrl-C or --duration.
+// device-watch: prints every microphone, speaker and camera event, and who uses each device,
+// until Ctrl-C or --duration.
 //   device-watch [--simulated] [--duration SECONDS]
 // --simulated watches one in-memory microphone instead of the computer's own devices.
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "HarkwellFoundation/HarkwellFoundation.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
@@ -22,6 +24,19 @@ extern "C" void Interrupt(int) {
 void Print(harkwell::MediaDeviceEvent event, const harkwell::MediaDevice& device) {
   std::cout << event << "  " << device.mediaType << " " << device.deviceID << "  " << device.name
             << (device.isRunning ? "  running" : "") << std::endl;
+}
+
+// Each consumer is a process: its name as it announced it (or as /proc gives it) and its ID.
+void PrintConsumers(const harkwell::MediaDevice& device,
+                    const std::vector<harkwell::MediaDeviceConsumer>& consumers) {
+  std::cout << "Consumers  " << device.mediaType << " " << device.deviceID << "  " << device.name
+            << "  used by";
+  if (consumers.empty()) std::cout << " nobody";
+  for (const auto& consumer : consumers) {
+    std::cout << "  " << consumer.applicationName.value_or(consumer.processName.value_or("?"))
+              << " (pid " << consumer.processID << ", " << consumer.kind << ")";
+  }
+  std::cout << std::endl;
 }
 
 }  // namespace
@@ -64,10 +79,24 @@ int main(int argc, char** argv) {
       [](harkwell::MediaDeviceEvent event, const harkwell::MediaDevice& device) {
         harkwell::DispatchQueue::main()->async([event, device] { Print(event, device); });
       });
+  // Optional: who uses each device, told whenever that changes (first right after the device's
+  // discovery when someone already does). Without this handler nothing about consumers is read.
+  controller->setDeviceConsumersHandler(
+      [](const harkwell::MediaDevice& device,
+         const std::vector<harkwell::MediaDeviceConsumer>& consumers) {
+        harkwell::DispatchQueue::main()->async(
+            [device, consumers] { PrintConsumers(device, consumers); });
+      });
   controller->setObserveDevices(true);
   if (microphones) {
-    // Queued behind the initial discovery: someone starts recording from the microphone.
-    queue->async([microphones] { microphones->setDeviceRunning(100, true); });
+    // Queued behind the initial discovery: a voice recorder starts recording from the microphone.
+    queue->async([microphones] {
+      microphones->setDeviceRunning(100, true);
+      microphones->setDeviceConsumers(100, {{.processID = 4242,
+                                             .isProcessIDVerified = true,
+                                             .processName = "arecord",
+                                             .applicationName = "Voice Recorder"}});
+    });
   }
 
   // 3. The main thread runs the main run loop: it delivers the main-queue work above and fires
@@ -78,10 +107,11 @@ int main(int argc, char** argv) {
   auto& mainLoop = harkwell::MainRunLoop::shared();
   mainLoop.runUntil([] { return gInterrupted != 0; }, duration);
 
-  // 4. Shut down: switch observation off, drop the callback, and keep the main loop running
+  // 4. Shut down: switch observation off, drop the callbacks, and keep the main loop running
   //    until the queue has finished what it had started.
   controller->setObserveDevices(false);
   controller->setDeviceEventHandler(nullptr);
+  controller->setDeviceConsumersHandler(nullptr);
   auto finished = std::make_shared<std::atomic<bool>>(false);
   queue->async([finished] {
     *finished = true;

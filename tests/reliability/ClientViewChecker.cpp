@@ -7,15 +7,22 @@ namespace harkwell::testing {
 ClientViewChecker::ClientViewChecker(std::shared_ptr<DispatchQueue> queue, RecordCheck recordCheck)
     : queue_(std::move(queue)), recordCheck_(std::move(recordCheck)) {}
 
-void ClientViewChecker::attach(MediaDeviceController& controller) {
+void ClientViewChecker::attach(MediaDeviceController& controller, bool followConsumers) {
   controller.setUpdatingDevicesHandler([this](bool finished) { onBracket(finished); });
   controller.setDeviceEventHandler(
       [this](MediaDeviceEvent event, const MediaDevice& device) { onEvent(event, device); });
+  if (followConsumers) {
+    controller.setDeviceConsumersHandler(
+        [this](const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers) {
+          onConsumers(device, consumers);
+        });
+  }
 }
 
 void ClientViewChecker::forgetDevices() {
   std::lock_guard lock(mutex_);
   view_.clear();
+  consumers_.clear();
 }
 
 void ClientViewChecker::violate(std::string text) {
@@ -60,9 +67,51 @@ void ClientViewChecker::onEvent(MediaDeviceEvent event, const MediaDevice& devic
         violate(where.str() + ": a disconnected record is still connected or running");
       }
       view_.erase(key);
+      consumers_.erase(key);
       break;
   }
+  // A device the client did not know starts without consumers. A Connected for a device it
+  // already knows (a device list naming an ID twice gives one) goes on with the consumers the
+  // client was told of, as the controller goes on following them.
+  if (!known &&
+      (event == MediaDeviceEvent::Connected || event == MediaDeviceEvent::InitialDiscovery)) {
+    consumers_.erase(key);
+  }
   viewChanged_.notify_all();
+}
+
+void ClientViewChecker::onConsumers(const MediaDevice& device,
+                                    const std::vector<MediaDeviceConsumer>& consumers) {
+  const bool onQueue = queue_->isCurrent();
+  const DeviceKey key{device.mediaType, device.deviceID};
+  std::lock_guard lock(mutex_);
+  ++consumerReports_;
+  std::ostringstream where;
+  where << "consumers of " << device;
+  if (!onQueue) violate(where.str() + ": ran off the event-handler queue");
+  const auto known = view_.find(key);
+  if (known == view_.end()) {
+    violate(where.str() + ": reported for a device the client does not know");
+    return;
+  }
+  // The record is the controller's current one, which within one batch of events may already be
+  // a later read of the same device than the event the client has just been handed; it must
+  // still be that device.
+  if (known->second.deviceUID != device.deviceUID) {
+    std::ostringstream last;
+    last << known->second;
+    violate(where.str() + ": reported with the record of another device than the client's " +
+            last.str());
+  }
+  const auto previous = consumers_.find(key);
+  const auto& before =
+      previous == consumers_.end() ? std::vector<MediaDeviceConsumer>{} : previous->second;
+  if (before == consumers) violate(where.str() + ": the same consumers reported again");
+  if (consumers.empty()) {
+    consumers_.erase(key);
+  } else {
+    consumers_[key] = consumers;
+  }
 }
 
 std::optional<std::string> ClientViewChecker::firstViolation() const {
@@ -78,6 +127,17 @@ std::array<std::uint64_t, 5> ClientViewChecker::eventCounts() const {
 std::uint64_t ClientViewChecker::eventCount(MediaDeviceEvent event) const {
   std::lock_guard lock(mutex_);
   return counts_[hashValue(event)];
+}
+
+std::uint64_t ClientViewChecker::consumerReportCount() const {
+  std::lock_guard lock(mutex_);
+  return consumerReports_;
+}
+
+std::map<ClientViewChecker::DeviceKey, std::vector<MediaDeviceConsumer>>
+ClientViewChecker::consumersView() const {
+  std::lock_guard lock(mutex_);
+  return consumers_;
 }
 
 bool ClientViewChecker::isInsideBracket() const {

@@ -4,7 +4,10 @@
 //   - a Disconnected device is one the client was told of (Connected or InitialDiscovery) and not
 //     told is gone since; ChangedRunning and ChangedInputSource come only for such devices;
 //   - every record it is handed passes the record check (by default: complete and whole, see
-//     DeviceIncarnation.h), and a Disconnected record is neither connected nor running.
+//     DeviceIncarnation.h), and a Disconnected record is neither connected nor running;
+//   - when it follows consumers: a device's consumers are reported only while the client knows
+//     the device, with a record of that device (same UID), and never the same list twice in a
+//     row while the client knows the device (nor an empty list first).
 // It also keeps the client's view, the latest record of every device it was told of, so a test
 // can compare that view with the controller's caches once the queue is quiet.
 //
@@ -23,6 +26,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "tests/reliability/DeviceIncarnation.h"
@@ -41,11 +45,13 @@ class ClientViewChecker {
   ClientViewChecker(const ClientViewChecker&) = delete;
   ClientViewChecker& operator=(const ClientViewChecker&) = delete;
 
-  // Installs the checker as the controller's two callbacks.
-  void attach(MediaDeviceController& controller);
-  // The two callbacks themselves, public so the checker's own tests can feed it directly.
+  // Installs the checker as the controller's two callbacks, and with `followConsumers` as its
+  // consumers handler too.
+  void attach(MediaDeviceController& controller, bool followConsumers = false);
+  // The callbacks themselves, public so the checker's own tests can feed it directly.
   void onBracket(bool finished);
   void onEvent(MediaDeviceEvent event, const MediaDevice& device);
+  void onConsumers(const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers);
   // Observation was switched off: the next initial discovery starts the client's view afresh.
   void forgetDevices();
 
@@ -54,6 +60,10 @@ class ClientViewChecker {
   // How many events of each kind arrived, by the event's ordinal.
   std::array<std::uint64_t, 5> eventCounts() const;
   std::uint64_t eventCount(MediaDeviceEvent event) const;
+  // How many consumer reports arrived.
+  std::uint64_t consumerReportCount() const;
+  // The consumers last reported for each device the client knows (none: nobody, or not reported).
+  std::map<DeviceKey, std::vector<MediaDeviceConsumer>> consumersView() const;
   bool isInsideBracket() const;
   std::map<DeviceKey, MediaDevice> view() const;
   // Waits until `predicate` holds for the client's view; false when the deadline passes first.
@@ -75,6 +85,9 @@ class ClientViewChecker {
   std::array<std::uint64_t, 5> counts_{};
   bool insideBracket_ = false;
   std::map<DeviceKey, MediaDevice> view_;
+  std::uint64_t consumerReports_ = 0;
+  // Only devices someone uses, as last reported; a device's entry ends with its connection.
+  std::map<DeviceKey, std::vector<MediaDeviceConsumer>> consumers_;
 };
 
 }  // namespace harkwell::testing

@@ -5,6 +5,7 @@
 
 #include "HarkwellFoundation/Model/MediaDeviceHogMode.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/MainRunLoop.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "tests/reliability/DeviceIncarnation.h"
@@ -52,6 +53,7 @@ constexpr std::uint32_t kSelectors[] = {
     kAudioDevicePropertyDataSource,
     kAudioDevicePropertyDataSourceNameForIDCFString,
     kAudioDevicePropertyHogMode,
+    kAudioDevicePropertyConsumers,
 };
 
 constexpr std::uint32_t kAudioTransports[] = {
@@ -75,6 +77,23 @@ const T& Pick(ChoiceSource& choices, const T (&options)[N]) {
 
 std::string_view Label(MediaType mediaType) {
   return mediaType == MediaType::Audio ? "audio" : "video";
+}
+
+// Up to three consumers of any kind; a filter or media server may feed one more.
+std::vector<MediaDeviceConsumer> SomeConsumers(ChoiceSource& choices) {
+  std::vector<MediaDeviceConsumer> consumers(choices.below(4));
+  for (auto& consumer : consumers) {
+    consumer.processID = static_cast<std::int32_t>(1 + choices.below(5));
+    consumer.isProcessIDVerified = choices.chance(1, 2);
+    if (choices.chance(1, 2)) consumer.processName = "p" + std::to_string(consumer.processID);
+    consumer.kind = static_cast<MediaDeviceConsumerKind>(choices.below(5));
+    if ((consumer.kind == MediaDeviceConsumerKind::Filter ||
+         consumer.kind == MediaDeviceConsumerKind::MediaServer) &&
+        choices.chance(1, 2)) {
+      consumer.feeds.push_back({.processID = 100});
+    }
+  }
+  return consumers;
 }
 
 std::string Describe(MediaType mediaType, ObjectID deviceID) {
@@ -109,7 +128,7 @@ SimulatedFaultWorld::SimulatedFaultWorld()
   MainRunLoop::shared().useManualClockForTesting();
 
   controller_ = MediaDeviceController::create(queue_);
-  checker_->attach(*controller_);
+  checker_->attach(*controller_, /*followConsumers=*/true);
   switchOn();
   if (!DrainQueueServingMainThread(queue_)) queueProblem_ = "the first discovery never finished";
 }
@@ -177,7 +196,8 @@ std::string SimulatedFaultWorld::change(std::uint32_t roll, ChoiceSource& choice
   // steps.
   if (roll < 18) return plug(choices, mediaType);
   if (roll < 30) return unplug(choices, mediaType);
-  if (roll < 44) return setRunning(choices, mediaType);
+  if (roll < 40) return setRunning(choices, mediaType);
+  if (roll < 44) return changeConsumers(choices, mediaType);
   if (roll < 52) return changeInputSource(choices);
   if (roll < 64) return injectFailure(choices, mediaType);
   if (roll < 68) return clearFailures();
@@ -211,15 +231,21 @@ std::string SimulatedFaultWorld::plug(ChoiceSource& choices, MediaType mediaType
   const bool replacing = std::find(listed.begin(), listed.end(), deviceID) != listed.end();
   if (replacing) removeDevice(mediaType, deviceID);
 
+  // The fields both kinds of simulated device share, and sometimes a few consumers.
+  const auto common = [&](auto device, const auto& transports) {
+    device.deviceID = deviceID;
+    device.name = name;
+    device.deviceUID = uid;
+    device.modelUID = modelUID;
+    device.transportType = Pick(choices, transports);
+    device.inputStreamCount = incarnation.inputCount;
+    device.outputStreamCount = incarnation.outputCount;
+    device.isRunning = running;
+    if (choices.chance(1, 2)) device.consumers = SomeConsumers(choices);
+    return device;
+  };
   if (mediaType == MediaType::Audio) {
-    SimulatedAudioDevice device{.deviceID = deviceID,
-                                .name = name,
-                                .deviceUID = uid,
-                                .modelUID = modelUID,
-                                .transportType = Pick(choices, kAudioTransports),
-                                .inputStreamCount = incarnation.inputCount,
-                                .outputStreamCount = incarnation.outputCount,
-                                .isRunning = running};
+    auto device = common(SimulatedAudioDevice{}, kAudioTransports);
     if (choices.chance(3, 4)) {
       device.selectedDataSource = choices.below(4);
       device.dataSourceNames = {{1, DeviceIncarnation::inputSourceName(1)},
@@ -228,14 +254,7 @@ std::string SimulatedFaultWorld::plug(ChoiceSource& choices, MediaType mediaType
     }
     audio_->addDevice(device);
   } else {
-    video_->addDevice(SimulatedVideoDevice{.deviceID = deviceID,
-                                           .name = name,
-                                           .deviceUID = uid,
-                                           .modelUID = modelUID,
-                                           .transportType = Pick(choices, kVideoTransports),
-                                           .inputStreamCount = incarnation.inputCount,
-                                           .outputStreamCount = incarnation.outputCount,
-                                           .isRunning = running});
+    video_->addDevice(common(SimulatedVideoDevice{}, kVideoTransports));
   }
   return "plug in " + incarnation.name() + (replacing ? " replacing the device with its ID" : "") +
          (name ? "" : ", name unreadable") + (uid ? "" : ", UID unreadable");
@@ -263,6 +282,22 @@ std::string SimulatedFaultWorld::setRunning(ChoiceSource& choices, MediaType med
     video_->setDeviceRunning(deviceID, running);
   }
   return (running ? "start " : "stop ") + Describe(mediaType, deviceID);
+}
+
+std::string SimulatedFaultWorld::changeConsumers(ChoiceSource& choices, MediaType mediaType) {
+  const auto listed = deviceList(mediaType);
+  if (listed.empty()) return "change consumers: no device";
+  const ObjectID deviceID = listed[choices.below(static_cast<std::uint32_t>(listed.size()))];
+  if (!graph(mediaType).hasObject(deviceID))
+    return "change consumers: " + Describe(mediaType, deviceID) + " is gone";
+  const auto consumers = SomeConsumers(choices);
+  if (mediaType == MediaType::Audio) {
+    audio_->setDeviceConsumers(deviceID, consumers);
+  } else {
+    video_->setDeviceConsumers(deviceID, consumers);
+  }
+  return "give " + Describe(mediaType, deviceID) + " " + std::to_string(consumers.size()) +
+         " consumers";
 }
 
 std::string SimulatedFaultWorld::changeInputSource(ChoiceSource& choices) {
@@ -378,6 +413,10 @@ std::string SimulatedFaultWorld::notifyWithoutChange(ChoiceSource& choices, Medi
         deviceID, {kAudioDevicePropertyDataSource, kAudioObjectPropertyScopeInput, 0});
     return "notify the input source of " + Describe(mediaType, deviceID) + " without a change";
   }
+  if (choices.chance(1, 3)) {
+    graph(mediaType).notifyPropertyChanged(deviceID, Global(kAudioDevicePropertyConsumers));
+    return "notify the consumers of " + Describe(mediaType, deviceID) + " without a change";
+  }
   graph(mediaType).notifyPropertyChanged(deviceID,
                                          Global(kAudioDevicePropertyDeviceIsRunningSomewhere));
   return "notify the running state of " + Describe(mediaType, deviceID) + " without a change";
@@ -391,7 +430,21 @@ std::string SimulatedFaultWorld::spoilProperty(ChoiceSource& choices, MediaType 
   if (!target.hasObject(deviceID))
     return "spoil a property: " + Describe(mediaType, deviceID) + " is gone";
   const std::string device = Describe(mediaType, deviceID);
-  switch (choices.below(5)) {
+  switch (choices.below(6)) {
+    case 5: {
+      // Consumers that do not decode: random bytes, or a whole encoding cut short.
+      std::vector<std::uint8_t> bytes;
+      if (choices.chance(1, 2)) {
+        bytes.resize(choices.below(40));
+        for (auto& byte : bytes) byte = static_cast<std::uint8_t>(choices.below(256));
+      } else {
+        bytes = EncodeDeviceConsumers(SomeConsumers(choices));
+        bytes.resize(bytes.size() - 1 - choices.below(static_cast<std::uint32_t>(bytes.size())));
+      }
+      target.setProperty(deviceID, Global(kAudioDevicePropertyConsumers),
+                         SimulatedPropertyValue::Bytes(std::move(bytes)));
+      return "garble the consumers of " + device;
+    }
     case 0: {
       // Fewer or more bytes than the four the running state takes.
       std::vector<std::uint8_t> bytes(choices.chance(1, 2) ? 1 + choices.below(3) : 8, 1);

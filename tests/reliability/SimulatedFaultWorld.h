@@ -1,13 +1,15 @@
 // A controller observing simulated audio and video services that misbehave on purpose. Each step
 // does one thing a platform can do, chosen by a ChoiceSource: plug a device in (sometimes under
 // an ID that was just in use, sometimes with a name or UID that cannot be read), unplug it, start
-// or stop it, switch its input source, make calls fail with any status ("!obj", "who?", "!siz",
-// "nope", ...), make a device vanish in the middle of the library's reads of it, scramble the
-// device list (duplicates, unknown IDs, odd sizes), notify without a change, let the polling timer
-// fire, toggle exclusive access, or switch observation off and on. After each step the world waits
-// until the controller's queue is quiet, and check() then tells whether anything a client relies
-// on broke (see ClientViewChecker.h): the cache holds only whole records, the client's view equals
-// the cache, and "!obj" was never logged.
+// or stop it, switch its input source, change who uses it, make calls fail with any status ("!obj",
+// "who?", "!siz", "nope", ...), make a device vanish in the middle of the library's reads of it,
+// scramble the device list (duplicates, unknown IDs, odd sizes), garble a device's consumers,
+// notify without a change, let the polling timer fire, toggle exclusive access, or switch
+// observation off and on. After each step the world waits until the controller's queue is quiet,
+// and check() then tells whether anything a client relies on broke (see ClientViewChecker.h): the
+// cache holds only whole records, the client's view equals the cache, consumers are reported only
+// for devices the client knows, and "!obj" was never logged. The client follows consumers, so their
+// reads (failed and garbled ones included) run beside every device event.
 //
 // The world installs its services, a log sink and the run loop's manual clock process-wide for its
 // lifetime, so only one may exist at a time. Main thread only (it serves the main run loop while it
@@ -64,6 +66,7 @@ class SimulatedFaultWorld {
   std::string unplug(ChoiceSource& choices, MediaType mediaType);
   std::string setRunning(ChoiceSource& choices, MediaType mediaType);
   std::string changeInputSource(ChoiceSource& choices);
+  std::string changeConsumers(ChoiceSource& choices, MediaType mediaType);
   std::string injectFailure(ChoiceSource& choices, MediaType mediaType);
   std::string clearFailures();
   std::string armVanish(ChoiceSource& choices);

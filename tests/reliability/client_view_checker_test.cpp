@@ -110,6 +110,75 @@ TEST_F(ClientViewCheckerTest, DisconnectedRecordStillRunningIsCaught) {
   EXPECT_TRUE(checker_.firstViolation());
 }
 
+TEST_F(ClientViewCheckerTest, ConsumersOfAKnownDeviceThatChangePass) {
+  const std::vector<MediaDeviceConsumer> recorder{{.processID = 7}};
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    checker_.onConsumers(RecordOf(kMicrophone), recorder);
+    checker_.onConsumers(RecordOf(kMicrophone), {});
+    checker_.onConsumers(RecordOf(kMicrophone), recorder);
+  });
+  EXPECT_FALSE(checker_.firstViolation());
+  EXPECT_EQ(checker_.consumerReportCount(), 3u);
+  EXPECT_EQ(checker_.consumersView().at({MediaType::Audio, 7}), recorder);
+  // A Connected for a device the client knows goes on with its consumers; a new connection after
+  // a Disconnected starts them afresh.
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    checker_.onConsumers(RecordOf(kMicrophone), {});
+  });
+  EXPECT_FALSE(checker_.firstViolation());
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Disconnected, Gone(RecordOf(kMicrophone)));
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    checker_.onConsumers(RecordOf(kMicrophone), recorder);
+  });
+  EXPECT_FALSE(checker_.firstViolation());
+}
+
+TEST_F(ClientViewCheckerTest, ConsumersOfAnUnknownDeviceAreCaught) {
+  onQueue([&] { checker_.onConsumers(RecordOf(kMicrophone), {{.processID = 7}}); });
+  ASSERT_TRUE(checker_.firstViolation());
+  EXPECT_NE(checker_.firstViolation()->find("does not know"), std::string::npos);
+}
+
+TEST_F(ClientViewCheckerTest, TheSameConsumersTwiceOrNobodyFirstAreCaught) {
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    checker_.onConsumers(RecordOf(kMicrophone), {{.processID = 7}});
+    checker_.onConsumers(RecordOf(kMicrophone), {{.processID = 7}});
+  });
+  ASSERT_TRUE(checker_.firstViolation());
+  EXPECT_NE(checker_.firstViolation()->find("reported again"), std::string::npos);
+  ClientViewChecker fresh(queue_);
+  onQueue([&] {
+    fresh.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    fresh.onConsumers(RecordOf(kMicrophone), {});
+  });
+  EXPECT_TRUE(fresh.firstViolation());
+}
+
+TEST_F(ClientViewCheckerTest, ConsumersWithTheRecordOfAnotherDeviceAreCaught) {
+  const DeviceIncarnation next{.mediaType = MediaType::Audio, .deviceID = 7, .generation = 4};
+  onQueue([&] {
+    checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone));
+    MediaDevice running = RecordOf(kMicrophone);
+    running.isRunning = true;
+    checker_.onConsumers(running, {{.processID = 7}});
+  });
+  EXPECT_FALSE(checker_.firstViolation()) << "a later read of the same device is fine";
+  onQueue([&] { checker_.onConsumers(RecordOf(next), {{.processID = 8}}); });
+  ASSERT_TRUE(checker_.firstViolation());
+  EXPECT_NE(checker_.firstViolation()->find("another device"), std::string::npos);
+}
+
+TEST_F(ClientViewCheckerTest, ConsumersOffTheQueueAreCaught) {
+  onQueue([&] { checker_.onEvent(MediaDeviceEvent::Connected, RecordOf(kMicrophone)); });
+  checker_.onConsumers(RecordOf(kMicrophone), {{.processID = 7}});
+  ASSERT_TRUE(checker_.firstViolation());
+  EXPECT_NE(checker_.firstViolation()->find("off the event-handler queue"), std::string::npos);
+}
+
 TEST(CachedRecordProblemTest, AWholeRecordHasNoProblem) {
   EXPECT_FALSE(testing::CachedRecordProblem(RecordOf(kMicrophone)));
 }

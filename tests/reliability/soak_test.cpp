@@ -1,6 +1,7 @@
 // Long runs through MediaDeviceController on the simulated services: devices are plugged in,
-// started, switched to another input source, stopped and unplugged again and again, and every
-// cycle must give the client exactly the same events while memory stays flat and nothing leaks.
+// started (and used by a recorder, or a media server for its client), switched to another input
+// source, stopped and unplugged again and again, and every cycle must give the client exactly the
+// same events and consumer reports while memory stays flat and nothing leaks.
 //
 // The default length suits CI in every build; HARKWELL_SOAK_CYCLES=100000 runs the full soak.
 #include <gtest/gtest.h>
@@ -61,6 +62,27 @@ SimulatedVideoDevice VideoDeviceFor(const DeviceIncarnation& incarnation) {
                               .transportType = kVideoTransportTypeUSB,
                               .inputStreamCount = incarnation.inputCount,
                               .outputStreamCount = incarnation.outputCount};
+}
+
+// Who uses a started device: a recorder on the microphone, a media server serving a sandboxed
+// application on the camera.
+std::vector<MediaDeviceConsumer> ConsumersWhileRunning(const DeviceIncarnation& incarnation) {
+  const auto pid = static_cast<std::int32_t>(1000 + incarnation.generation);
+  if (incarnation.mediaType == MediaType::Audio) {
+    return {{.processID = pid,
+             .isProcessIDVerified = true,
+             .executablePath = "/usr/bin/parecord",
+             .processName = "parecord",
+             .applicationName = incarnation.name()}};
+  }
+  return {{.processID = pid,
+           .isProcessIDVerified = true,
+           .processName = "pipewire",
+           .kind = MediaDeviceConsumerKind::MediaServer,
+           .feeds = {{.processID = pid + 1,
+                      .applicationName = incarnation.name(),
+                      .sandbox = MediaDeviceConsumerSandbox::Flatpak,
+                      .sandboxApplicationID = "org.example.Soak"}}}};
 }
 
 // The record the client must be handed for a freshly plugged device.
@@ -128,7 +150,7 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
 
   ClientViewChecker checker(queue_);
   auto controller = MediaDeviceController::create(queue_);
-  checker.attach(*controller);
+  checker.attach(*controller, /*followConsumers=*/true);
   controller->setObserveDevices(true);
   settle(checker, "initial discovery", 0);
   ASSERT_EQ(checker.eventCount(MediaDeviceEvent::InitialDiscovery), 2u);
@@ -137,6 +159,7 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
   auto expect = [&](MediaDeviceEvent event, std::uint64_t count) {
     expected[hashValue(event)] += count;
   };
+  std::uint64_t expectedConsumerReports = 0;
   std::size_t heapAfterWarmUp = 0;
 
   for (std::uint64_t cycle = 1; cycle <= cycles; ++cycle) {
@@ -166,10 +189,17 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
 
     audio_->setDeviceRunning(microphone.deviceID, true);
     video_->setDeviceRunning(camera.deviceID, true);
+    audio_->setDeviceConsumers(microphone.deviceID, ConsumersWhileRunning(microphone));
+    video_->setDeviceConsumers(camera.deviceID, ConsumersWhileRunning(camera));
     expect(MediaDeviceEvent::ChangedRunning, 2);
+    expectedConsumerReports += 2;
     ASSERT_NO_FATAL_FAILURE(settle(checker, "starting", cycle));
     microphoneRecord.isRunning = true;
     cameraRecord.isRunning = true;
+    ASSERT_EQ(checker.consumersView(),
+              (std::map<ClientViewChecker::DeviceKey, std::vector<MediaDeviceConsumer>>{
+                  {{MediaType::Audio, microphone.deviceID}, ConsumersWhileRunning(microphone)},
+                  {{MediaType::Video, camera.deviceID}, ConsumersWhileRunning(camera)}}));
 
     audio_->setSelectedDataSource(microphone.deviceID, 2);
     expect(MediaDeviceEvent::ChangedInputSource, 1);
@@ -180,8 +210,12 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
 
     audio_->setDeviceRunning(microphone.deviceID, false);
     video_->setDeviceRunning(camera.deviceID, false);
+    audio_->setDeviceConsumers(microphone.deviceID, {});
+    video_->setDeviceConsumers(camera.deviceID, {});
     expect(MediaDeviceEvent::ChangedRunning, 2);
+    expectedConsumerReports += 2;
     ASSERT_NO_FATAL_FAILURE(settle(checker, "stopping", cycle));
+    ASSERT_TRUE(checker.consumersView().empty());
 
     audio_->removeDevice(microphone.deviceID);
     video_->removeDevice(camera.deviceID);
@@ -198,6 +232,7 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
     }
 
     ASSERT_EQ(checker.eventCounts(), expected) << "events by kind after cycle " << cycle;
+    ASSERT_EQ(checker.consumerReportCount(), expectedConsumerReports) << "after cycle " << cycle;
     ASSERT_FALSE(checker.isInsideBracket());
     auto difference = checker.differenceFromCaches(*controller);
     ASSERT_FALSE(difference) << "after cycle " << cycle << ": " << *difference;
@@ -212,9 +247,10 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
       << "heap grew from " << heapAfterWarmUp << " to " << heapAtEnd << " bytes";
   EXPECT_EQ(logLines_.load(), 0u) << "no platform call failed, so nothing may be logged";
   // Left: each service's device-list listener, and the built-in devices' property listeners
-  // (running state and input source for the microphone, running state for the camera).
-  EXPECT_EQ(audio_->listenerCount(), 3u);
-  EXPECT_EQ(video_->listenerCount(), 2u);
+  // (running state, input source and consumers for the microphone, running state and consumers
+  // for the camera).
+  EXPECT_EQ(audio_->listenerCount(), 4u);
+  EXPECT_EQ(video_->listenerCount(), 3u);
 
   controller->setObserveDevices(false);
   ASSERT_TRUE(DrainQueueServingMainThread(queue_));
@@ -225,14 +261,16 @@ TEST_F(SoakTest, PlugRunChangeUnplugCyclesKeepEventsExactAndMemoryFlat) {
 
 TEST_F(SoakTest, ControllerAndObserversLeaveNothingBehindAfterManyStarts) {
   const DeviceIncarnation microphone{.mediaType = MediaType::Audio, .deviceID = 5};
-  audio_->addDevice(AudioDeviceFor(microphone, kAudioDeviceTransportTypeBluetooth));
+  auto bluetoothMicrophone = AudioDeviceFor(microphone, kAudioDeviceTransportTypeBluetooth);
+  bluetoothMicrophone.consumers = ConsumersWhileRunning(microphone);
+  audio_->addDevice(bluetoothMicrophone);
   const std::uint64_t starts =
       testing::RunLengthFromEnvironment("HARKWELL_SOAK_CYCLES", kDefaultCycles) / 10;
   {
     ClientViewChecker checker(queue_);
     for (std::uint64_t start = 0; start < starts; ++start) {
       auto controller = MediaDeviceController::create(queue_);
-      checker.attach(*controller);
+      checker.attach(*controller, /*followConsumers=*/true);
       controller->setObserveDevices(true);
       ASSERT_NO_FATAL_FAILURE(settle(checker, "switching on", start));
       controller->setObserveDevices(false);
@@ -240,6 +278,7 @@ TEST_F(SoakTest, ControllerAndObserversLeaveNothingBehindAfterManyStarts) {
       checker.forgetDevices();
     }
     EXPECT_EQ(checker.eventCount(MediaDeviceEvent::InitialDiscovery), starts);
+    EXPECT_EQ(checker.consumerReportCount(), starts) << "one report after each discovery";
   }
   ASSERT_TRUE(DrainQueueServingMainThread(queue_));
   EXPECT_EQ(audio_->listenerCount(), 0u);

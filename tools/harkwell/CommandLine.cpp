@@ -231,13 +231,16 @@ struct Definition {
         "Also show the library's notes on expected conditions (a device without a model UID)";
     app.add_flag("-v,--verbose", options.verbose, verboseHelp);
 
-    list = app.add_subcommand("list", "Print the connected devices, audio then video");
-    list->add_flag("--json", options.json, "Print one JSON array of device objects");
+    list = app.add_subcommand("list",
+                              "Print the connected devices, audio then video, and who uses each");
+    list->add_flag("--json", options.json,
+                   "Print one JSON array of device objects (with their consumers)");
     list->add_flag("-v,--verbose", options.verbose, verboseHelp);
     AddServiceOptions(*list, raw[Command::List]);
 
     watch = app.add_subcommand(
-        "watch", "Print the devices found at start and every change until interrupted");
+        "watch",
+        "Print the devices found at start and every change (who uses them too) until interrupted");
     jsonWatchOption = watch->add_flag("--json", options.json, "Print one JSON object per line");
     formatOption =
         watch

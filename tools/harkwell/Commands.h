@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Model/MediaDevice.h"
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "tools/harkwell/Colour.h"
 #include "tools/harkwell/CommandLine.h"
 #include "tools/harkwell/LineWriter.h"
@@ -34,6 +35,10 @@ int RunServe(const Options& options, CommandContext& context);
 // The devices connected right now, audio then video, as a controller reports them once its initial
 // discovery has run. Uses the installed services.
 std::vector<MediaDevice> ConnectedDevicesNow();
+// Who uses each of `devices` now, by position; an empty list for a device nobody uses or whose
+// service cannot tell. Uses the installed services.
+std::vector<std::vector<MediaDeviceConsumer>> ConsumersOfDevicesNow(
+    const std::vector<MediaDevice>& devices);
 
 // For the commands that look once: false, after one line on `err`, when a device source did not
 // answer; otherwise passes the services' start-up lines on to the log and returns true.

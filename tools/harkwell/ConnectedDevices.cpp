@@ -1,4 +1,5 @@
-// A one-off look at the connected devices, for the commands that do not watch.
+// A one-off look at the connected devices (and who uses them), for the commands that do not watch.
+#include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Controller/MediaDeviceController.h"
 #include "HarkwellFoundation/Platform/HardwareService.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
@@ -19,6 +20,17 @@ std::vector<MediaDevice> ConnectedDevicesNow() {
   controller->setObserveDevices(false);
   WaitForQueueServingMainLoop(*queue);
   return devices;
+}
+
+std::vector<std::vector<MediaDeviceConsumer>> ConsumersOfDevicesNow(
+    const std::vector<MediaDevice>& devices) {
+  std::vector<std::vector<MediaDeviceConsumer>> consumers;
+  consumers.reserve(devices.size());
+  for (const auto& device : devices) {
+    consumers.push_back(
+        MediaDeviceConsumersForDevice(device).value_or(std::vector<MediaDeviceConsumer>{}));
+  }
+  return consumers;
 }
 
 bool AllSourcesAnswered(const InstalledServices& services, LineWriter& err) {

@@ -64,19 +64,22 @@ std::string UtcTimestamp(std::chrono::system_clock::time_point time) {
   return buffer;
 }
 
-Json UpdatingLine(std::chrono::system_clock::time_point time, bool finished) {
+Json WatchLine(std::chrono::system_clock::time_point time, std::string_view type) {
   Json line = Json::object();
   line["time"] = UtcTimestamp(time);
-  line["type"] = "updating";
+  line["type"] = type;
+  return line;
+}
+
+Json UpdatingLine(std::chrono::system_clock::time_point time, bool finished) {
+  Json line = WatchLine(time, "updating");
   line["finished"] = finished;
   return line;
 }
 
 Json EventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
                const MediaDevice& device) {
-  Json line = Json::object();
-  line["time"] = UtcTimestamp(time);
-  line["type"] = "event";
+  Json line = WatchLine(time, "event");
   line["event"] = caseName(event);
   line["device"] = DeviceToJson(device);
   return line;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 #include "HarkwellFoundation/Model/MediaDevice.h"
 #include "HarkwellFoundation/Model/MediaDeviceHogMode.h"
@@ -21,6 +22,8 @@ Json DeviceToJson(const MediaDevice& device);
 // "2026-11-22T01:52:20.123456Z": UTC, microseconds, as the watch lines carry it.
 std::string UtcTimestamp(std::chrono::system_clock::time_point time);
 
+// {"time": ..., "type": type}: how every `watch --json` line starts.
+Json WatchLine(std::chrono::system_clock::time_point time, std::string_view type);
 // {"time": ..., "type": "updating", "finished": false}
 Json UpdatingLine(std::chrono::system_clock::time_point time, bool finished);
 // {"time": ..., "type": "event", "event": "ChangedRunning", "device": {...}}

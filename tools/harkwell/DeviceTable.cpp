@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "tools/harkwell/ConsumerText.h"
 #include "tools/harkwell/TerminalText.h"
 
 namespace harkwell::cli {
@@ -61,7 +62,8 @@ void SortForDisplay(std::vector<MediaDevice>& devices) {
 }
 
 std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Painter& painter,
-                              bool withLegend) {
+                              bool withLegend,
+                              const std::vector<std::vector<MediaDeviceConsumer>>& consumers) {
   if (devices.empty()) return {};
 
   std::vector<Row> rows;
@@ -89,6 +91,9 @@ std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Pai
     return line + "\n";
   };
 
+  // Consumer lines start under the TYPE column, beside the device's ID.
+  const auto consumerLines = ConsumerTableLines(consumers, widths[0] + 2 + widths[kIDColumn] + 2);
+
   Row header;
   std::copy(kHeader.begin(), kHeader.end(), header.begin());
   std::string table = renderLine(header, [&](std::size_t, const std::string& cell) {
@@ -105,6 +110,7 @@ std::string RenderDeviceTable(const std::vector<MediaDevice>& devices, const Pai
       }
       return cell;
     });
+    if (i < consumerLines.size()) table += consumerLines[i];
   }
   const bool anyRunning = std::any_of(devices.begin(), devices.end(),
                                       [](const MediaDevice& device) { return device.isRunning; });

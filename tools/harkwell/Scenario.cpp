@@ -14,6 +14,7 @@
 
 #include "HarkwellFoundation/Backend/internal/TransportCodes.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/internal/UTF8.h"
 #include "tools/harkwell/Seconds.h"
 #include "tools/harkwell/TerminalText.h"
@@ -24,7 +25,8 @@ namespace {
 using nlohmann::json;
 using Pointer = json::json_pointer;
 
-constexpr std::string_view kActionNames[] = {"plug", "unplug", "run", "stop", "select-source"};
+constexpr std::string_view kActionNames[] = {"plug", "unplug",        "run",
+                                             "stop", "select-source", "set-consumers"};
 
 std::optional<ScenarioAction> ActionNamed(std::string_view name) {
   for (std::size_t i = 0; i < std::size(kActionNames); ++i) {
@@ -68,6 +70,7 @@ struct DeviceFields {
   std::int32_t hogModePID = -1;
   std::optional<std::uint32_t> selectedInputSource;
   std::map<std::uint32_t, std::optional<std::string>> inputSources;
+  std::vector<MediaDeviceConsumer> consumers;
 };
 
 // What the parser knows about a device that is connected at some point of the timeline.
@@ -289,6 +292,84 @@ class ScenarioParser {
     return true;
   }
 
+  // "consumers": who uses a device, each with what a hardware service could tell of it. `depth`
+  // counts the filters or media servers above the list; the seam carries at most
+  // kMaxDeviceConsumerNesting of them.
+  bool readConsumers(const json& list, const Pointer& at, std::string_view key, int depth,
+                     std::vector<MediaDeviceConsumer>& out) {
+    if (!list.is_array()) return fail(at, Quoted(key) + " must be an array of consumers");
+    if (depth > kMaxDeviceConsumerNesting && !list.empty()) {
+      return fail(at, "consumers may be fed through at most " +
+                          std::to_string(kMaxDeviceConsumerNesting) + " filters or media servers");
+    }
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      MediaDeviceConsumer consumer;
+      if (!readConsumer(list[i], at / i, depth, consumer)) return false;
+      out.push_back(std::move(consumer));
+    }
+    return true;
+  }
+
+  template <class Enumeration>
+  bool readCaseName(const json& object, const Pointer& at, const std::string& key,
+                    Enumeration& out) {
+    if (!object.contains(key)) return true;
+    const json& value = object.at(key);
+    const auto found =
+        value.is_string() ? caseFromName<Enumeration>(value.get<std::string>()) : std::nullopt;
+    if (!found) {
+      std::string names;
+      const auto& all = detail::CaseNames<Enumeration>::names;
+      for (std::size_t i = 0; i < all.size(); ++i) {
+        names += (i == 0 ? "" : i + 1 == all.size() ? " or " : ", ") + Quoted(all[i]);
+      }
+      return fail(at / key, Quoted(key) + " must be " + names);
+    }
+    out = *found;
+    return true;
+  }
+
+  bool readConsumer(const json& object, const Pointer& at, int depth,
+                    MediaDeviceConsumer& consumer) {
+    if (!requireObject(object, at, "a consumer")) return false;
+    if (!checkKeys(
+            object, at,
+            {"processID", "isProcessIDVerified", "executablePath", "processName", "applicationName",
+             "applicationID", "sandbox", "sandboxApplicationID", "kind", "feeds"})) {
+      return false;
+    }
+    if (!readOptionalInteger(object, at, "processID", consumer.processID)) return false;
+    if (consumer.processID == 0 || consumer.processID < -1) {
+      return fail(at / "processID",
+                  "\"processID\" must be a process ID (1 or more), or -1 when it is not known");
+    }
+    if (!readOptionalBool(object, at, "isProcessIDVerified", consumer.isProcessIDVerified))
+      return false;
+    if (consumer.isProcessIDVerified && consumer.processID == -1) {
+      return fail(at / "isProcessIDVerified", "only a known \"processID\" can be verified");
+    }
+    if (!readOptionalText(object, at, "executablePath", consumer.executablePath) ||
+        !readOptionalText(object, at, "processName", consumer.processName) ||
+        !readOptionalText(object, at, "applicationName", consumer.applicationName) ||
+        !readOptionalText(object, at, "applicationID", consumer.applicationID) ||
+        !readCaseName(object, at, "sandbox", consumer.sandbox) ||
+        !readOptionalText(object, at, "sandboxApplicationID", consumer.sandboxApplicationID) ||
+        !readCaseName(object, at, "kind", consumer.kind)) {
+      return false;
+    }
+    if (consumer.sandboxApplicationID && consumer.sandbox == MediaDeviceConsumerSandbox::None) {
+      return fail(at / "sandboxApplicationID",
+                  "\"sandboxApplicationID\" needs a \"sandbox\" (\"Flatpak\" or \"Snap\")");
+    }
+    if (!object.contains("feeds")) return true;
+    if (consumer.kind != MediaDeviceConsumerKind::Filter &&
+        consumer.kind != MediaDeviceConsumerKind::MediaServer) {
+      return fail(at / "feeds", "only a \"Filter\" or a \"MediaServer\" feeds other consumers",
+                  true);
+    }
+    return readConsumers(object.at("feeds"), at / "feeds", "feeds", depth + 1, consumer.feeds);
+  }
+
   bool readDeviceFields(const json& object, const Pointer& at, MediaType mediaType,
                         DeviceFields& fields) {
     if (!requireObject(object, at, "a device")) return false;
@@ -296,12 +377,13 @@ class ScenarioParser {
       if (!checkKeys(object, at,
                      {"deviceID", "deviceUID", "name", "modelUID", "transportType",
                       "inputChannelCount", "outputChannelCount", "isRunning", "hogModePID",
-                      "inputSources", "selectedInputSource"})) {
+                      "consumers", "inputSources", "selectedInputSource"})) {
         return false;
       }
     } else if (!checkKeys(object, at,
                           {"deviceID", "deviceUID", "name", "modelUID", "transportType",
-                           "inputChannelCount", "outputChannelCount", "isRunning", "hogModePID"})) {
+                           "inputChannelCount", "outputChannelCount", "isRunning", "hogModePID",
+                           "consumers"})) {
       return false;
     }
     if (!object.contains("deviceID")) return fail(at, "missing key \"deviceID\"");
@@ -318,6 +400,8 @@ class ScenarioParser {
            readOptionalInteger(object, at, "outputChannelCount", fields.outputStreamCount) &&
            readOptionalBool(object, at, "isRunning", fields.isRunning) &&
            readOptionalInteger(object, at, "hogModePID", fields.hogModePID) &&
+           (!object.contains("consumers") || readConsumers(object.at("consumers"), at / "consumers",
+                                                           "consumers", 0, fields.consumers)) &&
            (mediaType == MediaType::Video || readInputSources(object, at, fields));
   }
 
@@ -360,6 +444,7 @@ class ScenarioParser {
     device.outputStreamCount = fields.outputStreamCount;
     device.isRunning = fields.isRunning;
     device.hogModePID = fields.hogModePID;
+    device.consumers = fields.consumers;
     return device;
   }
 
@@ -442,7 +527,8 @@ class ScenarioParser {
     if (!action) {
       return fail(
           at / "action",
-          "\"action\" must be one of \"plug\", \"unplug\", \"run\", \"stop\", \"select-source\"");
+          "\"action\" must be one of \"plug\", \"unplug\", \"run\", \"stop\", \"select-source\", "
+          "\"set-consumers\"");
     }
     step.action = *action;
 
@@ -472,6 +558,8 @@ class ScenarioParser {
 
     if (step.action == ScenarioAction::SelectSource) {
       if (!checkKeys(value, at, {"at", "action", "device", "source"})) return false;
+    } else if (step.action == ScenarioAction::SetConsumers) {
+      if (!checkKeys(value, at, {"at", "action", "device", "consumers"})) return false;
     } else if (!checkKeys(value, at, {"at", "action", "device"})) {
       return false;
     }
@@ -497,6 +585,10 @@ class ScenarioParser {
                                          ListOfIDs(device.inputSourceIDs) + ")");
         }
         return true;
+      case ScenarioAction::SetConsumers:
+        if (!value.contains("consumers")) return fail(at, "missing key \"consumers\"");
+        return readConsumers(value.at("consumers"), at / "consumers", "consumers", 0,
+                             step.consumers);
       default:
         return true;
     }

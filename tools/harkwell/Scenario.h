@@ -1,5 +1,6 @@
 // A scenario: simulated devices that are present when the program starts, and timed steps that
-// plug, unplug, start, stop or switch the input source of a device while `harkwell watch` runs.
+// plug, unplug, start, stop, switch the input source of a device or change who uses it while
+// `harkwell watch` runs.
 // Written as JSON (the README documents the format; examples/scenario.json is one). Parsing checks
 // everything a step will need, so a scenario that loads plays without surprises.
 #pragma once
@@ -11,13 +12,14 @@
 #include <variant>
 #include <vector>
 
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Model/MediaEnumerations.h"
 #include "HarkwellFoundation/Platform/Simulated/SimulatedHardwareServices.h"
 #include "tools/harkwell/JsonPositions.h"
 
 namespace harkwell::cli {
 
-enum class ScenarioAction { Plug, Unplug, Run, Stop, SelectSource };
+enum class ScenarioAction { Plug, Unplug, Run, Stop, SelectSource, SetConsumers };
 
 struct ScenarioStep {
   double at = 0;  // seconds after the devices present at start have been reported
@@ -27,7 +29,8 @@ struct ScenarioStep {
   // Plug: the device that appears (the one matching mediaType).
   std::optional<SimulatedAudioDevice> audioDevice;
   std::optional<SimulatedVideoDevice> videoDevice;
-  std::uint32_t inputSource = 0;  // SelectSource: the source ID to select
+  std::uint32_t inputSource = 0;               // SelectSource: the source ID to select
+  std::vector<MediaDeviceConsumer> consumers;  // SetConsumers: who uses the device from now on
 };
 
 struct Scenario {

@@ -68,6 +68,13 @@ void ScenarioPlayer::apply(const ScenarioStep& step) {
     case ScenarioAction::SelectSource:
       if (audio) audio_->setSelectedDataSource(step.deviceID, step.inputSource);
       break;
+    case ScenarioAction::SetConsumers:
+      if (audio) {
+        audio_->setDeviceConsumers(step.deviceID, step.consumers);
+      } else {
+        video_->setDeviceConsumers(step.deviceID, step.consumers);
+      }
+      break;
   }
 }
 

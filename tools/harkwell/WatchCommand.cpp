@@ -1,8 +1,9 @@
 // `harkwell watch [--json | --format BAR [--min-visible SECONDS]] [--duration SECONDS] [--follow]`:
-// runs a MediaDeviceController and prints its initial discovery and every later event as it
-// arrives (or, with --format, a status-bar line each time what the bar shows changes), until Ctrl-C
-// (or SIGTERM), the end of the duration, stdout being closed, or (with a scenario and without
-// --follow) the scenario's last step. Observation is switched off before the program ends.
+// runs a MediaDeviceController and prints its initial discovery and every later event (and change
+// of a device's consumers) as it arrives (or, with --format, a status-bar line each time what the
+// bar shows changes), until Ctrl-C (or SIGTERM), the end of the duration, stdout being closed, or
+// (with a scenario and without --follow) the scenario's last step. Observation is switched off
+// before the program ends.
 //
 // The main thread never blocks on the controller's queue: that queue may wait for the main thread
 // to invalidate a polling timer, so every wait here keeps the main run loop served.
@@ -43,6 +44,11 @@ int RunWatch(const Options& options, CommandContext& context) {
     controller->setDeviceEventHandler(
         [&printer, &stop](MediaDeviceEvent event, const MediaDevice& device) {
           if (!printer.printEvent(event, device)) stop.request();
+        });
+    controller->setDeviceConsumersHandler(
+        [&printer, &stop](const MediaDevice& device,
+                          const std::vector<MediaDeviceConsumer>& consumers) {
+          if (!printer.printConsumers(device, consumers)) stop.request();
         });
   }
   if (session->handlesSignals() && isatty(STDERR_FILENO)) {

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "tools/harkwell/ConsumerJson.h"
+#include "tools/harkwell/ConsumerText.h"
 #include "tools/harkwell/DeviceJson.h"
 #include "tools/harkwell/DeviceTable.h"
 #include "tools/harkwell/TerminalText.h"
@@ -43,18 +45,16 @@ std::string Padded(std::string_view text, std::size_t width) {
   return out;
 }
 
-}  // namespace
-
-std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
-                           const MediaDevice& device, const Painter& painter) {
+// The columns an event line and a consumers line share.
+std::string DeviceLine(std::chrono::system_clock::time_point time, std::string_view label,
+                       Colour labelColour, const MediaDevice& device, const Painter& painter) {
   // Columns of fixed width first (the longest event name has 18 characters; IDs are right-aligned
   // in 5, as wide as they usually are), then the name and what only some devices have, so lines
   // printed minutes apart still line up.
   std::string id = std::to_string(device.deviceID);
   if (id.size() < 5) id.insert(0, 5 - id.size(), ' ');
-  std::string line = LocalClockText(time) + "  " +
-                     painter.paint(Padded(caseName(event), 18), EventColour(event)) + "  " +
-                     std::string(caseName(device.mediaType)) + " " + id + "  " +
+  std::string line = LocalClockText(time) + "  " + painter.paint(Padded(label, 18), labelColour) +
+                     "  " + std::string(caseName(device.mediaType)) + " " + id + "  " +
                      (device.isRunning ? painter.paint("running", Colour::Green) : "idle   ") +
                      "  " + EscapeForTerminal(device.name);
   if (device.inputSourceName) line += "  source: " + EscapeForTerminal(*device.inputSourceName);
@@ -62,6 +62,21 @@ std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDevi
     line += "  " + painter.paint("unsupported: " + SupportText(device), Colour::Dim);
   }
   return line;
+}
+
+}  // namespace
+
+std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
+                           const MediaDevice& device, const Painter& painter) {
+  return DeviceLine(time, caseName(event), EventColour(event), device, painter);
+}
+
+std::string HumanConsumersLine(std::chrono::system_clock::time_point time,
+                               const MediaDevice& device,
+                               const std::vector<MediaDeviceConsumer>& consumers,
+                               const Painter& painter) {
+  return DeviceLine(time, "Consumers", Colour::Bold, device, painter) + "  " +
+         ConsumersSummary(consumers);
 }
 
 std::string HumanUpdatingLine(std::chrono::system_clock::time_point time, bool finished,
@@ -80,6 +95,13 @@ bool WatchPrinter::printEvent(MediaDeviceEvent event, const MediaDevice& device)
   const auto now = clock_();
   return out_.writeLine(json_ ? DumpLine(EventLine(now, event, device))
                               : HumanEventLine(now, event, device, painter_));
+}
+
+bool WatchPrinter::printConsumers(const MediaDevice& device,
+                                  const std::vector<MediaDeviceConsumer>& consumers) {
+  const auto now = clock_();
+  return out_.writeLine(json_ ? DumpLine(ConsumersLine(now, device, consumers))
+                              : HumanConsumersLine(now, device, consumers, painter_));
 }
 
 }  // namespace harkwell::cli

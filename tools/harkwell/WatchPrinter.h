@@ -1,13 +1,16 @@
 // Turns what a MediaDeviceController reports into the lines `harkwell watch` prints: JSON objects
-// one per line with --json, otherwise a readable line per bracket and per event. The controller
+// one per line with --json, otherwise a readable line per bracket, per event and per change of a
+// device's consumers. The controller
 // calls it on its event-handler queue; the printer keeps no state besides its settings.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "HarkwellFoundation/Model/MediaDevice.h"
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "tools/harkwell/Colour.h"
 #include "tools/harkwell/LineWriter.h"
 
@@ -19,6 +22,12 @@ using WallClock = std::function<std::chrono::system_clock::time_point()>;
 // (local time). Device texts are escaped for the terminal.
 std::string HumanEventLine(std::chrono::system_clock::time_point time, MediaDeviceEvent event,
                            const MediaDevice& device, const Painter& painter);
+// "01:52:20.123  Consumers           Audio   100  running  USB Microphone  used by Recorder (pid
+// 7)" (see ConsumersSummary), in the columns of the event lines.
+std::string HumanConsumersLine(std::chrono::system_clock::time_point time,
+                               const MediaDevice& device,
+                               const std::vector<MediaDeviceConsumer>& consumers,
+                               const Painter& painter);
 // "01:52:20.123  updating devices" or "01:52:20.123  devices updated".
 std::string HumanUpdatingLine(std::chrono::system_clock::time_point time, bool finished,
                               const Painter& painter);
@@ -32,6 +41,7 @@ class WatchPrinter {
   // Each returns false when the output can no longer be written.
   bool printUpdating(bool finished);
   bool printEvent(MediaDeviceEvent event, const MediaDevice& device);
+  bool printConsumers(const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers);
 
  private:
   const bool json_;
