@@ -320,6 +320,34 @@ TEST_F(ControllerConsumersTest, StoppingObservationLetsGoOfEveryDevice) {
   EXPECT_EQ(video->listenerCount(20, kConsumersAddress), 0u);
 }
 
+TEST_F(ControllerConsumersTest, ADeviceWhoseListenerIsRefusedIsFollowedWhenItComesBack) {
+  audio->addFailure(SimulatedFailure{.kind = SimulatedCallKind::AddPropertyListener,
+                                     .selector = kAudioDevicePropertyConsumers,
+                                     .status = kAudioHardwareUnknownPropertyError,
+                                     .count = 1});
+  audio->addDevice({.deviceID = 10,
+                    .name = "mic",
+                    .deviceUID = "mic-uid",
+                    .consumers = {Recorder_(100, "parecord")}});
+  makeController(true);
+  controller_->setObserveDevices(true);
+  DrainQueue(queue_);
+  EXPECT_EQ(audio->listenerCount(10, kConsumersAddress), 0u);
+  EXPECT_EQ(timeline_.entries(), std::vector<std::string>{"InitialDiscovery mic"});
+  audio->removeDevice(10);
+  ASSERT_TRUE(timeline_.waitForCount(2));
+  audio->addDevice({.deviceID = 10,
+                    .name = "mic",
+                    .deviceUID = "mic-uid",
+                    .consumers = {Recorder_(100, "parecord")}});
+  ASSERT_TRUE(timeline_.waitForCount(4));
+  DrainQueue(queue_);
+  EXPECT_EQ(timeline_.entries(),
+            (std::vector<std::string>{"InitialDiscovery mic", "Disconnected mic", "Connected mic",
+                                      "consumers mic: 100"}));
+  EXPECT_EQ(audio->listenerCount(10, kConsumersAddress), 1u);
+}
+
 TEST_F(ControllerConsumersTest, TheQueryReadsTheServiceNow) {
   audio->addDevice({.deviceID = 10, .name = "mic", .deviceUID = "mic-uid"});
   makeController(false);

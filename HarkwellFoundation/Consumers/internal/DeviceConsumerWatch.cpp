@@ -38,14 +38,25 @@ void DeviceConsumerWatch::watch(MediaType mediaType, ObjectID deviceID) {
         if (const auto self = weakSelf.lock()) self->_refresh(key);
       });
   entry.block = PlatformListenerBlock::copy(std::move(closure));
+  bool alreadyWatched = false;
   {
     MutexLock lock(mutex_);
-    if (entries_.contains(key)) return;
-    entries_.emplace(key, entry);
+    alreadyWatched = !entries_.emplace(key, entry).second;
+  }
+  // A device announced again (its ID listed anew) is read again; it reports only a change.
+  if (alreadyWatched) {
+    _refresh(key);
+    return;
   }
   // The same block is handed back at removal, so services that match removals by block identity
-  // (Apple's) remove it too.
-  entry.service->addPropertyListenerBlock(deviceID, kConsumersAddress, queue_, entry.block);
+  // (Apple's) remove it too. A device whose listener cannot be added is not followed, and the
+  // next announcement of it tries again.
+  if (entry.service->addPropertyListenerBlock(deviceID, kConsumersAddress, queue_, entry.block) !=
+      kNoErr) {
+    MutexLock lock(mutex_);
+    entries_.erase(key);
+    return;
+  }
   _refresh(key);
 }
 

@@ -32,7 +32,8 @@ class DeviceConsumerWatch : public std::enable_shared_from_this<DeviceConsumerWa
   ~DeviceConsumerWatch();
 
   // Starts following one device through the service installed now for its media type and reports
-  // its consumers at once when there are any. Watching a watched device does nothing.
+  // its consumers at once when there are any. Watching a watched device reads it again and reports
+  // only a change; a device whose listener the service refuses is not followed.
   void watch(MediaType mediaType, ObjectID deviceID);
   void unwatch(MediaType mediaType, ObjectID deviceID);
   void unwatchAll();
