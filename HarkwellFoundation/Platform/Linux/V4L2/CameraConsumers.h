@@ -41,6 +41,13 @@ std::vector<MediaDeviceConsumer> CameraConsumers(const CameraDescription& camera
                                                  const std::string& procRoot,
                                                  const MediaServerClientsQuery& clientsQuery);
 
+// Asks `clientsQuery` again for the feeds of the media servers among `consumers` (when the
+// server's graph changed; the processes holding the camera are the same). Nothing is read from
+// /proc.
+void RefreshMediaServerFeeds(const CameraDescription& camera,
+                             std::vector<MediaDeviceConsumer>& consumers,
+                             const MediaServerClientsQuery& clientsQuery);
+
 // Whether a consumer with these details is a media server: by the last part of its executable's
 // path, else by its process name.
 bool IsMediaServerConsumer(const MediaDeviceConsumer& consumer);

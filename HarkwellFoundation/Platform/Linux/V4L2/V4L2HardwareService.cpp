@@ -190,7 +190,7 @@ void V4L2HardwareService::run() {
       } else if (streamCheckAt_ || graphChanged) {
         // Whatever is due is done now: a stream started since the last check shows at once.
         // A changed graph may also change whom a media server feeds.
-        if (graphChanged) updateConsumers();
+        if (graphChanged) updateMediaServerFeeds();
         checkStreams();
       }
       MutexLock lock(barrierMutex_);
@@ -386,6 +386,12 @@ void V4L2HardwareService::updateConsumers() {
   for (Camera& camera : cameras_) {
     camera.consumers = v4l2::CameraConsumers(camera.description, camera.holders, options_.procRoot,
                                              mediaServerClients_);
+  }
+}
+
+void V4L2HardwareService::updateMediaServerFeeds() {
+  for (Camera& camera : cameras_) {
+    v4l2::RefreshMediaServerFeeds(camera.description, camera.consumers, mediaServerClients_);
   }
 }
 

@@ -258,6 +258,8 @@ class V4L2HardwareService final : public VideoHardwareService {
   void mediaServerGraphChanged();
   // Turns each camera's holders into its consumers (reading their details from /proc).
   void updateConsumers();
+  // Asks the media servers' graph again whom they feed.
+  void updateMediaServerFeeds();
   void publish(const std::vector<bool>& running);
   void notify(const std::vector<PropertyChange>& changes);
   // Logs `line` for the problem named `problem`, unless that line was logged for it and the
