@@ -4,10 +4,12 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 
 #include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/Linux/StableDeviceID.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/CameraConsumers.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2HardwareService.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 #include "tests/support/ChildProcess.h"
@@ -241,6 +243,67 @@ TEST_F(V4L2ConsumersTest, ConsumersCostNothingWhileNoNodeIsHeld) {
   settle();
   EXPECT_EQ(service->processScanCount(), scans);
   EXPECT_FALSE(service->streamCheckScheduled());
+}
+
+// The consumers of one camera from a /proc laid out by the test: who counts as a media server, and
+// a holder that is gone by the time its details are read.
+class CameraConsumersTreeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(root_);
+    addProcess(300, "/usr/bin/pipewire (deleted)", "pipewire");
+    addProcess(200, "/usr/bin/cheese", "cheese");
+    addProcess(100, "/usr/bin/wireplumber", "wireplumber");
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  void addProcess(int pid, const std::string& executable, const std::string& comm) {
+    const fs::path folder = root_ / std::to_string(pid);
+    fs::create_directories(folder);
+    std::ofstream(folder / "status") << "Name:\t" << comm << "\nState:\tS (sleeping)\n";
+    std::ofstream(folder / "comm") << comm << "\n";
+    fs::create_symlink(executable, folder / "exe");
+  }
+
+  const fs::path root_ =
+      fs::temp_directory_path() / ("harkwell-camera-consumers-" + std::to_string(::getpid()));
+  const v4l2::CameraDescription camera_{.identity = "cam", .name = "Camera", .uid = "cam"};
+};
+
+TEST_F(CameraConsumersTreeTest, HoldersAreListedOnceInProcessOrderWithMediaServersMarked) {
+  const auto consumers = v4l2::CameraConsumers(camera_, {300, 200, 300, 100}, root_.string(), {});
+  ASSERT_EQ(consumers.size(), 3u);
+  EXPECT_EQ(consumers[0].processID, 100);
+  EXPECT_EQ(consumers[0].kind, MediaDeviceConsumerKind::MediaServer);
+  EXPECT_EQ(consumers[1].processID, 200);
+  EXPECT_EQ(consumers[1].kind, MediaDeviceConsumerKind::Application);
+  EXPECT_EQ(consumers[1].executablePath, "/usr/bin/cheese");
+  EXPECT_EQ(consumers[2].processID, 300);
+  EXPECT_EQ(consumers[2].kind, MediaDeviceConsumerKind::MediaServer);
+  EXPECT_EQ(consumers[2].executablePath, "/usr/bin/pipewire");
+  for (const auto& consumer : consumers) EXPECT_TRUE(consumer.isProcessIDVerified);
+}
+
+TEST_F(CameraConsumersTreeTest, AHolderThatExitedBeforeItsDetailsWereReadKeepsOnlyItsID) {
+  const auto consumers = v4l2::CameraConsumers(camera_, {200, 999}, root_.string(), {});
+  ASSERT_EQ(consumers.size(), 2u);
+  EXPECT_EQ(consumers[1], (MediaDeviceConsumer{.processID = 999, .isProcessIDVerified = true}));
+}
+
+TEST_F(CameraConsumersTreeTest, EveryServerFeedsWhatTheGraphNamesAndOnlyServersAskIt) {
+  int asked = 0;
+  const MediaDeviceConsumer client{.processID = 4242, .isProcessIDVerified = true};
+  const v4l2::MediaServerClientsQuery query = [&](const v4l2::CameraDescription&) {
+    ++asked;
+    return std::optional(std::vector{client});
+  };
+  EXPECT_TRUE(v4l2::CameraConsumers(camera_, {200}, root_.string(), query).at(0).feeds.empty());
+  EXPECT_EQ(asked, 0);
+  const auto consumers = v4l2::CameraConsumers(camera_, {100, 200, 300}, root_.string(), query);
+  EXPECT_EQ(asked, 1);
+  EXPECT_EQ(consumers[0].feeds, std::vector{client});
+  EXPECT_TRUE(consumers[1].feeds.empty());
+  EXPECT_EQ(consumers[2].feeds, std::vector{client});
 }
 
 }  // namespace
