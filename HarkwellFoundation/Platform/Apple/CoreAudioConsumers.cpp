@@ -119,10 +119,9 @@ CoreAudioConsumerWatch::CoreAudioConsumerWatch(AudioObjectID device,
                                                std::shared_ptr<DispatchQueue> queue,
                                                SharedPropertyListener closure)
     : device_(device),
-      queue_(queue),
-      queueIdentity_(queue.get()),
+      queue_(std::move(queue)),
       closure_(std::move(closure)),
-      nativeQueue_(queue ? NativeDispatchQueue(*queue) : nullptr) {}
+      nativeQueue_(queue_ ? NativeDispatchQueue(*queue_) : nullptr) {}
 
 CoreAudioConsumerWatch::~CoreAudioConsumerWatch() {
   stop();
@@ -168,7 +167,7 @@ void CoreAudioConsumerWatch::stop() {
 
 bool CoreAudioConsumerWatch::serves(AudioObjectID device, const SharedPropertyListener& closure,
                                     const DispatchQueue* queue) const {
-  return device == device_ && closure == closure_ && queue == queueIdentity_;
+  return device == device_ && closure == closure_ && queue == queue_.get();
 }
 
 OSStatus CoreAudioConsumerWatch::listen(AudioObjectID object,
@@ -244,8 +243,7 @@ void CoreAudioConsumerWatch::refresh() {
     // Outside the lock too: the closure may remove its own listener, which stops this watch.
     const PropertyAddress address{kAudioDevicePropertyConsumers, kAudioObjectPropertyScopeGlobal,
                                   kAudioObjectPropertyElementMaster};
-    const std::shared_ptr<DispatchQueue> queue = queue_.lock();
-    AppleDispatchQueue::WorkScope scope(queue.get());
+    AppleDispatchQueue::WorkScope scope(queue_.get());
     {
       MutexLock lock(mutex_);
       if (!live_) return;

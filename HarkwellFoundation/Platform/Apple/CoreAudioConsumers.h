@@ -38,7 +38,8 @@ std::optional<std::vector<MediaDeviceConsumer>> ReadCoreAudioDeviceConsumers(Aud
 //
 // start() and stop() may be called from any thread; the callbacks run on the listener's queue.
 // After stop() returns the closure is never called again (a callback already running finishes).
-// CoreAudio's blocks hold the watch weakly; whoever started it keeps it alive.
+// CoreAudio's blocks hold the watch weakly; whoever started it keeps it alive. The watch holds its
+// queue until it is destroyed.
 class CoreAudioConsumerWatch : public std::enable_shared_from_this<CoreAudioConsumerWatch> {
  public:
   // A running watch, or null with `*status` set when CoreAudio refused the system listener (or
@@ -78,10 +79,11 @@ class CoreAudioConsumerWatch : public std::enable_shared_from_this<CoreAudioCons
   static void unregister(const Registration& registration, dispatch_queue_t queue);
 
   const AudioObjectID device_;
-  const std::weak_ptr<DispatchQueue> queue_;
-  const DispatchQueue* const queueIdentity_;
+  // Held strongly: its libdispatch queue must stay valid until every block registered with it has
+  // been removed. Nothing the queue holds refers back to the watch.
+  const std::shared_ptr<DispatchQueue> queue_;
   const SharedPropertyListener closure_;
-  dispatch_queue_t nativeQueue_ = nullptr;  // borrowed from the queue, which outlives its blocks
+  dispatch_queue_t nativeQueue_ = nullptr;  // borrowed from queue_
 
   mutable Mutex mutex_;
   bool live_ HARKWELL_GUARDED_BY(mutex_) = true;
