@@ -17,7 +17,7 @@ if [ "${1:-}" = "--quick" ]; then
   shift
 fi
 programs=(observer_bench backend_bench controller_bench pulse_bench consumers_bench pipewire_bench
-  v4l2_bench)
+  v4l2_bench process_details_bench)
 if [ $# -gt 0 ]; then programs=("$@"); fi
 
 scripts/install-deps.sh

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "HarkwellFoundation/Consumers/MediaDeviceConsumers.h"
 #include "HarkwellFoundation/Platform/Apple/AppleDispatchQueue.h"
 #include "HarkwellFoundation/Platform/Apple/AppleListenerBlock.h"
 #include "HarkwellFoundation/Platform/Apple/CoreAudioHardwareService.h"
@@ -182,6 +183,59 @@ TEST(CoreAudioHardwareService, DeviceListIsWholeObjectIDs) {
 TEST(CoreAudioHardwareService, RemovalIsRefusedBecauseEveryCallMakesANewBlock) {
   auto service = CoreAudioHardwareService::create();
   ExpectRemovalRefused(*service, kAudioObjectSystemObject, kAudioDevices);
+}
+
+constexpr PropertyAddress kConsumers{kAudioDevicePropertyConsumers, kAudioObjectPropertyScopeGlobal,
+                                     0};
+
+// Every audio device answers its consumers as a whole encoding (macOS 14 and later) or "who?"
+// (before), and a consumers listener can be added and then removed.
+TEST(CoreAudioHardwareService, DevicesAnswerTheirConsumersAndTakeConsumersListeners) {
+  auto service = CoreAudioHardwareService::create();
+  std::uint32_t size = 0;
+  ASSERT_EQ(
+      service->getPropertyDataSize(kAudioObjectSystemObject, kAudioDevices, 0, nullptr, &size),
+      kNoErr);
+  std::vector<ObjectID> devices(size / sizeof(ObjectID));
+  ASSERT_EQ(service->getPropertyData(kAudioObjectSystemObject, kAudioDevices, 0, nullptr, &size,
+                                     devices.data()),
+            kNoErr);
+  auto queue = DispatchQueue::createSerial("com.harkwell.test.consumers");
+  for (const ObjectID device : devices) {
+    const auto consumers = ReadDeviceConsumers(*service, device);
+    if (!consumers) {
+      std::uint32_t unknown = 0;
+      EXPECT_EQ(service->getPropertyDataSize(device, kConsumers, 0, nullptr, &unknown),
+                kAudioHardwareUnknownPropertyError);
+      continue;
+    }
+    for (const MediaDeviceConsumer& consumer : *consumers) {
+      EXPECT_EQ(consumer.kind, MediaDeviceConsumerKind::Application);
+      EXPECT_TRUE(consumer.feeds.empty());
+    }
+    auto block =
+        PlatformListenerBlock::copy(MakeClosure([](std::uint32_t, const PropertyAddress*) {}));
+    ASSERT_EQ(service->addPropertyListenerBlock(device, kConsumers, queue, block), kNoErr);
+    EXPECT_EQ(service->removePropertyListenerBlock(device, kConsumers, queue, block), kNoErr);
+  }
+  testing::DrainQueue(queue);
+}
+
+TEST(CoreMediaIOHardwareService, CamerasDoNotKnowTheirConsumers) {
+  auto service = CoreMediaIOHardwareService::create();
+  const PropertyAddress consumers{kCMIODevicePropertyConsumers, kCMIOObjectPropertyScopeGlobal, 0};
+  std::uint32_t size = 0;
+  ASSERT_EQ(service->getPropertyDataSize(kCMIOObjectSystemObject, kVideoDevices, 0, nullptr, &size),
+            kNoErr);
+  std::vector<ObjectID> cameras(size / sizeof(ObjectID));
+  ASSERT_EQ(service->getPropertyData(kCMIOObjectSystemObject, kVideoDevices, 0, nullptr, &size,
+                                     cameras.data()),
+            kNoErr);
+  for (const ObjectID camera : cameras) {
+    EXPECT_EQ(service->getPropertyDataSize(camera, consumers, 0, nullptr, &size),
+              kCMIOHardwareUnknownPropertyError);
+    EXPECT_EQ(ReadDeviceConsumers(*service, camera), std::nullopt);
+  }
 }
 
 TEST(CoreMediaIOHardwareService, BytesUsedComeBackThroughTheInOutSize) {

@@ -212,7 +212,9 @@ TEST_F(ProcessDetailsTreeTest, StatusNamesTheProcessWhenCommIsMissing) {
 }
 
 TEST_F(ProcessDetailsTreeTest, AGoneOrZombieProcessLeavesEverythingEmpty) {
+  // A zombie keeps its status and comm, not its executable.
   addProcess(40, "/usr/bin/parecord", "parecord");
+  fs::remove(process(40) / "exe");
   write(process(40) / "status", "Name:\tparecord\nState:\tZ (zombie)\n");
   for (const int pid : {40, 41, 0, -1}) {
     EXPECT_EQ(read(pid), MediaDeviceConsumer{.processID = pid}) << pid;

@@ -15,10 +15,13 @@
 //     only its own for the clients it bridges (a native PipeWire client seen through it keeps its
 //     verified one). A filter module's own streams have no process (-1).
 //   - V4L2: the processes whose descriptors hold the camera's nodes, from /proc; always verified.
-//     A media server holding a node is listed as a media server, and the clients it serves are
-//     listed as applications when the media server's own graph answers.
-//   - macOS: CoreAudio's process objects for audio devices (PID and bundle ID only); none for
-//     cameras.
+//     A media server holding a node is listed as a media server; the clients it serves are its
+//     feeds when the media server's graph can name them (MediaServerGraph::clientsOfCamera; the
+//     PipeWire graph does not yet), and it has none otherwise. Processes whose descriptors /proc
+//     hides from this one are missing; no application name or ID is ever announced.
+//   - macOS: CoreAudio's process objects for audio devices on macOS 14 and later (verified PID,
+//     bundle ID as the application ID, every one an application; nothing before macOS 14); none
+//     for cameras.
 //   - Simulated: whatever the test or scenario gives.
 // Executable path, process name and sandbox come from /proc on Linux and are missing when the
 // process has gone before they were read, or when /proc hides them (another user's process). For

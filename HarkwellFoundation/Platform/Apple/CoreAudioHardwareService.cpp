@@ -2,13 +2,17 @@
 
 #include <CoreAudio/CoreAudio.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <type_traits>
 
 #include "HarkwellFoundation/Platform/Apple/AppleListenerBlock.h"
 #include "HarkwellFoundation/Platform/Apple/AppleSdkValues.h"
+#include "HarkwellFoundation/Platform/Apple/CoreAudioConsumers.h"
 #include "HarkwellFoundation/Platform/AudioHardwareConstants.h"
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/PlatformString.h"
+#include "HarkwellFoundation/Platform/PropertyValue.h"
 
 namespace harkwell {
 namespace {
@@ -97,6 +101,28 @@ AudioObjectPropertyAddress native(const PropertyAddress& address) {
   return ToNativeAddress<AudioObjectPropertyAddress>(address);
 }
 
+// The consumers property of a device: the service's own, not CoreAudio's.
+bool IsConsumersProperty(ObjectID object, const PropertyAddress& address) {
+  return address.mSelector == harkwell::kAudioDevicePropertyConsumers &&
+         object != harkwell::kAudioObjectSystemObject;
+}
+
+// A device's consumers as the seam carries them, or the status that answers instead.
+OSStatus ConsumersValue(ObjectID object, const PropertyAddress& address, PropertyValue* value) {
+  if (address.mScope != harkwell::kAudioObjectPropertyScopeGlobal) {
+    return harkwell::kAudioHardwareUnknownPropertyError;
+  }
+  // Only a device has consumers; CoreAudio knows whether the object is one.
+  const AudioObjectPropertyAddress uid =
+      native({harkwell::kAudioDevicePropertyDeviceUID, harkwell::kAudioObjectPropertyScopeGlobal,
+              harkwell::kAudioObjectPropertyElementMaster});
+  if (!AudioObjectHasProperty(object, &uid)) return harkwell::kAudioHardwareBadObjectError;
+  const auto consumers = ReadCoreAudioDeviceConsumers(object);
+  if (!consumers) return harkwell::kAudioHardwareUnknownPropertyError;
+  *value = PropertyValue::Bytes(EncodeDeviceConsumers(*consumers));
+  return kNoErr;
+}
+
 }  // namespace
 
 OSStatus CoreAudioHardwareService::getPropertyDataSize(ObjectID object,
@@ -104,6 +130,14 @@ OSStatus CoreAudioHardwareService::getPropertyDataSize(ObjectID object,
                                                        std::uint32_t qualifierDataSize,
                                                        const void* qualifierData,
                                                        std::uint32_t* outDataSize) {
+  if (IsConsumersProperty(object, address)) {
+    PropertyValue value = PropertyValue::Bytes({});
+    const OSStatus status = ConsumersValue(object, address, &value);
+    if (status != kNoErr) return status;
+    if (!outDataSize) return harkwell::kAudioHardwareBadPropertySizeError;
+    *outDataSize = value.dataSize();
+    return kNoErr;
+  }
   const AudioObjectPropertyAddress nativeAddress = native(address);
   return AudioObjectGetPropertyDataSize(object, &nativeAddress, qualifierDataSize, qualifierData,
                                         outDataSize);
@@ -113,6 +147,13 @@ OSStatus CoreAudioHardwareService::getPropertyData(ObjectID object, const Proper
                                                    std::uint32_t qualifierDataSize,
                                                    const void* qualifierData,
                                                    std::uint32_t* ioDataSize, void* outData) {
+  if (IsConsumersProperty(object, address)) {
+    PropertyValue value = PropertyValue::Bytes({});
+    const OSStatus status = ConsumersValue(object, address, &value);
+    if (status != kNoErr) return status;
+    if (!ioDataSize) return harkwell::kAudioHardwareBadPropertySizeError;
+    return value.write(ioDataSize, outData);
+  }
   const AudioObjectPropertyAddress nativeAddress = native(address);
   return AudioObjectGetPropertyData(object, &nativeAddress, qualifierDataSize, qualifierData,
                                     ioDataSize, outData);
@@ -122,12 +163,21 @@ OSStatus CoreAudioHardwareService::setPropertyData(ObjectID object, const Proper
                                                    std::uint32_t qualifierDataSize,
                                                    const void* qualifierData,
                                                    std::uint32_t dataSize, void* data) {
+  if (IsConsumersProperty(object, address)) {
+    PropertyValue value = PropertyValue::Bytes({});
+    const OSStatus status = ConsumersValue(object, address, &value);
+    return status == kNoErr ? harkwell::kAudioHardwareIllegalOperationError : status;
+  }
   const AudioObjectPropertyAddress nativeAddress = native(address);
   return AudioObjectSetPropertyData(object, &nativeAddress, qualifierDataSize, qualifierData,
                                     dataSize, data);
 }
 
 bool CoreAudioHardwareService::hasProperty(ObjectID object, const PropertyAddress& address) {
+  if (IsConsumersProperty(object, address)) {
+    PropertyValue value = PropertyValue::Bytes({});
+    return ConsumersValue(object, address, &value) == kNoErr;
+  }
   const AudioObjectPropertyAddress nativeAddress = native(address);
   return AudioObjectHasProperty(object, &nativeAddress) != 0;
 }
@@ -136,6 +186,17 @@ OSStatus CoreAudioHardwareService::addPropertyListenerBlock(ObjectID object,
                                                             const PropertyAddress& address,
                                                             std::shared_ptr<DispatchQueue> queue,
                                                             PlatformListenerBlockRef block) {
+  if (IsConsumersProperty(object, address)) {
+    PropertyValue value = PropertyValue::Bytes({});
+    OSStatus status = ConsumersValue(object, address, &value);
+    if (status != kNoErr) return status;
+    if (!queue || !block) return harkwell::kAudioHardwareIllegalOperationError;
+    auto watch = CoreAudioConsumerWatch::start(object, queue, block->closure(), &status);
+    if (!watch) return status;
+    MutexLock lock(watchesMutex_);
+    consumerWatches_.push_back(std::move(watch));
+    return kNoErr;
+  }
   return RegisterWithNewBlock<AudioObjectPropertyAddress, AudioObjectPropertyListenerBlock>(
       &AudioObjectAddPropertyListenerBlock, object, address, queue, block,
       harkwell::kAudioHardwareIllegalOperationError);
@@ -145,6 +206,22 @@ OSStatus CoreAudioHardwareService::removePropertyListenerBlock(ObjectID object,
                                                                const PropertyAddress& address,
                                                                std::shared_ptr<DispatchQueue> queue,
                                                                PlatformListenerBlockRef block) {
+  if (IsConsumersProperty(object, address)) {
+    std::shared_ptr<CoreAudioConsumerWatch> removed;
+    {
+      MutexLock lock(watchesMutex_);
+      auto found =
+          std::find_if(consumerWatches_.begin(), consumerWatches_.end(), [&](const auto& watch) {
+            return block && watch->serves(object, block->closure(), queue.get());
+          });
+      if (found == consumerWatches_.end()) return harkwell::kAudioHardwareUnknownPropertyError;
+      removed = std::move(*found);
+      consumerWatches_.erase(found);
+    }
+    // Stopped outside the lock: CoreAudio may wait for a running callback of the watch.
+    removed->stop();
+    return kNoErr;
+  }
   return RegisterWithNewBlock<AudioObjectPropertyAddress, AudioObjectPropertyListenerBlock>(
       &AudioObjectRemovePropertyListenerBlock, object, address, queue, block,
       harkwell::kAudioHardwareIllegalOperationError);

@@ -7,14 +7,25 @@
 // was added with. A DispatchQueue that is not one of DispatchQueue's own is refused with
 // kAudioHardwareIllegalOperationError.
 //
-// Stateless; any thread. This is the process's default audio service on macOS.
+// One property is the service's own: a device's consumers (kAudioDevicePropertyConsumers), read
+// from CoreAudio's process objects on macOS 14 and later (CoreAudioConsumers.h says what they
+// tell) and "who?" before. A consumers listener is followed by a CoreAudioConsumerWatch, which
+// listens to the process list and to each process object; removing the listener (matched by its
+// closure, queue and device) stops the watch at once.
+//
+// Any thread. The service keeps only its consumers watches. This is the process's default audio
+// service on macOS.
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Mutex.h"
 
 namespace harkwell {
+
+class CoreAudioConsumerWatch;
 
 class CoreAudioHardwareService final : public AudioHardwareService {
  public:
@@ -41,6 +52,10 @@ class CoreAudioHardwareService final : public AudioHardwareService {
 
  private:
   CoreAudioHardwareService() = default;
+
+  Mutex watchesMutex_;
+  std::vector<std::shared_ptr<CoreAudioConsumerWatch>> consumerWatches_
+      HARKWELL_GUARDED_BY(watchesMutex_);
 };
 
 }  // namespace harkwell

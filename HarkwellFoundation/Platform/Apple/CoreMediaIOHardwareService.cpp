@@ -47,6 +47,13 @@ CMIOObjectPropertyAddress native(const PropertyAddress& address) {
   return ToNativeAddress<CMIOObjectPropertyAddress>(address);
 }
 
+// CoreMediaIO says nothing about who streams from a camera: the consumers property is unknown on
+// every camera, whatever CoreMediaIO would make of the selector.
+bool IsConsumersProperty(ObjectID object, const PropertyAddress& address) {
+  return address.mSelector == harkwell::kCMIODevicePropertyConsumers &&
+         object != harkwell::kCMIOObjectSystemObject;
+}
+
 }  // namespace
 
 OSStatus CoreMediaIOHardwareService::getPropertyDataSize(ObjectID object,
@@ -54,6 +61,7 @@ OSStatus CoreMediaIOHardwareService::getPropertyDataSize(ObjectID object,
                                                          std::uint32_t qualifierDataSize,
                                                          const void* qualifierData,
                                                          std::uint32_t* outDataSize) {
+  if (IsConsumersProperty(object, address)) return harkwell::kCMIOHardwareUnknownPropertyError;
   const CMIOObjectPropertyAddress nativeAddress = native(address);
   return CMIOObjectGetPropertyDataSize(object, &nativeAddress, qualifierDataSize, qualifierData,
                                        outDataSize);
@@ -64,6 +72,7 @@ OSStatus CoreMediaIOHardwareService::getPropertyData(ObjectID object,
                                                      std::uint32_t qualifierDataSize,
                                                      const void* qualifierData,
                                                      std::uint32_t* ioDataSize, void* outData) {
+  if (IsConsumersProperty(object, address)) return harkwell::kCMIOHardwareUnknownPropertyError;
   const CMIOObjectPropertyAddress nativeAddress = native(address);
   const std::uint32_t bufferSize = ioDataSize ? *ioDataSize : 0;
   std::uint32_t used = 0;
@@ -89,6 +98,7 @@ OSStatus CoreMediaIOHardwareService::addPropertyListenerBlock(ObjectID object,
                                                               const PropertyAddress& address,
                                                               std::shared_ptr<DispatchQueue> queue,
                                                               PlatformListenerBlockRef block) {
+  if (IsConsumersProperty(object, address)) return harkwell::kCMIOHardwareUnknownPropertyError;
   return RegisterWithNewBlock<CMIOObjectPropertyAddress, CMIOObjectPropertyListenerBlock>(
       &CMIOObjectAddPropertyListenerBlock, object, address, queue, block,
       harkwell::kCMIOHardwareIllegalOperationError);

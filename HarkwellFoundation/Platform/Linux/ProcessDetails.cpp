@@ -105,6 +105,12 @@ std::string UnescapeStatusName(std::string_view text) {
   return name;
 }
 
+std::optional<ProcessStatus> ReadStatus(const std::string& folder) {
+  const FileText text = ReadSmallFile(folder + "/status", kStatusLimit);
+  if (!text.text) return std::nullopt;
+  return ParseProcessStatus(*text.text);
+}
+
 // "<ID>-<n>" of a Flatpak scope: the ID, which may hold '-' itself, before the last "-<digits>".
 std::optional<std::string_view> FlatpakIDFromScopeStem(std::string_view stem) {
   const auto dash = stem.rfind('-');
@@ -285,22 +291,26 @@ bool IsSnapName(std::string_view text) {
 void FillProcessDetails(MediaDeviceConsumer& consumer, const std::string& procRoot) {
   if (consumer.processID < 1) return;
   const std::string folder = procRoot + "/" + std::to_string(consumer.processID);
-  // No status: the process has gone, or /proc hides it. A zombie has exited: what is left of it
-  // names no program that uses anything.
-  const FileText statusText = ReadSmallFile(folder + "/status", kStatusLimit);
-  if (!statusText.text) return;
-  const ProcessStatus status = ParseProcessStatus(*statusText.text);
-  if (status.isZombie()) return;
-
+  // The status is read only when needed (it is the costliest file here): an executable link that
+  // reads means a live process, since a zombie has dropped its memory and with it the link.
+  std::optional<ProcessStatus> status;
   std::optional<std::string> executable;
   if (FileText link = ReadLinkText(folder + "/exe"); link.text) {
     executable = ExecutablePathFromLinkText(*link.text);
+  } else {
+    // No link: the process has gone, is a zombie (it has exited; what is left of it names no
+    // program that uses anything), or /proc hides its executable from this process.
+    status = ReadStatus(folder);
+    if (!status || status->isZombie()) return;
   }
   std::optional<std::string> name;
   if (FileText comm = ReadSmallFile(folder + "/comm", kCommLimit); comm.text) {
     name = ProcessNameFromCommText(*comm.text);
   }
-  if (!name) name = status.name;
+  if (!name) {
+    if (!status) status = ReadStatus(folder);
+    if (status) name = status->name;
+  }
 
   ProcessSandbox sandbox;
   if (FileText info = ReadSmallFile(folder + "/root/.flatpak-info", kFlatpakInfoLimit); info.text) {

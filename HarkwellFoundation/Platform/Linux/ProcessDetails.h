@@ -12,10 +12,12 @@
 //                         Snap: the scope or service snapd starts it in, "snap.<name>.<app>...",
 //                         else an executable under /snap/<name>/; the ID is the snap's name.
 //
-// A process that has gone (no /proc entry, or a zombie whose executable the kernel dropped) or that
-// /proc hides from this process (another user's, under hidepid) leaves those fields empty; nothing
-// else of the consumer is touched, and nothing fails. A process ID reused by a new process between
-// the server's event and this read gives the new process's details: /proc cannot tell them apart.
+// A process that has gone (no /proc entry, or a zombie: no executable link and "State: Z" in its
+// status) or that /proc hides from this process (another user's, under hidepid) leaves those
+// fields empty; one whose executable alone is hidden (another user's, without hidepid) gets its
+// name and what else it shows. Nothing else of the consumer is touched, and nothing fails. A
+// process ID reused by a new process between the server's event and this read gives the new
+// process's details: /proc cannot tell them apart.
 //
 // The parsers below take file text and return values, so they can be tested and fuzzed on any
 // text. Everything here is stateless; any thread may call. A call costs a handful of small reads

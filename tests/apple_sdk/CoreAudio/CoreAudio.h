@@ -73,6 +73,18 @@ enum {
   kAudioDevicePropertyDeviceIsRunningSomewhere = 0x676F6E65,      // 'gone'
   kAudioDevicePropertyTransportType = 0x7472616E,                 // 'tran'
   kAudioDevicePropertyHogMode = 0x6F696E6B,                       // 'oink'
+  kAudioObjectPropertyScopeWildcard = 0x2A2A2A2A,                 // '****'
+};
+
+// Process objects: one per process that uses the audio system (macOS 14 and later).
+enum {
+  kAudioHardwarePropertyProcessObjectList = 0x70727323,           // 'prs#'
+  kAudioProcessPropertyPID = 0x70706964,                          // 'ppid'
+  kAudioProcessPropertyBundleID = 0x70626964,                     // 'pbid'
+  kAudioProcessPropertyDevices = 0x70647623,                      // 'pdv#'
+  kAudioProcessPropertyIsRunning = 0x7069723F,                    // 'pir?'
+  kAudioProcessPropertyIsRunningInput = 0x70697269,               // 'piri'
+  kAudioProcessPropertyIsRunningOutput = 0x7069726F,              // 'piro'
 };
 
 // Transport types.

@@ -253,5 +253,31 @@ TEST_F(V4L2ControllerTest, GarbageInTheTreeStillReportsTheOtherDevices) {
   EXPECT_EQ(eventsOfKind(MediaDeviceEvent::ChangedRunning)[0].device.deviceID, kWebcam);
 }
 
+TEST_F(V4L2ControllerTest, ConsumersHandlerHearsOfEachProcessThatHoldsTheCameraAndOfItsExit) {
+  plugUsbCamera();
+  startObserving();
+  auto heard = std::make_shared<Recorder<std::vector<std::int32_t>>>();
+  controller->setDeviceConsumersHandler(
+      [heard](const MediaDevice& device, const std::vector<MediaDeviceConsumer>& consumers) {
+        if (device.deviceID != kWebcam) return;
+        std::vector<std::int32_t> pids;
+        for (const auto& consumer : consumers) pids.push_back(consumer.processID);
+        heard->append(pids);
+      });
+  settle();
+
+  auto holder = StartNodeUser(tree.devNodePath("video0"), false);
+  ASSERT_TRUE(holder);
+  ASSERT_TRUE(heard->waitUntil([&](const auto& all) {
+    return !all.empty() && all.back() == std::vector<std::int32_t>{holder->pid()};
+  }));
+  holder->kill();
+  ASSERT_TRUE(heard->waitUntil([](const auto& all) { return all.back().empty(); }));
+  settle();
+  // Reading through the controller gives the service's answer.
+  EXPECT_EQ(controller->consumersOfDevice(controller->connectedDevices().at(0)),
+            std::vector<MediaDeviceConsumer>{});
+}
+
 }  // namespace
 }  // namespace harkwell::testing

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "HarkwellFoundation/Platform/Linux/ProcessDetails.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/V4L2FileAccess.h"
 
 namespace harkwell::v4l2 {
@@ -26,10 +27,9 @@ std::optional<std::string> ProcessExecutableName(const std::string& procRoot, pi
   const std::string folder = procRoot + "/" + std::to_string(pid);
   FileText executable = ReadLinkText(folder + "/exe");
   if (executable.text) {
-    std::string_view path = *executable.text;
-    constexpr std::string_view kDeleted = " (deleted)";
-    if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
-    return std::string(LastPathComponent(path));
+    if (auto path = ExecutablePathFromLinkText(*executable.text)) {
+      return std::string(LastPathComponent(*path));
+    }
   }
   FileText command = ReadSmallFile(folder + "/comm", 64);
   if (!command.text) return std::nullopt;

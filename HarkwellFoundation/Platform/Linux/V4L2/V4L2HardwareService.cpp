@@ -47,6 +47,11 @@ v4l2::MediaServerStreamQuery QueryOf(const std::shared_ptr<v4l2::MediaServerGrap
   return [graph](const v4l2::CameraDescription& camera) { return graph->streamsCamera(camera); };
 }
 
+v4l2::MediaServerClientsQuery ClientsQueryOf(const std::shared_ptr<v4l2::MediaServerGraph>& graph) {
+  if (!graph) return {};
+  return [graph](const v4l2::CameraDescription& camera) { return graph->clientsOfCamera(camera); };
+}
+
 }  // namespace
 
 std::shared_ptr<V4L2HardwareService> V4L2HardwareService::create(Options options) {
@@ -69,6 +74,7 @@ V4L2HardwareService::V4L2HardwareService(Options options)
       probeCache_(ProbeOrDefault(options_.probe)),
       scanner_(options_.procRoot, ::getpid()),
       judge_(options_.procRoot, QueryOf(options_.mediaServerGraph)),
+      mediaServerClients_(ClientsQueryOf(options_.mediaServerGraph)),
       streamCheckSchedule_(options_.quickStreamCheckDelay, options_.quickStreamCheckSpan,
                            options_.longestStreamCheckDelay) {}
 
@@ -183,6 +189,8 @@ void V4L2HardwareService::run() {
         readRunningState();
       } else if (streamCheckAt_ || graphChanged) {
         // Whatever is due is done now: a stream started since the last check shows at once.
+        // A changed graph may also change whom a media server feeds.
+        if (graphChanged) updateMediaServerFeeds();
         checkStreams();
       }
       MutexLock lock(barrierMutex_);
@@ -340,9 +348,18 @@ std::set<std::string> V4L2HardwareService::readRunningState() {
       if (scan.isOpen[i]) openNodes.insert(paths[i]);
     }
     judge_.setHolders(paths, scan.holders);
+    for (Camera& camera : cameras_) {
+      camera.holders.clear();
+      for (const std::string& path : camera.description.nodePaths) {
+        const auto found = std::lower_bound(paths.begin(), paths.end(), path);
+        const auto& held = scan.holders[static_cast<std::size_t>(found - paths.begin())];
+        camera.holders.insert(camera.holders.end(), held.begin(), held.end());
+      }
+    }
   } else {
     judge_.setHolders({}, {});
   }
+  updateConsumers();
   checkStreams();
   return openNodes;
 }
@@ -365,6 +382,19 @@ void V4L2HardwareService::checkStreams() {
   streamCheckScheduled_ = delay.has_value();
 }
 
+void V4L2HardwareService::updateConsumers() {
+  for (Camera& camera : cameras_) {
+    camera.consumers = v4l2::CameraConsumers(camera.description, camera.holders, options_.procRoot,
+                                             mediaServerClients_);
+  }
+}
+
+void V4L2HardwareService::updateMediaServerFeeds() {
+  for (Camera& camera : cameras_) {
+    v4l2::RefreshMediaServerFeeds(camera.description, camera.consumers, mediaServerClients_);
+  }
+}
+
 void V4L2HardwareService::mediaServerGraphChanged() {
   graphChanged_ = true;
   watcher_.wake();
@@ -385,6 +415,7 @@ void V4L2HardwareService::publish(const std::vector<bool>& running) {
         .inputStreamCount = description.inputStreamCount,
         .outputStreamCount = description.outputStreamCount,
         .isRunningSomewhere = i < running.size() && running[i],
+        .consumers = camera.consumers,
     });
   }
   notify(mirror_.publishDevices(std::move(devices)));

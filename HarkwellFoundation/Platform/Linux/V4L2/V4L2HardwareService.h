@@ -40,6 +40,13 @@
 //                counts as one input and one output stream. Stream IDs are opaque, not objects.
 //   "gone"       1 while frames flow from the camera to some process other than this one, as
 //                the signals below combine (CameraStreamJudge.h); otherwise 0.
+//   "hcn#"       The consumers (global scope): every process whose descriptors hold one of the
+//                camera's nodes, in process-ID order, from the same /proc scan as the running
+//                state, so the list changes with opens and closes and costs nothing while no node
+//                changes. IDs are verified; a media server holding a node is a MediaServer
+//                consumer whose feeds are the clients its graph names
+//                (MediaServerGraph::clientsOfCamera; none without a graph, or when it cannot
+//                tell). Processes this one may not examine are missing (CameraConsumers.h).
 //   "oink"       "who?" (kCMIOHardwareUnknownPropertyError): V4L2 has no exclusive-access owner.
 //   otherwise    "who?" for other selectors, "!obj" for unknown objects, "!siz" for a buffer too
 //                small for the value, "nope" for a write to anything but "yes ".
@@ -144,6 +151,7 @@
 #include <vector>
 
 #include "HarkwellFoundation/Platform/HardwareService.h"
+#include "HarkwellFoundation/Platform/Linux/V4L2/CameraConsumers.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/CameraStreamJudge.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/InotifyWatcher.h"
 #include "HarkwellFoundation/Platform/Linux/V4L2/MediaServerGraph.h"
@@ -228,6 +236,8 @@ class V4L2HardwareService final : public VideoHardwareService {
   struct Camera {
     ObjectID deviceID = 0;
     v4l2::CameraDescription description;
+    std::vector<pid_t> holders;  // from the latest /proc scan
+    std::vector<MediaDeviceConsumer> consumers;
   };
 
   explicit V4L2HardwareService(Options options);
@@ -246,6 +256,10 @@ class V4L2HardwareService final : public VideoHardwareService {
   // The media server's graph changed: the cameras are judged again soon, on the background thread.
   // Any thread may call.
   void mediaServerGraphChanged();
+  // Turns each camera's holders into its consumers (reading their details from /proc).
+  void updateConsumers();
+  // Asks the media servers' graph again whom they feed.
+  void updateMediaServerFeeds();
   void publish(const std::vector<bool>& running);
   void notify(const std::vector<PropertyChange>& changes);
   // Logs `line` for the problem named `problem`, unless that line was logged for it and the
@@ -267,6 +281,7 @@ class V4L2HardwareService final : public VideoHardwareService {
   v4l2::NodeProbeCache probeCache_;
   v4l2::ProcessNodeScanner scanner_;
   v4l2::CameraStreamJudge judge_;
+  const v4l2::MediaServerClientsQuery mediaServerClients_;
   int devWatch_ = -1;
   int udevWatch_ = -1;
   std::map<std::string, int> watchOfNode_;

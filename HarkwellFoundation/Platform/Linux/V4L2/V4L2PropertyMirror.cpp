@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "HarkwellFoundation/Platform/DeviceConsumerCoding.h"
 #include "HarkwellFoundation/Platform/PropertyValue.h"
 #include "HarkwellFoundation/Platform/VideoHardwareConstants.h"
 
@@ -47,6 +48,11 @@ Value DeviceValue(const PublishedDevice& device, const PropertyAddress& address)
       return Value::UInt32(device.transportType);
     case kCMIODevicePropertyDeviceIsRunningSomewhere:
       return Value::UInt32(device.isRunningSomewhere ? 1 : 0);
+    case kCMIODevicePropertyConsumers:
+      if (address.mScope != kCMIOObjectPropertyScopeGlobal) {
+        return Value::Failure(kCMIOHardwareUnknownPropertyError);
+      }
+      return Value{kNoErr, PropertyValue::Bytes(EncodeDeviceConsumers(device.consumers))};
     case kCMIODevicePropertyStreams:
       // Input streams are numbered first, then output streams.
       if (address.mScope == kCMIODevicePropertyScopeInput) {
@@ -90,6 +96,7 @@ void AppendDeviceChanges(const PublishedDevice& before, const PublishedDevice& a
   if (before.isRunningSomewhere != after.isRunningSomewhere) {
     note(kCMIODevicePropertyDeviceIsRunningSomewhere);
   }
+  if (before.consumers != after.consumers) note(kCMIODevicePropertyConsumers);
 }
 
 }  // namespace

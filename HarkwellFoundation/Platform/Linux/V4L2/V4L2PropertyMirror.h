@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/Mutex.h"
 #include "HarkwellFoundation/Platform/PropertyAddress.h"
 #include "HarkwellFoundation/Platform/PropertyValue.h"
@@ -28,6 +29,8 @@ struct PublishedDevice {
   std::uint32_t inputStreamCount = 0;
   std::uint32_t outputStreamCount = 0;
   bool isRunningSomewhere = false;
+  // The processes holding its nodes (CameraConsumers.h), answered as the consumers property.
+  std::vector<MediaDeviceConsumer> consumers;
 
   friend bool operator==(const PublishedDevice&, const PublishedDevice&) = default;
 };
