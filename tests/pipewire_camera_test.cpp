@@ -82,7 +82,8 @@ PipeWireGraph DesktopGraph() {
 TEST(PipeWireCameraStreaming, CameraPartKeepsCameraNodesTheirNamingPropertiesAndLinksOut) {
   const PipeWireGraph part = PipeWireCameraPart(DesktopGraph());
 
-  ASSERT_EQ(part.nodes.size(), 1u);
+  ASSERT_EQ(part.nodes.size(), 2u);
+  EXPECT_EQ(part.nodes.at(50).properties, PipeWireProperties{});
   EXPECT_EQ(part.nodes.at(40).properties, (PipeWireProperties{{"media.class", "Video/Source"},
                                                               {"api.v4l2.path", "/dev/video0"}}));
   EXPECT_EQ(part.nodes.at(40).state, PipeWireNodeState::Running);
@@ -117,6 +118,59 @@ TEST(PipeWireCameraStreaming, CameraStateAndLinkChangesChangeTheCameraPart) {
   EXPECT_NE(PipeWireCameraPart(stateChanged), PipeWireCameraPart(before));
   EXPECT_NE(PipeWireCameraPart(linkChanged), PipeWireCameraPart(before));
   EXPECT_NE(PipeWireCameraPart(linkGone), PipeWireCameraPart(before));
+}
+
+// A camera streamed to a browser (a native client whose socket PID the daemon knows) and to a
+// recorder that only claims its PID.
+PipeWireGraph CameraWithClients() {
+  PipeWireGraph graph = DesktopGraph();
+  graph.nodes[50].properties["client.id"] = "70";
+  graph.clients[70] = PipeWireClient{70,
+                                     {{"pipewire.sec.pid", "4100"},
+                                      {"application.process.id", "1"},
+                                      {"application.name", "Firefox"},
+                                      {"application.id", "org.mozilla.firefox"}}};
+  graph.nodes[53] = PipeWireNode{53,
+                                 PipeWireNodeState::Running,
+                                 {{"media.class", "Stream/Input/Video"},
+                                  {"application.name", "Recorder"},
+                                  {"application.process.id", "4200"}}};
+  graph.links[62] = Link(62, 40, 53, PipeWireLinkState::Paused);
+  return graph;
+}
+
+TEST(PipeWireCameraClients, EachLinkedNodeIsAClientWithItsProcessAndApplication) {
+  const auto clients = PipeWireCameraClients(CameraWithClients(), kCameraNodes);
+  ASSERT_TRUE(clients.has_value());
+  ASSERT_EQ(clients->size(), 2u);
+  EXPECT_EQ(clients->at(0).processID, 4100);
+  EXPECT_TRUE(clients->at(0).isProcessIDVerified);
+  EXPECT_EQ(clients->at(0).applicationName, "Firefox");
+  EXPECT_EQ(clients->at(0).applicationID, "org.mozilla.firefox");
+  EXPECT_EQ(clients->at(0).kind, MediaDeviceConsumerKind::Application);
+  EXPECT_EQ(clients->at(1).processID, 4200);
+  EXPECT_FALSE(clients->at(1).isProcessIDVerified);
+  EXPECT_EQ(clients->at(1).applicationName, "Recorder");
+}
+
+TEST(PipeWireCameraClients, AnUnknownCameraHasNoAnswerAndAnUnlinkedOneNoClients) {
+  EXPECT_EQ(PipeWireCameraClients(CameraWithClients(), {"/dev/video9"}), std::nullopt);
+  PipeWireGraph graph = CameraWithClients();
+  graph.links.clear();
+  EXPECT_EQ(PipeWireCameraClients(graph, kCameraNodes), std::vector<MediaDeviceConsumer>{});
+  graph = CameraWithClients();
+  graph.links[60].state = PipeWireLinkState::Unlinked;
+  graph.links[62].state = PipeWireLinkState::Error;
+  EXPECT_EQ(PipeWireCameraClients(graph, kCameraNodes), std::vector<MediaDeviceConsumer>{});
+}
+
+TEST(PipeWireCameraClients, TheCameraPartAnswersAsTheWholeGraphAndFollowsWhoTheClientsAre) {
+  const PipeWireGraph whole = CameraWithClients();
+  EXPECT_EQ(PipeWireCameraClients(PipeWireCameraPart(whole), kCameraNodes),
+            PipeWireCameraClients(whole, kCameraNodes));
+  PipeWireGraph renamed = whole;
+  renamed.clients[70].properties["application.name"] = "Firefox Nightly";
+  EXPECT_NE(PipeWireCameraPart(renamed), PipeWireCameraPart(whole));
 }
 
 }  // namespace

@@ -16,9 +16,10 @@
 //     verified one). A filter module's own streams have no process (-1).
 //   - V4L2: the processes whose descriptors hold the camera's nodes, from /proc; always verified.
 //     A media server holding a node is listed as a media server; the clients it serves are its
-//     feeds when the media server's graph can name them (MediaServerGraph::clientsOfCamera; the
-//     PipeWire graph does not yet), and it has none otherwise. Processes whose descriptors /proc
-//     hides from this one are missing; no application name or ID is ever announced.
+//     feeds when the media server's graph can name them (PipeWire's does: each node its camera
+//     node links to, with the client's socket PID, verified, and its application), and it has
+//     none otherwise. Processes whose descriptors /proc hides from this one are missing; a program
+//     holding the node itself announces no application name or ID.
 //   - macOS: CoreAudio's process objects for audio devices on macOS 14 and later (verified PID,
 //     bundle ID as the application ID, every one an application; nothing before macOS 14); none
 //     for cameras.

@@ -194,6 +194,40 @@ TEST_F(PipeWireCameraGraphTest,
   EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }
 
+TEST_F(PipeWireCameraGraphTest, TheMediaServerFeedsTheClientItStreamsTo) {
+  ASSERT_EQ(stack.start(), "");
+  ASSERT_NO_FATAL_FAILURE(plugCamera());
+  ASSERT_NO_FATAL_FAILURE(holdNodeInMediaServer());
+  ASSERT_NO_FATAL_FAILURE(startCameraNode());
+  ASSERT_NO_FATAL_FAILURE(startObserving(stack.remote()));
+  Recorder<std::vector<MediaDeviceConsumer>> lists;
+  watch.controller->setDeviceConsumersHandler(
+      [&lists](const MediaDevice&, const std::vector<MediaDeviceConsumer>& consumers) {
+        lists.append(consumers);
+      });
+  // The server holds the node and streams it to nobody.
+  const auto servesNobody = [](const std::vector<std::vector<MediaDeviceConsumer>>& seen) {
+    return !seen.empty() && seen.back().size() == 1 &&
+           seen.back()[0].kind == MediaDeviceConsumerKind::MediaServer &&
+           seen.back()[0].executablePath == "/usr/bin/pipewire" && seen.back()[0].feeds.empty();
+  };
+  ASSERT_TRUE(lists.waitUntil(servesNobody)) << ::testing::PrintToString(lists.entries());
+
+  ASSERT_NO_FATAL_FAILURE(startConsumer());
+  const pid_t recorder = consumer.pid();
+  ASSERT_TRUE(lists.waitUntil([recorder](const auto& seen) {
+    if (seen.empty() || seen.back().size() != 1 || seen.back()[0].feeds.size() != 1) return false;
+    const MediaDeviceConsumer& fed = seen.back()[0].feeds[0];
+    return fed.processID == recorder && fed.isProcessIDVerified && fed.processName == "pw-record" &&
+           fed.kind == MediaDeviceConsumerKind::Application;
+  })) << ::testing::PrintToString(lists.entries());
+
+  consumer.stop(SIGTERM, std::chrono::seconds(5));
+  ASSERT_TRUE(lists.waitUntil(servesNobody)) << ::testing::PrintToString(lists.entries());
+  watch.controller->setDeviceConsumersHandler(nullptr);
+  settle();
+}
+
 TEST_F(PipeWireCameraGraphTest, WithoutADaemonTheServiceStartsWithoutAGraphAndSaysNothing) {
   ASSERT_NO_FATAL_FAILURE(plugCamera());
   // Nothing listens there: the stack was never started.

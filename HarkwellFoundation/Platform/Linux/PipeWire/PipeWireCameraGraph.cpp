@@ -1,6 +1,7 @@
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireCameraGraph.h"
 
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireCameraStreaming.h"
+#include "HarkwellFoundation/Platform/Linux/ProcessDetails.h"
 
 namespace harkwell {
 
@@ -25,6 +26,19 @@ PipeWireCameraGraph::~PipeWireCameraGraph() {
 std::optional<bool> PipeWireCameraGraph::streamsCamera(const v4l2::CameraDescription& camera) {
   MutexLock lock(graphMutex_);
   return PipeWireStreamsCamera(cameras_, camera.nodePaths);
+}
+
+std::optional<std::vector<MediaDeviceConsumer>> PipeWireCameraGraph::clientsOfCamera(
+    const v4l2::CameraDescription& camera) {
+  std::optional<std::vector<MediaDeviceConsumer>> clients;
+  {
+    MutexLock lock(graphMutex_);
+    clients = PipeWireCameraClients(cameras_, camera.nodePaths);
+  }
+  if (clients) {
+    for (MediaDeviceConsumer& client : *clients) FillProcessDetails(client);
+  }
+  return clients;
 }
 
 void PipeWireCameraGraph::setChangeHandler(std::function<void()> handler) {

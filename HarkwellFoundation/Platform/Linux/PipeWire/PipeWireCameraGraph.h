@@ -9,10 +9,10 @@
 // service's connection reports the daemon's comings and goings).
 //
 // Only the cameras' part of the graph is kept: Video/Source nodes (their state and the properties
-// that name their V4L2 node) and the links out of them. A change of the daemon's graph calls the
-// change handler only when that part changed, so sound streams starting and stopping never wake
-// the V4L2 service. When the daemon goes away the part is empty (no answers: the mappings decide)
-// and the connection tries again with growing delays.
+// that name their V4L2 node), the links out of them, and the nodes and clients they stream to. A
+// change of the daemon's graph calls the change handler only when that part changed, so sound
+// streams starting and stopping never wake the V4L2 service. When the daemon goes away the part is
+// empty (no answers: the mappings decide) and the connection tries again with growing delays.
 //
 // Thread-safety: any thread may ask and set the handler. The handler runs on libpipewire's loop
 // thread. Lifetime: destroying the graph disconnects and joins that thread; it must not be the
@@ -51,6 +51,9 @@ class PipeWireCameraGraph final : public v4l2::MediaServerGraph {
   PipeWireCameraGraph& operator=(const PipeWireCameraGraph&) = delete;
 
   std::optional<bool> streamsCamera(const v4l2::CameraDescription& camera) override;
+  // The programs PipeWire streams the camera to, with their /proc details.
+  std::optional<std::vector<MediaDeviceConsumer>> clientsOfCamera(
+      const v4l2::CameraDescription& camera) override;
   void setChangeHandler(std::function<void()> handler) override;
 
  private:

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "HarkwellFoundation/Model/MediaDeviceConsumer.h"
 #include "HarkwellFoundation/Platform/Linux/PipeWire/PipeWireGraph.h"
 
 namespace harkwell {
@@ -22,9 +23,17 @@ namespace harkwell {
 std::optional<bool> PipeWireStreamsCamera(const PipeWireGraph& graph,
                                           const std::vector<std::string>& nodePaths);
 
+// The programs PipeWire streams a camera to: one consumer per node linked from one of the camera's
+// nodes (a link that has not failed or come undone), in node order, with the process of its client
+// as the audio services take it (AudioDeviceConsumers.h: the socket's PID, verified, else the
+// claimed one) and the application's name and ID. No /proc details. No such camera node in the
+// graph: no answer.
+std::optional<std::vector<MediaDeviceConsumer>> PipeWireCameraClients(
+    const PipeWireGraph& graph, const std::vector<std::string>& nodePaths);
+
 // The part of `graph` the answers above depend on: the Video/Source nodes with their state and
-// the properties that name their V4L2 node, and the links out of them. When it is equal for two
-// graphs, every answer is.
+// the properties that name their V4L2 node, the links out of them, the nodes those links go to and
+// those nodes' clients. When it is equal for two graphs, every answer is.
 PipeWireGraph PipeWireCameraPart(const PipeWireGraph& graph);
 
 }  // namespace harkwell

@@ -88,14 +88,14 @@ ConsumerGraph::StreamKind StreamKindOf(const PipeWireNode& node, const PipeWireG
 }
 
 // The client a node names by "client.id", or null.
-const PipeWireClient* ClientOf(const PipeWireNode& node, const PipeWireGraph& graph) {
+}  // namespace
+
+const PipeWireClient* PipeWireClientOf(const PipeWireNode& node, const PipeWireGraph& graph) {
   const auto id = NumberOf(PipeWirePropertyOf(node.properties, "client.id"));
   if (!id || *id < 0 || *id > static_cast<std::int64_t>(UINT32_MAX)) return nullptr;
   auto found = graph.clients.find(static_cast<std::uint32_t>(*id));
   return found == graph.clients.end() ? nullptr : &found->second;
 }
-
-}  // namespace
 
 std::optional<std::string> PipeWirePropertyOf(const PipeWireProperties& properties,
                                               const std::string& key) {
@@ -265,7 +265,7 @@ std::vector<MediaDeviceConsumer> PipeWireConsumersOf(std::uint32_t node, const P
         const PipeWireNode& stream = found->second;
         MediaDeviceConsumer consumer;
         consumer.kind = ConsumerKindOf(stream, graph);
-        const PipeWireClient* client = ClientOf(stream, graph);
+        const PipeWireClient* client = PipeWireClientOf(stream, graph);
         ApplyAudioClientIdentity(
             consumer, client ? AudioClientIdentity::of(client->properties) : AudioClientIdentity(),
             serverConnections, AudioClientIdentity::of(stream.properties));

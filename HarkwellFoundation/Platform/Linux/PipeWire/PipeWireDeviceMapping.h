@@ -40,6 +40,9 @@ PipeWireNodeRole PipeWireNodeRoleOf(const PipeWireNode& node);
 std::vector<MediaDeviceConsumer> PipeWireConsumersOf(std::uint32_t node, const PipeWireGraph& graph,
                                                      const ConsumerGraph& consumers);
 
+// The client a node names by "client.id", if the graph has it.
+const PipeWireClient* PipeWireClientOf(const PipeWireNode& node, const PipeWireGraph& graph);
+
 // Every device of the graph, in the order of the daemon's node IDs, with its consumers.
 std::vector<MappedAudioDevice> MapPipeWireGraph(const PipeWireGraph& graph);
 
