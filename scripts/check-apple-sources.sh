@@ -13,7 +13,7 @@
 #     Linux variants (*Linux.cpp), so
 #     the Apple branches of shared headers (PlatformString.h) are compiled by their users;
 #   - every library header with an __APPLE__ branch, on its own;
-#   - the harkwell program's sources, tools/harkwell/*.cpp;
+#   - the harkwell program's sources, tools/harkwell/**.cpp, but for the sd-bus export of `serve`;
 #   - the macOS-only test suites, tests/apple_*_test.cpp.
 #
 # The host's C and C++ library headers stand in for Apple's libc and libc++ (with __linux__
@@ -80,7 +80,10 @@ while IFS= read -r file; do files+=("$file"); done < <(
       -not -path 'HarkwellFoundation/Platform/Linux/*' -not -path 'HarkwellFoundation/Platform/Posix/*' \
       -not -name '*Linux.cpp'
     grep -rl --include='*.h' '__APPLE__' HarkwellFoundation
-    if ((with_tools)); then find tools/harkwell -type f -name '*.cpp'; fi
+    # The session-bus export is sd-bus code, built only where the device reservation is (Linux).
+    if ((with_tools)); then
+      find tools/harkwell -type f -name '*.cpp' -not -path 'tools/harkwell/serve/DeviceBusService.cpp'
+    fi
     find tests -maxdepth 1 -type f -name 'apple_*_test.cpp'
   } | sort -u)
 
