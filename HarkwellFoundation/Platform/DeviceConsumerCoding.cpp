@@ -40,8 +40,10 @@ class Writer {
 
  private:
   void bytes(const void* data, std::size_t size) {
-    const auto* first = static_cast<const std::uint8_t*>(data);
-    out_.insert(out_.end(), first, first + size);
+    if (size == 0) return;
+    const std::size_t at = out_.size();
+    out_.resize(at + size);
+    std::memcpy(out_.data() + at, data, size);
   }
   std::vector<std::uint8_t> out_;
 };
