@@ -120,8 +120,12 @@ std::string BarLine(BarFormat format, const BarSummary& summary, bool first) {
   switch (format) {
     case BarFormat::Waybar:
       return DumpLine(WaybarObject(summary));
-    case BarFormat::I3bar:
-      return (first ? "" : ",") + DumpLine(I3barBlocks(summary));
+    case BarFormat::I3bar: {
+      // Built by appending: GCC 12 at -O3 misreads `"," + std::string&&` as an overlapping copy.
+      std::string line = first ? "" : ",";
+      line += DumpLine(I3barBlocks(summary));
+      return line;
+    }
     case BarFormat::I3statusRust:
       return DumpLine(I3statusRustObject(summary));
   }
