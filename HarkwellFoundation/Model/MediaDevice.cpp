@@ -1,5 +1,7 @@
 #include "HarkwellFoundation/Model/MediaDevice.h"
 
+#include "HarkwellFoundation/Model/internal/PrintOptionalText.h"
+
 namespace harkwell {
 
 std::optional<MediaDeviceUnsupportedReason> MediaDeviceUnsupportedReasonForChannelCounts(
@@ -9,23 +11,13 @@ std::optional<MediaDeviceUnsupportedReason> MediaDeviceUnsupportedReasonForChann
   return MediaDeviceUnsupportedReason::InputAndOutputChannels;
 }
 
-namespace {
-void printOptional(std::ostream& out, const std::optional<std::string>& text) {
-  if (text) {
-    out << '"' << *text << '"';
-  } else {
-    out << "nil";
-  }
-}
-}  // namespace
-
 std::ostream& operator<<(std::ostream& out, const MediaDevice& device) {
   out << "MediaDevice(deviceID: " << device.deviceID << ", mediaType: " << device.mediaType
       << ", deviceUID: \"" << device.deviceUID << "\", modelUID: ";
-  printOptional(out, device.modelUID);
+  PrintOptionalText(out, device.modelUID);
   out << ", transportType: " << device.transportType << ", name: \"" << device.name
       << "\", inputSourceName: ";
-  printOptional(out, device.inputSourceName);
+  PrintOptionalText(out, device.inputSourceName);
   out << ", inputChannelCount: " << device.inputChannelCount
       << ", outputChannelCount: " << device.outputChannelCount
       << ", isConnected: " << (device.isConnected ? "true" : "false")
