@@ -210,6 +210,16 @@ std::optional<std::size_t> PulseTestClient::recordingCount(const std::string& na
 
 std::unique_ptr<PulseTestClient::Recording> PulseTestClient::record(const std::string& source,
                                                                     RecordingOptions options) {
+  return startRecording(source, options, nullptr);
+}
+
+std::unique_ptr<PulseTestClient::Recording> PulseTestClient::replace(
+    std::unique_ptr<Recording> previous, const std::string& source) {
+  return startRecording(source, RecordingOptions(), std::move(previous));
+}
+
+std::unique_ptr<PulseTestClient::Recording> PulseTestClient::startRecording(
+    const std::string& source, RecordingOptions options, std::unique_ptr<Recording> previous) {
   LoopLock lock(loop_);
   // A level meter asks for one float peak per fragment at a low rate, as volume controls do.
   const pa_sample_spec format = options.levelMeter ? pa_sample_spec{PA_SAMPLE_FLOAT32LE, 25, 1}
@@ -233,6 +243,9 @@ std::unique_ptr<PulseTestClient::Recording> PulseTestClient::record(const std::s
     pa_stream_unref(stream);
     return nullptr;
   }
+  // Both requests leave together, before the loop runs again: the server handles them back to
+  // back and its subscribers hear of the new stream and the old one's end in one burst.
+  if (previous) previous->end();
   for (;;) {
     const pa_stream_state_t state = pa_stream_get_state(stream);
     if (state == PA_STREAM_READY) break;
@@ -248,10 +261,16 @@ std::unique_ptr<PulseTestClient::Recording> PulseTestClient::record(const std::s
 
 PulseTestClient::Recording::~Recording() {
   LoopLock lock(client_.loop_);
+  end();
+}
+
+void PulseTestClient::Recording::end() {
+  if (!stream_) return;
   pa_stream_set_state_callback(stream_, nullptr, nullptr);
   pa_stream_set_read_callback(stream_, nullptr, nullptr);
   pa_stream_disconnect(stream_);
   pa_stream_unref(stream_);
+  stream_ = nullptr;
 }
 
 bool PulseTestClient::Recording::setCorked(bool corked) {

@@ -41,6 +41,8 @@ class PulseTestClient {
 
    private:
     friend class PulseTestClient;
+    // Disconnects the stream; the caller holds the client's loop lock.
+    void end();
     Recording(PulseTestClient& client, pa_stream* stream) : client_(client), stream_(stream) {}
     PulseTestClient& client_;
     pa_stream* stream_;
@@ -73,10 +75,18 @@ class PulseTestClient {
     return record(source, RecordingOptions());
   }
 
+  // Starts a stream recording from `source` and ends `previous` in the same breath, without
+  // waiting for the server in between; returns the new stream once the server has made it.
+  std::unique_ptr<Recording> replace(std::unique_ptr<Recording> previous,
+                                     const std::string& source);
+
   // Subscribes to source, sink and source-output events; `handler` receives each one.
   bool subscribe(EventHandler handler);
 
  private:
+  std::unique_ptr<Recording> startRecording(const std::string& source, RecordingOptions options,
+                                            std::unique_ptr<Recording> previous);
+
   pa_threaded_mainloop* loop_ = nullptr;
   pa_context* context_ = nullptr;
   bool connected_ = false;

@@ -65,6 +65,30 @@ TEST_F(PulseAudioOnlyRunningTest, AVirtualSourceMakesTheMicrophoneRunningOnlyWhi
   ASSERT_TRUE(running.waitForValue({0}));
 }
 
+// The daemon makes a new stream whole before it answers, so when one recording takes over from
+// another it announces the new stream and the old one's end in one burst, and the service hears of
+// the end while the new stream's details are still on their way. (pipewire-pulse announces a
+// stream only once the session manager has linked it, after the old one's end: there the
+// microphone really is idle for that moment.)
+TEST_F(PulseAudioOnlyRunningTest, ARecorderTakingOverFromAnotherNeverShowsTheMicrophoneIdle) {
+  PropertyProbe running(*service_, microphone_, kRunning, queue_);
+  ASSERT_EQ(running.add(), kNoErr);
+  auto first = client().record(server_.microphone());
+  ASSERT_TRUE(first);
+  ASSERT_TRUE(running.waitForValue({1}));
+  const std::size_t callsBefore = running.calls().size();
+
+  auto second = client().replace(std::move(first), server_.microphone());
+  ASSERT_TRUE(second);
+  ASSERT_TRUE(waitForRecordings(server_.microphone(), 1));
+  settle("barrier_handover");
+  EXPECT_EQ(microphoneRunning(), 1u);
+  EXPECT_EQ(running.calls().size(), callsBefore) << "the microphone never stopped running";
+
+  second.reset();
+  ASSERT_TRUE(running.waitForValue({0}));
+}
+
 TEST_F(PulseAudioOnlyRunningTest, ALoopbackIntoASinkWithoutHardwareUsesNeither) {
   ASSERT_TRUE(client().loadModule("module-loopback",
                                   "source=" + server_.microphone() + " sink=" + kNullSink));

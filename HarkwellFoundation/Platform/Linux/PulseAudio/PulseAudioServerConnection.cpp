@@ -228,6 +228,8 @@ void PulseAudioServerConnection::onReady() {
 
   state_ = PulseServerState();
   listsPending_ = 6;
+  fetchesPending_ = 0;
+  unpublishedChange_ = false;
   Release(
       pa_context_get_card_info_list(context, &received<pa_card_info, kCards, kCard, true>, this));
   // Clients before streams: a stream's client is known when the stream is.
@@ -243,18 +245,29 @@ void PulseAudioServerConnection::onReady() {
       context, &received<pa_sink_input_info, kPlaybacks, kPlayback, true>, this));
 }
 
-void PulseAudioServerConnection::onListDone() {
-  if (--listsPending_ > 0) return;
-  synchronised_ = true;
-  retryDelay_ = options_.firstRetryDelay;
-  if (inOutage_) {
-    inOutage_ = false;
-    const char* server = context_ ? pa_context_get_server(context_) : nullptr;
-    log(std::string("PulseAudio: connected to the server at ") +
-        (server ? server : "(unknown address)"));
+void PulseAudioServerConnection::settle() {
+  // Answers come in the order the requests went out, and events in the order things happened, so
+  // the copy matches one moment of the server only when nothing asked for is still on its way.
+  // Handing it over earlier could show half a change: the end of one stream without the stream
+  // that took its place, a microphone idle for a moment while it never was.
+  if (listsPending_ > 0 || fetchesPending_ > 0) return;
+  if (!synchronised_) {
+    synchronised_ = true;
+    retryDelay_ = options_.firstRetryDelay;
+    if (inOutage_) {
+      inOutage_ = false;
+      const char* server = context_ ? pa_context_get_server(context_) : nullptr;
+      log(std::string("PulseAudio: connected to the server at ") +
+          (server ? server : "(unknown address)"));
+    }
+    unpublishedChange_ = false;
+    handler_(state_);
+    endFirstAttempt();
+    return;
   }
-  publish();
-  endFirstAttempt();
+  if (!unpublishedChange_) return;
+  unpublishedChange_ = false;
+  handler_(state_);
 }
 
 void PulseAudioServerConnection::onFailed(pa_context* context) {
@@ -265,6 +278,8 @@ void PulseAudioServerConnection::onFailed(pa_context* context) {
   retired_.push_back(context);
   context_ = nullptr;
   listsPending_ = 0;
+  fetchesPending_ = 0;
+  unpublishedChange_ = false;
 
   const bool hadState = synchronised_;
   synchronised_ = false;
@@ -329,39 +344,44 @@ void PulseAudioServerConnection::onServerEvent(unsigned facility, unsigned type,
     default:
       break;
   }
-  if (changed) publish();
+  if (changed) unpublishedChange_ = true;
+  settle();
 }
 
 void PulseAudioServerConnection::fetch(unsigned facility, std::uint32_t index) {
   // A fetch that finds nothing (the object went away meanwhile) is followed by its removal event.
+  pa_operation* operation = nullptr;
   switch (facility) {
     case PA_SUBSCRIPTION_EVENT_SOURCE:
-      Release(pa_context_get_source_info_by_index(
-          context_, index, &received<pa_source_info, kSources, kSource, false>, this));
+      operation = pa_context_get_source_info_by_index(
+          context_, index, &received<pa_source_info, kSources, kSource, false>, this);
       break;
     case PA_SUBSCRIPTION_EVENT_SINK:
-      Release(pa_context_get_sink_info_by_index(
-          context_, index, &received<pa_sink_info, kSinks, kSink, false>, this));
+      operation = pa_context_get_sink_info_by_index(
+          context_, index, &received<pa_sink_info, kSinks, kSink, false>, this);
       break;
     case PA_SUBSCRIPTION_EVENT_CARD:
-      Release(pa_context_get_card_info_by_index(
-          context_, index, &received<pa_card_info, kCards, kCard, false>, this));
+      operation = pa_context_get_card_info_by_index(
+          context_, index, &received<pa_card_info, kCards, kCard, false>, this);
       break;
     case PA_SUBSCRIPTION_EVENT_CLIENT:
-      Release(pa_context_get_client_info(
-          context_, index, &received<pa_client_info, kClients, kClient, false>, this));
+      operation = pa_context_get_client_info(
+          context_, index, &received<pa_client_info, kClients, kClient, false>, this);
       break;
     case PA_SUBSCRIPTION_EVENT_SOURCE_OUTPUT:
-      Release(pa_context_get_source_output_info(
-          context_, index, &received<pa_source_output_info, kRecordings, kRecording, false>, this));
+      operation = pa_context_get_source_output_info(
+          context_, index, &received<pa_source_output_info, kRecordings, kRecording, false>, this);
       break;
     case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
-      Release(pa_context_get_sink_input_info(
-          context_, index, &received<pa_sink_input_info, kPlaybacks, kPlayback, false>, this));
+      operation = pa_context_get_sink_input_info(
+          context_, index, &received<pa_sink_input_info, kPlaybacks, kPlayback, false>, this);
       break;
     default:
       break;
   }
+  if (!operation) return;
+  ++fetchesPending_;
+  pa_operation_unref(operation);
 }
 
 template <class Info, auto Member, auto Convert, bool kList>
@@ -369,17 +389,18 @@ void PulseAudioServerConnection::received(pa_context* context, const Info* info,
                                           void* userdata) {
   auto* self = static_cast<PulseAudioServerConnection*>(userdata);
   if (context != self->context_) return;  // about a context that has failed since
-  const bool changed = info && Store(self->state_.*Member, info->index, Convert(*info));
-  if constexpr (kList) {
-    // A list ends with one call that has `eol` set (negative on error).
-    if (eol != 0) self->onListDone();
-  } else {
-    if (changed) self->publish();
+  if (info && Store(self->state_.*Member, info->index, Convert(*info))) {
+    self->unpublishedChange_ = true;
   }
-}
-
-void PulseAudioServerConnection::publish() {
-  if (synchronised_) handler_(state_);
+  // Lists and single fetches alike end with one call that has `eol` set (negative on error or
+  // when the object went away).
+  if (eol == 0) return;
+  if constexpr (kList) {
+    --self->listsPending_;
+  } else {
+    --self->fetchesPending_;
+  }
+  self->settle();
 }
 
 }  // namespace harkwell

@@ -33,9 +33,10 @@ namespace harkwell {
 
 class PulseAudioServerConnection {
  public:
-  // Runs on the loop thread, with the server's whole state: after every change once the state is
-  // complete, and with an empty state when the server goes away. It must not block and must not
-  // call back into the connection.
+  // Runs on the loop thread, with the server's whole state: once the state is complete, then after
+  // changes whenever no fetch is still on its way (so a change that reached the copy in parts is
+  // handed over whole), and with an empty state when the server goes away. It must not block and
+  // must not call back into the connection.
   using StateHandler = std::function<void(const PulseServerState& state)>;
 
   struct Options {
@@ -71,9 +72,10 @@ class PulseAudioServerConnection {
   void connect();
   void onReady();
   void onFailed(pa_context* context);
-  void onListDone();
   void scheduleReconnect();
-  void publish();
+  // Hands the state over when no list or fetch is outstanding: the first time once synchronised,
+  // later when something changed since the last handover.
+  void settle();
   void endFirstAttempt();
   void releaseRetiredContexts();
 
@@ -103,6 +105,8 @@ class PulseAudioServerConnection {
   std::chrono::milliseconds retryDelay_;
   PulseServerState state_;
   int listsPending_ = 0;
+  int fetchesPending_ = 0;
+  bool unpublishedChange_ = false;
   bool synchronised_ = false;
   // Between a failed first attempt or a lost server and the next synchronisation.
   bool inOutage_ = false;
