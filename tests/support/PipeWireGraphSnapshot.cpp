@@ -89,8 +89,9 @@ class GraphFollower {
       };
       events.error = [](void* data, std::uint32_t id, int, int res, const char* message) {
         auto* self = static_cast<GraphFollower*>(data);
-        // Errors about an object (one that vanished while bound) are not the connection's.
-        if (id != PW_ID_CORE) return;
+        // Only a broken connection is fatal; errors about an object that vanished while it was
+        // asked about are not the connection's, even when the core reports them.
+        if (id != PW_ID_CORE || res != -EPIPE) return;
         self->error_ = std::string("PipeWire connection failed: ") + std::strerror(-res) + " (" +
                        (message ? message : "") + ")";
         pw_main_loop_quit(self->loop_);

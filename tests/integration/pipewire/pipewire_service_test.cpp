@@ -394,6 +394,26 @@ TEST_F(PipeWireServiceTest, LogLinesAreWrittenByTheCreatorOrTheLogQueueNeverByPi
   }
 }
 
+// Nodes and clients that vanish as soon as they appear: the service binds each one as the daemon
+// destroys it, and the daemon answers the requests about it with errors that it sends through
+// the core. Those concern the object, not the connection.
+TEST_F(PipeWireServiceTest, ObjectsVanishingWhileTheyAreBoundLeaveTheConnectionUp) {
+  ASSERT_NO_FATAL_FAILURE(startStackAndService());
+  LogLines log;
+  for (int i = 0; i < 20; ++i) {
+    // Without object.linger the node goes with the pw-cli that made it.
+    ASSERT_EQ(stack_.runToEnd({"pw-cli", "create-node", "adapter",
+                               "{ factory.name=support.null-audio-sink "
+                               "media.class=Audio/Source/Virtual node.name=harkwell_fleeting_" +
+                                   std::to_string(i) + " }"},
+                              "pw-cli-fleeting"),
+              "");
+  }
+  ASSERT_NO_FATAL_FAILURE(addBarrierNode("harkwell_barrier"));
+  EXPECT_EQ(log.texts(), std::vector<std::string>{}) << "the connection was never lost";
+  EXPECT_EQ(DeviceIDs(*service_).size(), 3u) << "the sink, the microphone and the barrier";
+}
+
 TEST_F(PipeWireServiceTest, ListenersNeedAPresentObjectAndRemovedOnesAreNotCalled) {
   ASSERT_NO_FATAL_FAILURE(startStackAndService());
   PropertyProbe absent(*service_, 99999, kRunning, queue_);

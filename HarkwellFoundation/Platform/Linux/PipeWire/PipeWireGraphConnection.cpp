@@ -232,8 +232,10 @@ void PipeWireGraphConnection::connect() {
       if (id == PW_ID_CORE) static_cast<PipeWireGraphConnection*>(data)->onSynced(seq);
     };
     events.error = [](void* data, std::uint32_t id, int, int res, const char* message) {
-      // Errors about one object (bound as it went away) leave the connection as it is.
-      if (id != PW_ID_CORE) return;
+      // Only a broken connection ends it: the core also reports errors that concern one object
+      // (a request about something the daemon has just destroyed comes back as "unknown
+      // resource"), and the connection goes on working after those.
+      if (id != PW_ID_CORE || res != -EPIPE) return;
       auto* self = static_cast<PipeWireGraphConnection*>(data);
       self->lostReason_ = std::strerror(-res);
       if (message && *message) self->lostReason_ += std::string(": ") + message;
