@@ -80,16 +80,11 @@ std::set<ServerDevice> ClientDevices(const View& view) {
 class PulseAudioServerFaultTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!PrivatePulseServer::isInstalled()) {
-      FAIL() << "the pulseaudio program is not installed (Debian package pulseaudio)";
-    }
     if (!ChildProcess::findProgram("pactl")) {
       FAIL() << "the pactl program is not installed (Debian package pulseaudio-utils)";
     }
     ASSERT_EQ(server_.start(), "");
-    PulseAudioHardwareService::Options options;
-    options.server = server_.address();
-    service_ = PulseAudioHardwareService::create(options);
+    service_ = server_.connectService();
     ASSERT_TRUE(service_);
     services_.install(service_, SimulatedVideoHardwareService::create());
     // The service logs each lost connection; those lines are expected here.

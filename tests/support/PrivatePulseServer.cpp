@@ -39,6 +39,7 @@ PrivatePulseServer::~PrivatePulseServer() {
 }
 
 std::string PrivatePulseServer::start(std::chrono::milliseconds deadline) {
+  if (!isInstalled()) return "the pulseaudio program is not installed (Debian package pulseaudio)";
   if (folder_.empty()) return "cannot make a temporary folder";
   if (daemon_.isRunning()) return "already running";
   // The daemon sees only these variables: its own folders, and no display or session bus.
@@ -72,6 +73,12 @@ std::string PrivatePulseServer::start(std::chrono::milliseconds deadline) {
   if (!daemon_.start(argv, environment, outputPath_, &error)) return error;
   return WaitForDaemonSocket(daemon_, "pulseaudio", socketPath_, deadline,
                              [this] { return output(); });
+}
+
+std::shared_ptr<PulseAudioHardwareService> PrivatePulseServer::connectService() const {
+  PulseAudioHardwareService::Options options;
+  options.server = address();
+  return PulseAudioHardwareService::create(options);
 }
 
 std::string PrivatePulseServer::startRecorder(ChildProcess& recorder, const std::string& source) {

@@ -8,8 +8,10 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <string>
 
+#include "HarkwellFoundation/Platform/Linux/PulseAudio/PulseAudioHardwareService.h"
 #include "tests/support/ChildProcess.h"
 
 namespace harkwell::testing {
@@ -32,8 +34,12 @@ class PrivatePulseServer {
   PrivatePulseServer& operator=(const PrivatePulseServer&) = delete;
 
   // Starts the daemon and waits until its socket accepts connections (its devices are loaded by
-  // then). Empty on success; otherwise why not, with the daemon's output.
+  // then). Empty on success; otherwise why not: the program is not installed, or the daemon's
+  // output.
   std::string start(std::chrono::milliseconds deadline = std::chrono::seconds(10));
+  // A PulseAudio service connected to this server, created as a client would create it (it waits
+  // for the server's whole state); null when it could not be made.
+  std::shared_ptr<PulseAudioHardwareService> connectService() const;
   // Ends the daemon abruptly (a crash, as clients see it) and waits for it to be gone.
   void kill();
   // Asks the daemon to exit and waits for it.

@@ -25,13 +25,8 @@ using namespace testing;
 class PulseAudioConsumersTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!PrivatePulseServer::isInstalled()) {
-      FAIL() << "the pulseaudio program is not installed (Debian package pulseaudio)";
-    }
     ASSERT_EQ(server_.start(), "");
-    PulseAudioHardwareService::Options options;
-    options.server = server_.address();
-    service_ = PulseAudioHardwareService::create(options);
+    service_ = server_.connectService();
     ASSERT_TRUE(service_);
     const auto microphone = DeviceWithUID(*service_, PrivatePulseServer::kNullSourceName);
     ASSERT_TRUE(microphone);

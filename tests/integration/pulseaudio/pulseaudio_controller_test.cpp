@@ -54,13 +54,8 @@ std::size_t Count(const std::vector<Event>& events, MediaDeviceEvent event) {
 class PulseAudioControllerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!PrivatePulseServer::isInstalled()) {
-      FAIL() << "the pulseaudio program is not installed (Debian package pulseaudio)";
-    }
     ASSERT_EQ(server_.start(), "");
-    PulseAudioHardwareService::Options options;
-    options.server = server_.address();
-    service_ = PulseAudioHardwareService::create(options);
+    service_ = server_.connectService();
     ASSERT_TRUE(service_);
     // No cameras: the client hears of audio devices only.
     services_.install(service_, SimulatedVideoHardwareService::create());
