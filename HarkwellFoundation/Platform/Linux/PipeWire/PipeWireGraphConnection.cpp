@@ -281,6 +281,8 @@ void PipeWireGraphConnection::disconnect() {
   }
   graph_ = PipeWireGraph();
   nodesAwaitingInfo_.clear();
+  awaitingNewObjects_ = false;
+  changeHeld_ = false;
 }
 
 void PipeWireGraphConnection::onDaemonLost(const std::string& reason) {
@@ -343,11 +345,18 @@ void PipeWireGraphConnection::onSynced(int seq) {
     endFirstAttempt();
     return;
   }
-  if (routesChanged) publish();
+  awaitingNewObjects_ = false;
+  if (routesChanged || changeHeld_) publish();
 }
 
 void PipeWireGraphConnection::publish() {
-  if (synchronised_) handler_(graph_);
+  if (!synchronised_) return;
+  if (awaitingNewObjects_) {
+    changeHeld_ = true;
+    return;
+  }
+  changeHeld_ = false;
+  handler_(graph_);
 }
 
 void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const spa_dict* props) {
@@ -457,7 +466,11 @@ void PipeWireGraphConnection::onGlobal(std::uint32_t id, const char* type, const
   }
   // Until the first graph is complete, each new object's info must arrive before it is handed
   // over; the round trip after the bind tells when it has.
-  if (!synchronised_) requestSync();
+  // The round trip after the bind tells when the new object's info has arrived. Until then the
+  // first graph waits for it, and so does any later change: a change handed over before would miss
+  // the new object, such as a recorder that took over from one that just left.
+  requestSync();
+  if (synchronised_) awaitingNewObjects_ = true;
   publish();
 }
 

@@ -6,7 +6,9 @@
 //
 // The first graph is handed over once the daemon has answered a round trip after every object it
 // announced at connection and every bound object's first info; from then on every change is
-// handed over as it arrives, and a device's routes once all of a changed param have arrived.
+// handed over as it arrives, except while a newly bound object's first info is on its way (then
+// once the round trip after its bind is answered), and a device's routes once all of a changed
+// param have arrived.
 //
 // Unless told not to, it writes one log line when no daemon answers at start-up (or not in the
 // time the owner waits), one when the daemon goes away, and one when it connects after either;
@@ -125,6 +127,10 @@ class PipeWireGraphConnection {
   int latestSync_ = 0;
   int lastEnumSeq_ = 0;
   bool synchronised_ = false;
+  // Objects bound since the latest round trip was asked for, whose first info may still be on
+  // its way; and a change held back until it has arrived.
+  bool awaitingNewObjects_ = false;
+  bool changeHeld_ = false;
   // Between a failed first attempt or a lost daemon and the next synchronisation.
   bool inOutage_ = false;
 
